@@ -1,0 +1,195 @@
+#pragma once
+// Host (Linux workstation) implementation of the platform that liborvcam_camdeliver calls:
+// logger, debug print, properties, tracing, assertion and a simulated pipe manager. This
+// header is the host's own control surface for tests, tools and the simulator; the library
+// never includes it.
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "pipemgr/IPipeMgr.h"
+
+namespace orvcam {
+namespace host {
+
+// ---- Logger -------------------------------------------------------------------------------
+//
+// Lines go to stderr in logcat "threadtime" layout:
+//   "MM-DD HH:MM:SS.mmm  PID  TID L TAG: message"
+// Settings are read once at start-up from ORVCAM_ULOG_LEVEL (detail level, default 2: errors
+// and warnings), ORVCAM_ULOG_MASK (default 0x401000) and ORVCAM_ULOG_MODE (default 2: the
+// unified logger only). Each accepts decimal or 0x-prefixed hex.
+
+struct LoggerSettings {
+  int detailsLevel;
+  uint32_t mask;
+  int mode;
+};
+LoggerSettings loggerSettings();
+void applyLoggerSettings(const LoggerSettings& settings);
+
+// One written line. `level` is the level letter: 'E', 'W', 'I', 'D', 'V' or 'F'.
+struct LogLine {
+  char level;
+  std::string tag;
+  std::string message;
+  // Which sink wrote it: the unified logger or the debug-print facility.
+  enum class Sink { ULogger, DebugPrint, Assert } sink;
+};
+
+// Collects every line written while it lives (all threads), in write order. While a capture
+// is active, lines are not echoed to stderr unless `echo` is true. Captures nest; the
+// innermost one collects. Fatal assertion lines always go to stderr as well.
+class LogCapture {
+ public:
+  explicit LogCapture(bool echo = false);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogLine> lines() const;
+  // Messages only, optionally of one tag and/or level letter (0 = any).
+  std::vector<std::string> messages(const std::string& tag = "", char level = 0) const;
+  // Whether some message equals `message` exactly.
+  bool has(const std::string& message) const;
+  // How many messages equal `message` exactly.
+  size_t count(const std::string& message) const;
+  void clear();
+
+  // Internal: called by the logger.
+  void add(LogLine line);
+
+ private:
+  mutable std::mutex mMutex;
+  std::vector<LogLine> mLines;
+  bool mEcho;
+  LogCapture* mOuter;
+};
+
+// Formats a line exactly as the logger writes it to stderr (for tools that print their own).
+std::string formatLogcatLine(char level, const std::string& tag, const std::string& message);
+
+// ---- Debug-print facility -----------------------------------------------------------------
+//
+// g_logInfoLv has one record per cam_debug_level_t: enabled for debug, error and warning,
+// with prefixes "D/", "E/", "W/", "I/", "V/". Its lines go to the same output as the logger,
+// with the level letter of their debug-print level.
+void setDebugPrintEnabled(int level, bool enabled);
+
+// ---- Properties ---------------------------------------------------------------------------
+//
+// An in-process store, seeded at start-up from the file named by ORVCAM_PROPERTY_FILE
+// (Android's "key=value" lines; '#' starts a comment; blank lines ignored).
+void setProperty(const std::string& key, const std::string& value);
+void clearProperty(const std::string& key);
+void clearProperties();
+// Loads a property file into the store. False, with a message naming the file and line, on
+// an unreadable file or a malformed line.
+bool loadPropertyFile(const std::string& path, std::string* error);
+// Empty when unset.
+std::string getProperty(const std::string& key);
+
+// ---- Tracing ------------------------------------------------------------------------------
+//
+// atrace_get_enabled_tags() answers the mask set here, initially ORVCAM_TRACE_TAGS (default
+// 0). When a trace file is open (ORVCAM_TRACE_FILE at start-up, or openTraceFile), every
+// ULogger::trace begin/end and the calls below become Chrome JSON trace events ("B", "E",
+// "i", and thread-name metadata) with microsecond timestamps, one track per thread. The file
+// is closed and made valid JSON by closeTraceFile() or at exit.
+void setTraceTags(uint64_t tags);
+bool openTraceFile(const std::string& path, std::string* error);
+void closeTraceFile();
+bool traceFileOpen();
+void traceBegin(const std::string& name);
+void traceEnd(const std::string& name);
+void traceInstant(const std::string& name);
+void traceThreadName(const std::string& name);
+
+// ---- Pipe manager -------------------------------------------------------------------------
+
+using NSCam::camsys::pipemgr::isp7::ConfigParam;
+using NSCam::camsys::pipemgr::isp7::IPipeMgr;
+using NSCam::camsys::pipemgr::isp7::IRequestLicense;
+
+// A licence of the host pipe manager: carries its FD and a serial number unique in the
+// process.
+class HostLicense : public IRequestLicense {
+ public:
+  int32_t getFD() const override { return mFd; }
+  uint64_t serial() const { return mSerial; }
+  ~HostLicense() override;
+
+ private:
+  friend class HostPipeMgr;
+  HostLicense(class HostPipeMgr* owner, int32_t fd, uint64_t serial)
+      : mOwner(owner), mFd(fd), mSerial(serial) {}
+  class HostPipeMgr* mOwner;
+  int32_t mFd;
+  uint64_t mSerial;
+  bool mReleased = false;
+};
+
+struct LicenseAccount {
+  uint64_t acquired = 0;
+  uint64_t released = 0;   // handed back through releaseLicense
+  uint64_t destroyed = 0;  // destroyed without having been released
+  uint64_t live() const { return acquired - released - destroyed; }
+  bool balanced() const { return live() == 0; }
+};
+
+struct ConfigureCall {
+  ConfigParam config;  // copy of what was passed (zeroes for a null pointer)
+  int32_t fd;          // the licence's FD, -1 for a null licence
+  uint64_t serial;     // the licence's serial, 0 for a null or foreign licence
+};
+
+// What happened to a licence, for observers.
+enum class LicenseEvent { Acquired, Released, Destroyed };
+
+// Thread-safe simulated pipe manager. FDs come from a counter starting at 1; a licence for
+// an FD carries that FD. releaseLicense takes the licence out of the caller's pointer.
+class HostPipeMgr : public IPipeMgr {
+ public:
+  HostPipeMgr();
+  ~HostPipeMgr() override;
+
+  std::unique_ptr<IRequestLicense> acquireLicense() override;
+  std::unique_ptr<IRequestLicense> acquireLicenseForFD(int32_t fd) override;
+  void releaseLicense(std::unique_ptr<IRequestLicense>& license, bool flag1, bool flag2) override;
+  std::map<uint32_t, std::tuple<uint32_t, int32_t, int32_t>> configure(
+      const std::shared_ptr<ConfigParam>& config,
+      std::unique_ptr<IRequestLicense>& license) override;
+
+  LicenseAccount account() const;
+  std::vector<ConfigureCall> configureCalls() const;
+  // Called (under no lock of the manager) for every acquire, release and destruction
+  // without release, with the licence's serial and FD. Set before use; not thread-safe to
+  // change while licences are in flight.
+  void setObserver(std::function<void(LicenseEvent, uint64_t serial, int32_t fd)> observer);
+  // Back to a fresh state: counters, FD counter and recorded calls.
+  void reset();
+
+ private:
+  friend class HostLicense;
+  void onDestroyed(HostLicense* license);
+  void notify(LicenseEvent event, uint64_t serial, int32_t fd);
+
+  mutable std::mutex mMutex;
+  int32_t mNextFd = 1;
+  uint64_t mNextSerial = 1;
+  LicenseAccount mAccount;
+  std::vector<ConfigureCall> mConfigureCalls;
+  std::function<void(LicenseEvent, uint64_t, int32_t)> mObserver;
+};
+
+// The process's host pipe manager, which IPipeMgr::getInstance() answers unless replaced.
+std::shared_ptr<HostPipeMgr> hostPipeMgr();
+// Makes IPipeMgr::getInstance() answer `instance` (for example a GoogleMock mock); nullptr
+// restores the host pipe manager. Affects objects created afterwards.
+void setPipeMgrInstance(std::shared_ptr<IPipeMgr> instance);
+
+}  // namespace host
+}  // namespace orvcam
