@@ -1,0 +1,152 @@
+#define CD_LOG_TAG "OrvCam/FrameContextPool"
+
+#include "FrameContextPool.h"
+
+#include <string>
+
+#include "CamDeliverLog.h"
+
+namespace NSCam {
+namespace camsys {
+namespace camcoordinator {
+
+FrameContextPool::FrameContextPool() : logLevel(CamDeliver::mLogLevel) {}
+
+void FrameContextPool::emplace(uint32_t frameNo, std::shared_ptr<const FrameContext> fc) {
+  std::lock_guard<std::mutex> lock(mutex);
+  pool.emplace(frameNo, std::move(fc));
+  if (pool.size() < kMaxRecords) return;
+  std::string frames;
+  for (const auto& entry : pool) frames += std::to_string(entry.first) + " ";
+  CD_FATAL("FCPool size > %d : %s", static_cast<int>(kMaxRecords), frames.c_str());
+}
+
+std::shared_ptr<const FrameContext> FrameContextPool::tryGet(uint32_t frameNo) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto it = pool.find(frameNo);
+  return it == pool.end() ? nullptr : it->second;
+}
+
+bool FrameContextPool::exist(uint32_t frameNo) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return pool.count(frameNo) != 0;
+}
+
+std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sensorId,
+                                                                    uint32_t frameNo) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (frameNo == kNoFrame) {
+    for (auto it = pool.rbegin(); it != pool.rend(); ++it) {
+      if (!it->second) continue;
+      if (it->second->getIsEnqued(sensorId)) {
+        CD_LOGD("[%s] get latest frameNo(%d)", it->first);
+        return it->second;
+      }
+    }
+    return nullptr;
+  }
+
+  auto current = pool.find(frameNo);
+  if (current == pool.end()) return nullptr;
+  uint64_t currentOrder;
+  {
+    const FrameContext& fc = *current->second;
+    std::lock_guard<std::mutex> fcLock(fc.mutex);
+    currentOrder = fc.sensorStates[sensorId].order;
+  }
+  // The previous frame is the highest-numbered one prepared earlier in the sensor's order,
+  // which need not be the next lower frame number.
+  for (auto it = pool.rbegin(); it != pool.rend(); ++it) {
+    if (!it->second) continue;
+    const FrameContext& fc = *it->second;
+    if (!fc.getIsPrepared(sensorId)) continue;
+    uint64_t order;
+    {
+      std::lock_guard<std::mutex> fcLock(fc.mutex);
+      order = fc.sensorStates[sensorId].order;
+    }
+    if (order < currentOrder) {
+      CD_LOGD("[%s] [S:%d F:%d] get previous frameNo(%d) order(%ld) < currentOrder(%ld)",
+              sensorId, frameNo, it->first, order, currentOrder);
+      return it->second;
+    }
+  }
+  return nullptr;
+}
+
+void FrameContextPool::erase(uint32_t frameNo) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (pool.erase(frameNo) == 0) CD_LOGW("[%s] [F:%d] FC not exist, skip", frameNo);
+}
+
+bool FrameContextPool::isEmpty(uint32_t sensorId) {
+  std::lock_guard<std::mutex> lock(mutex);
+  for (const auto& entry : pool) {
+    if (entry.second->getNeedEnqList().count(sensorId)) {
+      CD_LOGW("[%s] not empty, S:%d F:%d still there ...", sensorId, entry.first);
+      return false;
+    }
+  }
+  return true;
+}
+
+template <typename Pred>
+std::set<uint32_t> FrameContextPool::framesWhere(Pred pred) {
+  std::lock_guard<std::mutex> lock(mutex);
+  std::set<uint32_t> frames;
+  for (const auto& entry : pool) {
+    if (pred(*entry.second)) frames.insert(entry.first);
+  }
+  return frames;
+}
+
+namespace {
+
+bool needsEnq(const FrameContext& fc, uint32_t sensorId) {
+  return fc.getNeedEnqList().count(sensorId) != 0;
+}
+
+// In frame sync for the sensor: it must be enqueued, the sync holds, and it is in the list.
+bool inLiveSync(const FrameContext& fc, uint32_t sensorId) {
+  if (!needsEnq(fc, sensorId)) return false;
+  std::lock_guard<std::mutex> fcLock(fc.mutex);
+  return !fc.syncBroken && fc.syncList.count(sensorId) != 0;
+}
+
+}  // namespace
+
+std::set<uint32_t> FrameContextPool::getEnquedFrames(uint32_t sensorId) {
+  return framesWhere([sensorId](const FrameContext& fc) {
+    return needsEnq(fc, sensorId) && fc.getIsEnqued(sensorId);
+  });
+}
+
+std::set<uint32_t> FrameContextPool::getSyncFrames(uint32_t sensorId) {
+  return framesWhere([sensorId](const FrameContext& fc) { return inLiveSync(fc, sensorId); });
+}
+
+std::set<uint32_t> FrameContextPool::getEnquedSyncFrames(uint32_t sensorId) {
+  return framesWhere([sensorId](const FrameContext& fc) {
+    return inLiveSync(fc, sensorId) && fc.getIsEnqued(sensorId);
+  });
+}
+
+std::set<uint32_t> FrameContextPool::getPreparedFramesInMap(uint32_t sensorId) {
+  return framesWhere([sensorId](const FrameContext& fc) {
+    bool inMap;
+    {
+      std::lock_guard<std::mutex> fcLock(fc.mutex);
+      inMap = fc.inMapList.count(sensorId) != 0;
+    }
+    return inMap && fc.getIsPrepared(sensorId);
+  });
+}
+
+void FrameContextPool::clear() {
+  std::lock_guard<std::mutex> lock(mutex);
+  pool.clear();
+}
+
+}  // namespace camcoordinator
+}  // namespace camsys
+}  // namespace NSCam
