@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pipemgr/IPipeMgr.h"
@@ -69,7 +70,8 @@ class LogCapture {
   LogCapture* mOuter;
 };
 
-// Formats a line exactly as the logger writes it to stderr (for tools that print their own).
+// Formats a line exactly as the logger writes it to stderr (for tools that print their own),
+// without the final newline. A message of several lines gives several prefixed lines.
 std::string formatLogcatLine(char level, const std::string& tag, const std::string& message);
 
 // ---- Debug-print facility -----------------------------------------------------------------
@@ -114,6 +116,12 @@ using NSCam::camsys::pipemgr::isp7::ConfigParam;
 using NSCam::camsys::pipemgr::isp7::IPipeMgr;
 using NSCam::camsys::pipemgr::isp7::IRequestLicense;
 
+namespace detail {
+// Book-keeping of one HostPipeMgr, shared with its licences so that a licence outliving its
+// manager can still be accounted for safely.
+struct PipeMgrState;
+}  // namespace detail
+
 // A licence of the host pipe manager: carries its FD and a serial number unique in the
 // process.
 class HostLicense : public IRequestLicense {
@@ -124,9 +132,11 @@ class HostLicense : public IRequestLicense {
 
  private:
   friend class HostPipeMgr;
-  HostLicense(class HostPipeMgr* owner, int32_t fd, uint64_t serial)
-      : mOwner(owner), mFd(fd), mSerial(serial) {}
-  class HostPipeMgr* mOwner;
+  HostLicense(std::shared_ptr<detail::PipeMgrState> state, uint64_t generation, int32_t fd,
+              uint64_t serial)
+      : mState(std::move(state)), mGeneration(generation), mFd(fd), mSerial(serial) {}
+  std::shared_ptr<detail::PipeMgrState> mState;
+  uint64_t mGeneration;  // the manager's reset count when the licence was handed out
   int32_t mFd;
   uint64_t mSerial;
   bool mReleased = false;
@@ -169,20 +179,12 @@ class HostPipeMgr : public IPipeMgr {
   // without release, with the licence's serial and FD. Set before use; not thread-safe to
   // change while licences are in flight.
   void setObserver(std::function<void(LicenseEvent, uint64_t serial, int32_t fd)> observer);
-  // Back to a fresh state: counters, FD counter and recorded calls.
+  // Back to a fresh state: counters, FD counter and recorded calls. Licences handed out
+  // before the reset are no longer counted when they are released or destroyed.
   void reset();
 
  private:
-  friend class HostLicense;
-  void onDestroyed(HostLicense* license);
-  void notify(LicenseEvent event, uint64_t serial, int32_t fd);
-
-  mutable std::mutex mMutex;
-  int32_t mNextFd = 1;
-  uint64_t mNextSerial = 1;
-  LicenseAccount mAccount;
-  std::vector<ConfigureCall> mConfigureCalls;
-  std::function<void(LicenseEvent, uint64_t, int32_t)> mObserver;
+  std::shared_ptr<detail::PipeMgrState> mState;
 };
 
 // The process's host pipe manager, which IPipeMgr::getInstance() answers unless replaced.
