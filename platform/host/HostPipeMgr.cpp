@@ -1,0 +1,193 @@
+// Host pipe manager: hands out request licences, counts what becomes of them and records
+// configure calls, so that tests and the simulator can check the library's licence traffic.
+#include <atomic>
+
+#include "HostPlatform.h"
+
+namespace NSCam {
+namespace camsys {
+namespace pipemgr {
+namespace isp7 {
+
+IRequestLicense::~IRequestLicense() = default;
+ILicenseMgr::~ILicenseMgr() = default;
+IPipeMgr::~IPipeMgr() = default;
+
+}  // namespace isp7
+}  // namespace pipemgr
+}  // namespace camsys
+}  // namespace NSCam
+
+namespace orvcam {
+namespace host {
+
+using Observer = std::function<void(LicenseEvent, uint64_t, int32_t)>;
+
+namespace detail {
+
+struct PipeMgrState {
+  std::mutex mutex;
+  int32_t nextFd = 1;
+  uint64_t generation = 0;  // bumped by reset(); older licences are no longer counted
+  bool managerAlive = true;
+  LicenseAccount account;
+  std::vector<ConfigureCall> configureCalls;
+  // Copied under the lock and called outside it, so an observer may call the manager.
+  std::shared_ptr<const Observer> observer;
+};
+
+}  // namespace detail
+
+namespace {
+
+// Serials are unique across managers and resets.
+std::atomic<uint64_t> gNextSerial{1};
+
+void notify(const std::shared_ptr<const Observer>& observer, LicenseEvent event,
+            uint64_t serial, int32_t fd) {
+  if (observer && *observer) (*observer)(event, serial, fd);
+}
+
+}  // namespace
+
+HostLicense::~HostLicense() {
+  if (mReleased) return;
+  std::shared_ptr<const Observer> observer;
+  {
+    std::lock_guard<std::mutex> lock(mState->mutex);
+    if (mGeneration != mState->generation) return;
+    ++mState->account.destroyed;
+    // The observer belongs to the manager; once the manager is gone nobody listens.
+    if (mState->managerAlive) observer = mState->observer;
+  }
+  notify(observer, LicenseEvent::Destroyed, mSerial, mFd);
+}
+
+HostPipeMgr::HostPipeMgr() : mState(std::make_shared<detail::PipeMgrState>()) {}
+
+HostPipeMgr::~HostPipeMgr() {
+  std::lock_guard<std::mutex> lock(mState->mutex);
+  mState->managerAlive = false;
+  mState->observer.reset();
+}
+
+std::unique_ptr<IRequestLicense> HostPipeMgr::acquireLicense() {
+  int32_t fd;
+  {
+    std::lock_guard<std::mutex> lock(mState->mutex);
+    fd = mState->nextFd++;
+  }
+  return acquireLicenseForFD(fd);
+}
+
+std::unique_ptr<IRequestLicense> HostPipeMgr::acquireLicenseForFD(int32_t fd) {
+  uint64_t serial = gNextSerial.fetch_add(1, std::memory_order_relaxed);
+  std::shared_ptr<const Observer> observer;
+  uint64_t generation;
+  {
+    std::lock_guard<std::mutex> lock(mState->mutex);
+    ++mState->account.acquired;
+    generation = mState->generation;
+    observer = mState->observer;
+  }
+  std::unique_ptr<IRequestLicense> license(new HostLicense(mState, generation, fd, serial));
+  notify(observer, LicenseEvent::Acquired, serial, fd);
+  return license;
+}
+
+void HostPipeMgr::releaseLicense(std::unique_ptr<IRequestLicense>& license, bool /*flag1*/,
+                                 bool /*flag2*/) {
+  std::unique_ptr<IRequestLicense> taken = std::move(license);
+  if (!taken) return;
+  auto* host = dynamic_cast<HostLicense*>(taken.get());
+  // A licence of another manager (or not of the host at all) is only destroyed here; its own
+  // manager counts it as destroyed without release.
+  if (host == nullptr || host->mState != mState) return;
+  host->mReleased = true;
+  std::shared_ptr<const Observer> observer;
+  {
+    std::lock_guard<std::mutex> lock(mState->mutex);
+    if (host->mGeneration != mState->generation) return;
+    ++mState->account.released;
+    observer = mState->observer;
+  }
+  notify(observer, LicenseEvent::Released, host->mSerial, host->mFd);
+}
+
+std::map<uint32_t, std::tuple<uint32_t, int32_t, int32_t>> HostPipeMgr::configure(
+    const std::shared_ptr<ConfigParam>& config, std::unique_ptr<IRequestLicense>& license) {
+  ConfigureCall call{config ? *config : ConfigParam{}, -1, 0};
+  if (license) {
+    call.fd = license->getFD();
+    auto* host = dynamic_cast<HostLicense*>(license.get());
+    if (host != nullptr && host->mState == mState) call.serial = host->mSerial;
+  }
+  {
+    std::lock_guard<std::mutex> lock(mState->mutex);
+    mState->configureCalls.push_back(call);
+  }
+  return {{call.config.sensorId, std::make_tuple(call.config.frameNo, call.fd, 0)}};
+}
+
+LicenseAccount HostPipeMgr::account() const {
+  std::lock_guard<std::mutex> lock(mState->mutex);
+  return mState->account;
+}
+
+std::vector<ConfigureCall> HostPipeMgr::configureCalls() const {
+  std::lock_guard<std::mutex> lock(mState->mutex);
+  return mState->configureCalls;
+}
+
+void HostPipeMgr::setObserver(std::function<void(LicenseEvent, uint64_t, int32_t)> observer) {
+  auto shared = observer ? std::make_shared<const Observer>(std::move(observer)) : nullptr;
+  std::lock_guard<std::mutex> lock(mState->mutex);
+  mState->observer = std::move(shared);
+}
+
+void HostPipeMgr::reset() {
+  std::lock_guard<std::mutex> lock(mState->mutex);
+  ++mState->generation;
+  mState->nextFd = 1;
+  mState->account = LicenseAccount{};
+  mState->configureCalls.clear();
+}
+
+namespace {
+
+// Leaked on purpose: licences and the library's objects may outlive static destruction.
+struct Instance {
+  std::mutex mutex;
+  std::shared_ptr<HostPipeMgr> host = std::make_shared<HostPipeMgr>();
+  std::shared_ptr<IPipeMgr> replacement;
+};
+
+Instance& instance() {
+  static Instance* s = new Instance;
+  return *s;
+}
+
+}  // namespace
+
+std::shared_ptr<HostPipeMgr> hostPipeMgr() {
+  Instance& s = instance();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.host;
+}
+
+void setPipeMgrInstance(std::shared_ptr<IPipeMgr> replacement) {
+  Instance& s = instance();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.replacement = std::move(replacement);
+}
+
+}  // namespace host
+}  // namespace orvcam
+
+std::shared_ptr<NSCam::camsys::pipemgr::isp7::IPipeMgr>
+NSCam::camsys::pipemgr::isp7::IPipeMgr::getInstance() {
+  orvcam::host::Instance& s = orvcam::host::instance();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (s.replacement) return s.replacement;
+  return s.host;
+}
