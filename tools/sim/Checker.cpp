@@ -1,0 +1,447 @@
+#include "Checker.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <set>
+
+namespace orvcam {
+namespace sim {
+
+const char* jobKindName(JobKind kind) {
+  return kind == JobKind::Configure ? "ConfigJob" : "EnqJob";
+}
+
+const char* eventKindName(EventKind kind) {
+  switch (kind) {
+    case EventKind::InformInflight: return "InformInflight";
+    case EventKind::ResumeDone: return "ResumeDone";
+    case EventKind::Suspend: return "Suspend";
+    case EventKind::Drop: return "Drop";
+    case EventKind::Flush: return "Flush";
+    case EventKind::LicenseRelease: return "LicenseRelease";
+    case EventKind::RawSwitch: return "RawSwitch";
+    case EventKind::QueueFlush: return "flush()";
+  }
+  return "UNKNOWN";
+}
+
+std::string formatTime(Nanos at) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.3f ms", double(at) / 1e6);
+  return buf;
+}
+
+namespace {
+
+using SensorFrame = std::pair<uint32_t, uint32_t>;
+
+std::string sf(uint32_t sensor, uint32_t frame) {
+  return "S:" + std::to_string(sensor) + " F:" + std::to_string(frame);
+}
+
+std::string jobName(const JobRecord& j) {
+  return sf(j.sensor, j.frame) + " " + jobKindName(j.kind);
+}
+
+std::string frameList(const std::vector<uint32_t>& frames) {
+  std::string out;
+  for (uint32_t f : frames) out += (out.empty() ? "" : " ") + std::to_string(f);
+  return out;
+}
+
+class Checker {
+ public:
+  explicit Checker(const History& h) : h_(h) { index(); }
+
+  CheckResult run() {
+    checkOrder();
+    checkSync();
+    checkRawSwitch();
+    checkFd();
+    checkLicences();
+    checkDelivery();
+    if (!h_.framesLeftInPool.empty()) {
+      add("pool", h_.wallTime,
+          "the frame pool still holds frame(s) " + frameList(h_.framesLeftInPool) + " at the end");
+    }
+    std::stable_sort(result_.violations.begin(), result_.violations.end(),
+                     [](const Violation& a, const Violation& b) { return a.at < b.at; });
+    return std::move(result_);
+  }
+
+ private:
+  void add(const char* rule, Nanos at, std::string message) {
+    result_.violations.push_back({rule, std::move(message), at});
+  }
+
+  void index() {
+    for (const auto& p : h_.plans) plans_[p.frame] = &p;
+    for (const auto& p : h_.prepares) sequence_[p.sensor].push_back(p.frame);
+    for (const auto& j : h_.jobs) {
+      jobs_[{j.sensor, j.frame}].push_back(&j);
+      if (j.ran) ++result_.jobsChecked;
+    }
+    for (auto& entry : jobs_) {
+      std::stable_sort(entry.second.begin(), entry.second.end(),
+                       [](const JobRecord* a, const JobRecord* b) { return a->kind < b->kind; });
+    }
+    for (const auto& e : h_.events) {
+      if (e.kind == EventKind::Drop) keepEarliest(dropped_, {e.sensor, e.frame}, e.begin);
+      if (e.kind == EventKind::Flush) {
+        for (uint32_t f : e.frames) keepEarliest(flushed_, {e.sensor, f}, e.begin);
+      }
+      if (e.kind == EventKind::InformInflight && e.value == 0) {
+        for (uint32_t f : e.frames) keepEarliest(broken_, f, e.begin);
+      }
+    }
+  }
+
+  template <typename Map>
+  static void keepEarliest(Map& map, const typename Map::key_type& key, Nanos at) {
+    auto it = map.find(key);
+    if (it == map.end() || at < it->second) map[key] = at;
+  }
+
+  template <typename Map, typename Key>
+  static std::optional<Nanos> lookup(const Map& map, const Key& key) {
+    auto it = map.find(key);
+    if (it == map.end()) return std::nullopt;
+    return it->second;
+  }
+
+  const FramePlan* plan(uint32_t frame) const {
+    auto it = plans_.find(frame);
+    return it == plans_.end() ? nullptr : it->second;
+  }
+
+  std::vector<const JobRecord*> ranJobs(uint32_t sensor, uint32_t frame) const {
+    std::vector<const JobRecord*> out;
+    auto it = jobs_.find({sensor, frame});
+    if (it == jobs_.end()) return out;
+    for (const JobRecord* j : it->second) {
+      if (j->ran) out.push_back(j);
+    }
+    return out;
+  }
+
+  // When the sensor counted as enqueued in the frame: its enqueue job ended, or the frame
+  // was dropped or flushed for it.
+  std::optional<Nanos> enqueuedAt(uint32_t sensor, uint32_t frame) const {
+    std::optional<Nanos> at;
+    auto take = [&at](std::optional<Nanos> t) {
+      if (t && (!at || *t < *at)) at = t;
+    };
+    for (const JobRecord* j : ranJobs(sensor, frame)) {
+      if (j->kind == JobKind::Enqueue) take(j->end);
+    }
+    take(lookup(dropped_, SensorFrame{sensor, frame}));
+    take(lookup(flushed_, SensorFrame{sensor, frame}));
+    return at;
+  }
+
+  // The frame the sensor prepared just before `frame`, if any.
+  std::optional<uint32_t> previousFrame(uint32_t sensor, uint32_t frame) const {
+    auto it = sequence_.find(sensor);
+    if (it == sequence_.end()) return std::nullopt;
+    auto pos = std::find(it->second.begin(), it->second.end(), frame);
+    if (pos == it->second.end() || pos == it->second.begin()) return std::nullopt;
+    return *(pos - 1);
+  }
+
+  // Per sensor, jobs run in preparation order, configure before enqueue.
+  void checkOrder() {
+    for (const auto& entry : sequence_) {
+      uint32_t sensor = entry.first;
+      std::set<uint32_t> seen;
+      const JobRecord* last = nullptr;
+      for (uint32_t frame : entry.second) {
+        if (!seen.insert(frame).second) {
+          add("order", 0, sf(sensor, frame) + " was prepared twice");
+        }
+        for (const JobRecord* j : ranJobs(sensor, frame)) {
+          if (last && j->start < last->end) {
+            add("order", j->start,
+                jobName(*j) + " started at " + formatTime(j->start) + ", before " + jobName(*last) +
+                    " (prepared earlier) ended at " + formatTime(last->end));
+          }
+          if (!last || j->end > last->end) last = j;
+        }
+      }
+    }
+    for (const auto& entry : jobs_) {
+      const auto& seq = sequence_[entry.first.first];
+      if (std::find(seq.begin(), seq.end(), entry.first.second) == seq.end()) {
+        add("order", entry.second.front()->sent,
+            sf(entry.first.first, entry.first.second) + " sent a job for a frame it never prepared");
+      }
+    }
+  }
+
+  // Nobody goes before every sensor of the sync list of its previous frame has enqueued it,
+  // unless an in-flight report broke that frame's sync first.
+  void checkSync() {
+    for (const auto& j : h_.jobs) {
+      if (!j.ran) continue;
+      std::optional<uint32_t> prev = previousFrame(j.sensor, j.frame);
+      if (!prev || !plan(*prev)) continue;
+      std::optional<Nanos> broken = lookup(broken_, *prev);
+      if (broken && *broken <= j.start) continue;
+      for (uint32_t partner : plan(*prev)->syncList) {
+        std::optional<Nanos> done = enqueuedAt(partner, *prev);
+        if (!done) {
+          add("sync", j.start,
+              jobName(j) + " ran although sync partner " + sf(partner, *prev) +
+                  " (its previous synchronised frame) was never enqueued");
+        } else if (*done > j.start) {
+          add("sync", j.start,
+              jobName(j) + " started at " + formatTime(j.start) + ", before sync partner " +
+                  sf(partner, *prev) + " was enqueued at " + formatTime(*done));
+        }
+      }
+    }
+  }
+
+  // On a raw-switch frame nobody goes before the off sensor's previous frame is enqueued.
+  void checkRawSwitch() {
+    for (const auto& p : h_.plans) {
+      if (!p.isRawSwitch()) continue;
+      uint32_t off = uint32_t(p.offSensor);
+      std::optional<uint32_t> prev = previousFrame(off, p.frame);
+      if (!prev) continue;
+      std::optional<Nanos> done = enqueuedAt(off, *prev);
+      for (uint32_t sensor : p.sensors) {
+        for (const JobRecord* j : ranJobs(sensor, p.frame)) {
+          if (!done) {
+            add("raw-switch", j->start,
+                jobName(*j) + " ran on a raw-switch frame although the off sensor's previous frame " +
+                    sf(off, *prev) + " was never enqueued");
+          } else if (*done > j->start) {
+            add("raw-switch", j->start,
+                jobName(*j) + " started at " + formatTime(j->start) +
+                    " on a raw-switch frame, before the off sensor's previous frame " +
+                    sf(off, *prev) + " was enqueued at " + formatTime(*done));
+          }
+        }
+      }
+    }
+  }
+
+  // A sync group shares one FD on a frame without configuration, until an in-flight report
+  // gives each licence an FD of its own; other sensors have FDs of their own; a configure
+  // licence shares the FD of the same sensor's enqueue licence.
+  void checkFd() {
+    for (const auto& p : h_.plans) {
+      std::map<uint32_t, const JobRecord*> enq;
+      std::map<uint32_t, const JobRecord*> cfg;
+      for (uint32_t sensor : p.sensors) {
+        for (const JobRecord* j : ranJobs(sensor, p.frame)) {
+          (j->kind == JobKind::Enqueue ? enq : cfg)[sensor] = j;
+        }
+      }
+      if (!p.needCfg.empty()) {
+        for (const auto& c : cfg) {
+          auto e = enq.find(c.first);
+          if (e != enq.end() && e->second->fd != c.second->fd) {
+            add("fd", e->second->start,
+                sf(c.first, p.frame) + " configured under FD " + std::to_string(c.second->fd) +
+                    " but enqueued under FD " + std::to_string(e->second->fd) +
+                    "; the two licences of a configured sensor share one FD");
+          }
+        }
+        continue;
+      }
+      bool broken = broken_.count(p.frame) > 0;
+      const JobRecord* first = nullptr;
+      for (const auto& a : enq) {
+        for (const auto& b : enq) {
+          if (a.first >= b.first || a.second->fd != b.second->fd) continue;
+          bool bothSync = p.syncList.count(a.first) && p.syncList.count(b.first);
+          if (!bothSync || broken) {
+            add("fd", b.second->start,
+                sf(a.first, p.frame) + " and " + sf(b.first, p.frame) + " share FD " +
+                    std::to_string(a.second->fd) +
+                    (broken ? " after an in-flight report gave the frame new descriptors"
+                            : " although they are not in one sync group"));
+          }
+        }
+        if (!broken && p.syncList.count(a.first)) {
+          if (!first) {
+            first = a.second;
+          } else if (first->fd != a.second->fd) {
+            add("fd", a.second->start,
+                "sync group of F:" + std::to_string(p.frame) + " does not share one FD: S:" +
+                    std::to_string(first->sensor) + " has FD " + std::to_string(first->fd) +
+                    ", S:" + std::to_string(a.first) + " has FD " + std::to_string(a.second->fd));
+          }
+        }
+      }
+    }
+  }
+
+  struct Licence {
+    bool acquired = false;
+    int32_t fd = -1;
+    Nanos acquiredAt = 0;
+    std::vector<Nanos> released;
+    std::vector<Nanos> destroyed;
+    std::vector<const JobRecord*> usedBy;
+  };
+
+  // Every licence is used by at most one job and handed back exactly once, before the
+  // deliverer's teardown; the pipe manager's own count agrees.
+  void checkLicences() {
+    std::map<uint64_t, Licence> licences;
+    LicenceTotals seen;
+    for (const auto& r : h_.licences) {
+      Licence& l = licences[r.serial];
+      std::string name = "licence #" + std::to_string(r.serial) + " (FD " + std::to_string(r.fd) + ")";
+      if (r.kind == LicenceEventKind::Acquired) {
+        ++seen.acquired;
+        if (l.acquired) add("licence", r.at, name + " was acquired twice");
+        l.acquired = true;
+        l.fd = r.fd;
+        l.acquiredAt = r.at;
+        continue;
+      }
+      if (!l.acquired) add("licence", r.at, name + " was handed back but never acquired");
+      if (r.kind == LicenceEventKind::Released) {
+        ++seen.released;
+        l.released.push_back(r.at);
+      } else {
+        ++seen.destroyed;
+        l.destroyed.push_back(r.at);
+      }
+    }
+    for (const auto& j : h_.jobs) {
+      if (!j.ran) continue;
+      if (j.serial == 0) {
+        add("licence", j.start, jobName(j) + " ran without a licence");
+        continue;
+      }
+      auto it = licences.find(j.serial);
+      if (it == licences.end() || !it->second.acquired) {
+        add("licence", j.start, jobName(j) + " ran with licence #" + std::to_string(j.serial) +
+                                    ", which the pipe manager never handed out");
+        continue;
+      }
+      it->second.usedBy.push_back(&j);
+    }
+    result_.licencesChecked = licences.size();
+    for (const auto& entry : licences) {
+      const Licence& l = entry.second;
+      std::string name = "licence #" + std::to_string(entry.first) + " (FD " + std::to_string(l.fd) + ")";
+      size_t endings = l.released.size() + l.destroyed.size();
+      if (l.usedBy.size() > 1) {
+        add("licence", l.usedBy[1]->start,
+            name + " was given to two jobs: " + jobName(*l.usedBy[0]) + " and " + jobName(*l.usedBy[1]));
+      }
+      for (const JobRecord* j : l.usedBy) {
+        if (j->fd != l.fd) {
+          add("licence", j->start, jobName(*j) + " saw FD " + std::to_string(j->fd) + " on " + name);
+        }
+        for (Nanos at : l.released) {
+          if (at < j->start) {
+            add("licence", j->start, name + " was handed back at " + formatTime(at) + ", before " +
+                                         jobName(*j) + " used it at " + formatTime(j->start));
+          }
+        }
+      }
+      std::string user = l.usedBy.empty() ? "never used" : "used by " + jobName(*l.usedBy[0]);
+      if (endings == 0) {
+        add("licence", h_.wallTime, name + " (" + user + ") was never handed back: leaked");
+      } else if (endings > 1) {
+        add("licence", h_.wallTime, name + " was handed back " + std::to_string(endings) + " times");
+      }
+      for (Nanos at : l.destroyed) {
+        add("licence", at, name + " (" + user + ") was destroyed without being handed back");
+      }
+      for (Nanos at : l.released) {
+        if (h_.teardownAt > 0 && at >= h_.teardownAt) {
+          add("licence", at, name + " (" + user + ") was still queued when the run ended; only "
+                                  "the deliverer's teardown handed it back");
+        }
+      }
+    }
+    auto compare = [&](const char* what, uint64_t counted, uint64_t observed) {
+      if (counted != observed) {
+        add("licence", h_.wallTime, "the pipe manager counts " + std::to_string(counted) + " " +
+                                        what + " licences, the run observed " + std::to_string(observed));
+      }
+    };
+    compare("acquired", h_.account.acquired, seen.acquired);
+    compare("released", h_.account.released, seen.released);
+    compare("destroyed", h_.account.destroyed, seen.destroyed);
+    const LicenceTotals& a = h_.account;
+    if (a.released + a.destroyed != a.acquired) {
+      add("licence", h_.wallTime,
+          "the pipe manager's count does not balance after the deliverer was destroyed: " +
+              std::to_string(a.acquired) + " acquired, " + std::to_string(a.released) +
+              " released, " + std::to_string(a.destroyed) + " destroyed");
+    }
+  }
+
+  // Every sensor of every frame is prepared, configured when it must be, and enqueued once,
+  // unless its frame was dropped or flushed; nothing runs for a dropped or flushed frame.
+  void checkDelivery() {
+    std::set<SensorFrame> prepared(
+        [this] {
+          std::set<SensorFrame> s;
+          for (const auto& p : h_.prepares) s.insert({p.sensor, p.frame});
+          return s;
+        }());
+    std::set<SensorFrame> setConfigured;
+    for (const auto& r : h_.setConfigured) setConfigured.insert({r.sensor, r.frame});
+    for (const auto& p : h_.plans) {
+      for (uint32_t sensor : p.sensors) {
+        std::string who = sf(sensor, p.frame);
+        if (!prepared.count({sensor, p.frame})) add("delivery", 0, who + " was never prepared");
+        std::optional<Nanos> flushed = lookup(flushed_, SensorFrame{sensor, p.frame});
+        std::optional<Nanos> dropped = lookup(dropped_, SensorFrame{sensor, p.frame});
+        size_t enqueues = 0, configures = 0;
+        auto it = jobs_.find({sensor, p.frame});
+        for (const JobRecord* j : it == jobs_.end() ? std::vector<const JobRecord*>{} : it->second) {
+          if (j->kind == JobKind::Enqueue && !j->ran) {
+            add("delivery", j->end, who + " EnqJob was not run: the send returned " +
+                                        std::to_string(j->result) + " (no licence for it)");
+          }
+          if (!j->ran) continue;
+          (j->kind == JobKind::Enqueue ? enqueues : configures)++;
+          if (flushed && j->start >= *flushed) {
+            add("delivery", j->start, jobName(*j) + " ran after the frame was flushed");
+          }
+          if (dropped && j->kind == JobKind::Enqueue) {
+            add("delivery", j->start, jobName(*j) + " ran although the frame was dropped");
+          }
+        }
+        if (flushed || dropped) continue;
+        if (enqueues == 0) add("delivery", h_.wallTime, who + " was never enqueued");
+        if (enqueues > 1) add("delivery", h_.wallTime, who + " was enqueued " + std::to_string(enqueues) + " times");
+        if (p.needCfg.count(sensor) && configures + setConfigured.count({sensor, p.frame}) != 1) {
+          add("delivery", h_.wallTime, who + " needed configuring once but was configured " +
+                                           std::to_string(configures + setConfigured.count({sensor, p.frame})) +
+                                           " times");
+        }
+      }
+    }
+  }
+
+  const History& h_;
+  CheckResult result_;
+  std::map<uint32_t, const FramePlan*> plans_;
+  std::map<uint32_t, std::vector<uint32_t>> sequence_;  // per sensor, frames in prepare order
+  std::map<SensorFrame, std::vector<const JobRecord*>> jobs_;  // configure first
+  std::map<SensorFrame, Nanos> dropped_;
+  std::map<SensorFrame, Nanos> flushed_;
+  std::map<uint32_t, Nanos> broken_;
+};
+
+}  // namespace
+
+CheckResult checkHistory(const History& history) {
+  return Checker(history).run();
+}
+
+}  // namespace sim
+}  // namespace orvcam

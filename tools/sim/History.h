@@ -1,0 +1,123 @@
+#pragma once
+// What one simulator run recorded: the frames the client built, the calls it made, what each
+// job observed, the events it reported and every licence the pipe manager handed out. The
+// checker and the report read only this; nothing here refers to the library's internals.
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace orvcam {
+namespace sim {
+
+// Nanoseconds since the run started (steady clock).
+using Nanos = int64_t;
+
+enum class JobKind { Configure, Enqueue };
+const char* jobKindName(JobKind kind);
+
+// The events a client reports, with the deliverer's numbering; QueueFlush stands for the
+// client's call of the deliverer's flush(), which hands back every queued licence.
+enum class EventKind : uint32_t {
+  InformInflight = 0,
+  ResumeDone = 1,
+  Suspend = 2,
+  Drop = 3,
+  Flush = 4,
+  LicenseRelease = 5,
+  RawSwitch = 6,
+  QueueFlush = 100,
+};
+const char* eventKindName(EventKind kind);
+
+// The request the client built for one frame.
+struct FramePlan {
+  uint32_t frame = 0;
+  std::vector<uint32_t> sensors;  // taking part and needing enqueue, ascending
+  std::set<uint32_t> needCfg;     // to be configured in this frame
+  std::set<uint32_t> cfgByJob;    // of needCfg: by a configure job (the rest: setConfigured)
+  std::set<uint32_t> syncList;    // empty or at least two sensors
+  int64_t offSensor = -1;         // raw switch: the sensor switching off, or -1
+  int64_t onSensor = -1;          // raw switch: the sensor switching on, or -1
+
+  bool participates(uint32_t sensor) const;
+  bool isRawSwitch() const { return offSensor >= 0; }
+};
+
+struct PrepareRecord {
+  uint32_t sensor = 0;
+  uint32_t frame = 0;
+  Nanos at = 0;
+};
+
+struct SetConfiguredRecord {
+  uint32_t sensor = 0;
+  uint32_t frame = 0;
+  Nanos at = 0;
+};
+
+struct JobRecord {
+  uint32_t sensor = 0;
+  uint32_t frame = 0;
+  JobKind kind = JobKind::Enqueue;
+  Nanos sent = 0;   // the send call was made
+  Nanos start = 0;  // execute() began (0 when not run)
+  Nanos end = 0;    // execute() finished, or the send returned when the job did not run
+  bool ran = false;
+  int32_t result = 0;   // what the send returned (enqueue jobs)
+  uint64_t serial = 0;  // the licence the job was given; 0 for none
+  int32_t fd = -1;
+};
+
+enum class LicenceEventKind { Acquired, Released, Destroyed };
+
+struct LicenceRecord {
+  LicenceEventKind kind = LicenceEventKind::Acquired;
+  uint64_t serial = 0;
+  int32_t fd = -1;
+  Nanos at = 0;
+  // The sensor on whose behalf the client was calling when this happened (setConfigured,
+  // a drop), or -1.
+  int32_t context = -1;
+};
+
+struct EventRecord {
+  EventKind kind = EventKind::ResumeDone;
+  uint32_t sensor = 0;
+  uint32_t frame = 0;
+  uint32_t value = 0;
+  Nanos begin = 0;  // just before the call
+  Nanos end = 0;    // just after it returned
+  // Flush: the frames flushed. InformInflight with value 0: the frames in flight that hold
+  // the sensor in their sync list (their sync is broken and their FDs change).
+  std::vector<uint32_t> frames;
+};
+
+struct LicenceTotals {
+  uint64_t acquired = 0;
+  uint64_t released = 0;
+  uint64_t destroyed = 0;
+  uint64_t live() const { return acquired - released - destroyed; }
+};
+
+struct History {
+  std::string scenario;
+  uint64_t seed = 0;
+  std::vector<uint32_t> sensors;
+  std::vector<FramePlan> plans;  // ascending frame number
+  std::vector<PrepareRecord> prepares;  // per sensor in call order
+  std::vector<SetConfiguredRecord> setConfigured;
+  std::vector<JobRecord> jobs;
+  std::vector<EventRecord> events;
+  std::vector<LicenceRecord> licences;
+  // The pipe manager's own count, read after the deliverer was destroyed.
+  LicenceTotals account;
+  // When the deliverer's teardown began; licences handed back after it were still queued.
+  Nanos teardownAt = 0;
+  // Frame numbers the pool still held when every thread had finished.
+  std::vector<uint32_t> framesLeftInPool;
+  Nanos wallTime = 0;
+};
+
+}  // namespace sim
+}  // namespace orvcam

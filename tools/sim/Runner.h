@@ -1,0 +1,54 @@
+#pragma once
+// Plays the camera coordinator around the deliverer: a pipeline thread that builds and emplaces
+// each frame's record and reports events, and one request thread per sensor that prepares its
+// frames and sends their configure and enqueue jobs. Everything it sees goes into a History.
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "History.h"
+#include "Scenario.h"
+
+namespace orvcam {
+namespace sim {
+
+struct RunProgress {
+  uint32_t framesTotal = 0;
+  uint32_t framesEmplaced = 0;
+  uint32_t framesDone = 0;
+  uint64_t jobsRun = 0;
+};
+
+struct RunOptions {
+  uint64_t seed = 1;
+  // Add the simulator's own sections and instants to an open trace file.
+  bool trace = false;
+  // No call returning and no frame moving for this long means the run is stuck.
+  std::chrono::milliseconds stallTimeout{10000};
+  // Called from the thread that runs run(), about every 100 ms.
+  std::function<void(const RunProgress&)> onProgress;
+};
+
+class Runner {
+ public:
+  Runner(const Scenario& scenario, RunOptions options);
+  ~Runner();
+  Runner(const Runner&) = delete;
+  Runner& operator=(const Runner&) = delete;
+
+  // Runs the scenario to its end. Returns false when the run stalled: `stallReport` then says
+  // where each thread is, the threads are left blocked where they are, and the caller should
+  // end the process.
+  bool run(History* history, std::string* stallReport);
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> mImpl;
+};
+
+}  // namespace sim
+}  // namespace orvcam

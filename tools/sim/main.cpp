@@ -1,0 +1,156 @@
+// camdeliver-sim: runs a scenario through the deliverer on this machine, checks the order it
+// delivered in and prints a summary. Exit code 0: clean; 1: violations (or a stalled run);
+// 2: bad command line or scenario.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+#include "Checker.h"
+#include "HostPlatform.h"
+#include "Report.h"
+#include "Runner.h"
+#include "Scenario.h"
+
+namespace {
+
+using namespace orvcam;
+
+constexpr int kExitViolations = 1;
+constexpr int kExitUsage = 2;
+constexpr uint64_t kCameraTraceTag = 0x400;
+const char* const kForceLogProperty = "vendor.debug.camcoordinator.force.log";
+
+// The host logger's detail level for a --log-level value.
+bool parseLogLevel(const std::string& text, int* level, bool* verbose) {
+  static const std::pair<const char*, int> names[] = {
+      {"off", 0}, {"error", 1}, {"warning", 2}, {"info", 4}, {"debug", 5}, {"verbose", 5}};
+  *verbose = text == "verbose";
+  for (const auto& n : names) {
+    if (text == n.first) {
+      *level = n.second;
+      return true;
+    }
+  }
+  char* end = nullptr;
+  long value = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || value < 0 || value > 7) return false;
+  *level = int(value);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{
+      "camdeliver-sim: plays a camera coordinator around liborvcam_camdeliver, checks the order "
+      "in which it delivers jobs and prints a summary. Without a scenario file it runs the "
+      "built-in default scenario (scenarios/default.json)."};
+  std::string scenarioPath;
+  std::string logLevel;
+  std::vector<std::string> props;
+  std::string tracePath;
+  std::string historyPath;
+  uint64_t seed = 0;
+  int stallSeconds = 10;
+  app.add_option("scenario", scenarioPath, "Scenario JSON file (default: the built-in scenario)");
+  app.add_option("--log-level", logLevel,
+                 "Host logger level: off, error, warning, info, debug, verbose (debug plus the "
+                 "library's force-log property) or 0-7 (default: error)");
+  app.add_option("--prop", props, "Set a system property before the run, as key=value (repeatable)");
+  app.add_option("--trace", tracePath, "Write a Chrome JSON trace (open it in Perfetto UI)");
+  app.add_option("--history", historyPath, "Write everything the run recorded as JSON");
+  auto* seedOption = app.add_option("--seed", seed, "Seed of the job durations (default: the scenario's)");
+  app.add_option("--stall-timeout", stallSeconds, "Seconds without progress before the run is "
+                 "declared stuck (default 10)")->check(CLI::Range(1, 3600));
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int rc = app.exit(e);
+    return rc == 0 ? 0 : kExitUsage;
+  }
+
+  // Everything is checked before any thread starts.
+  sim::Scenario scenario;
+  sim::ScenarioError error;
+  bool loaded = scenarioPath.empty() ? sim::loadDefaultScenario(&scenario, &error)
+                                     : sim::loadScenarioFile(scenarioPath, &scenario, &error);
+  if (!loaded) {
+    std::cerr << "camdeliver-sim: invalid scenario: " << error.text() << "\n";
+    return kExitUsage;
+  }
+  if (*seedOption) scenario.seed = seed;
+
+  int level = 1;
+  bool verbose = false;
+  if (!logLevel.empty() && !parseLogLevel(logLevel, &level, &verbose)) {
+    std::cerr << "camdeliver-sim: --log-level: \"" << logLevel << "\" is not a level\n";
+    return kExitUsage;
+  }
+  if (!logLevel.empty() || !std::getenv("ORVCAM_ULOG_LEVEL")) {
+    host::LoggerSettings settings = host::loggerSettings();
+    settings.detailsLevel = level;
+    host::applyLoggerSettings(settings);
+  }
+  if (verbose) host::setProperty(kForceLogProperty, "1");
+  for (const std::string& prop : props) {
+    size_t eq = prop.find('=');
+    if (eq == std::string::npos || eq == 0) {
+      std::cerr << "camdeliver-sim: --prop: \"" << prop << "\" is not key=value\n";
+      return kExitUsage;
+    }
+    host::setProperty(prop.substr(0, eq), prop.substr(eq + 1));
+  }
+  if (!tracePath.empty()) {
+    std::string traceError;
+    if (!host::openTraceFile(tracePath, &traceError)) {
+      std::cerr << "camdeliver-sim: --trace: " << traceError << "\n";
+      return kExitUsage;
+    }
+    host::setTraceTags(kCameraTraceTag);
+    host::traceThreadName("main");
+  }
+
+  sim::RunOptions options;
+  options.seed = scenario.seed;
+  options.trace = !tracePath.empty();
+  options.stallTimeout = std::chrono::seconds(stallSeconds);
+  bool progressLine = isatty(STDERR_FILENO);
+  if (progressLine) {
+    options.onProgress = [](const sim::RunProgress& p) {
+      std::fprintf(stderr, "\r\033[Kframes %u/%u emplaced, %u done, %llu jobs", p.framesEmplaced,
+                   p.framesTotal, p.framesDone, static_cast<unsigned long long>(p.jobsRun));
+      std::fflush(stderr);
+    };
+  }
+
+  sim::History history;
+  std::string stall;
+  sim::Runner runner(scenario, options);
+  bool finished = runner.run(&history, &stall);
+  if (progressLine) std::fprintf(stderr, "\r\033[K");
+  if (!finished) {
+    std::cout << "camdeliver-sim: " << stall << "verdict: FAIL - the run stalled\n";
+    std::cout.flush();
+    if (!tracePath.empty()) host::closeTraceFile();
+    std::_Exit(kExitViolations);
+  }
+  if (!tracePath.empty()) host::closeTraceFile();
+
+  sim::CheckResult check = sim::checkHistory(history);
+  history.scenario += " (" + scenario.source + ")";
+  sim::printReport(std::cout, history, check);
+  if (!tracePath.empty()) std::cout << "trace written to " << tracePath << "\n";
+  if (!historyPath.empty()) {
+    std::ofstream out(historyPath);
+    sim::writeHistoryJson(out, history);
+    if (!out) {
+      std::cerr << "camdeliver-sim: --history: cannot write " << historyPath << "\n";
+      return kExitUsage;
+    }
+  }
+  return check.clean() ? 0 : kExitViolations;
+}
