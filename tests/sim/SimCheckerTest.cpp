@@ -1,0 +1,255 @@
+// The ordering checker on hand-recorded histories: a good one passes, and each kind of wrong
+// order, FD, licence or delivery is caught under its own rule and nothing else.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "Checker.h"
+
+namespace orvcam {
+namespace sim {
+namespace {
+
+// Records a run by hand. Each job gets a fresh licence acquired just before it and handed back
+// when it ends, as the simulator's jobs do.
+class Recording {
+ public:
+  explicit Recording(std::vector<uint32_t> sensors) { h.sensors = std::move(sensors); }
+
+  FramePlan& frame(uint32_t f, std::vector<uint32_t> sensors, std::set<uint32_t> sync = {}) {
+    FramePlan p;
+    p.frame = f;
+    p.sensors = std::move(sensors);
+    p.syncList = std::move(sync);
+    h.plans.push_back(p);
+    for (uint32_t s : h.plans.back().sensors) h.prepares.push_back({s, f, 0});
+    return h.plans.back();
+  }
+
+  JobRecord& job(uint32_t s, uint32_t f, JobKind kind, int32_t fd, Nanos start, Nanos end) {
+    uint64_t serial = nextSerial++;
+    h.licences.push_back({LicenceEventKind::Acquired, serial, fd, start - 1, -1});
+    h.licences.push_back({LicenceEventKind::Released, serial, fd, end, -1});
+    JobRecord j;
+    j.sensor = s, j.frame = f, j.kind = kind, j.fd = fd, j.serial = serial;
+    j.sent = start - 1, j.start = start, j.end = end, j.ran = true;
+    h.jobs.push_back(j);
+    return h.jobs.back();
+  }
+  JobRecord& enq(uint32_t s, uint32_t f, int32_t fd, Nanos start, Nanos end) {
+    return job(s, f, JobKind::Enqueue, fd, start, end);
+  }
+
+  void event(EventKind kind, uint32_t s, uint32_t f, Nanos at, std::vector<uint32_t> frames = {}) {
+    EventRecord e;
+    e.kind = kind, e.sensor = s, e.frame = f, e.begin = at, e.end = at + 1;
+    e.frames = std::move(frames);
+    h.events.push_back(e);
+  }
+
+  // Fills in the pipe manager's count from the licence events.
+  History done() {
+    History out = h;
+    out.account = {};
+    for (const auto& l : out.licences) {
+      ++(l.kind == LicenceEventKind::Acquired   ? out.account.acquired
+         : l.kind == LicenceEventKind::Released ? out.account.released
+                                                : out.account.destroyed);
+    }
+    out.teardownAt = out.wallTime = 1000;
+    return out;
+  }
+
+  History h;
+  uint64_t nextSerial = 1;
+};
+
+// Two synchronised sensors through a configure frame, a drop, an in-flight break, a
+// raw switch and a flush, all in order.
+History goodHistory() {
+  Recording r({0, 1});
+  FramePlan& f1 = r.frame(1, {0, 1}, {0, 1});
+  f1.needCfg = f1.cfgByJob = {0, 1};
+  r.job(0, 1, JobKind::Configure, 1, 2, 5);
+  r.job(1, 1, JobKind::Configure, 2, 3, 6);
+  r.enq(0, 1, 1, 6, 9);
+  r.enq(1, 1, 2, 7, 10);
+  r.frame(2, {0, 1}, {0, 1});
+  r.enq(0, 2, 10, 20, 30);
+  r.enq(1, 2, 10, 22, 28);
+  r.frame(3, {0, 1}, {0, 1});
+  r.event(EventKind::Drop, 1, 3, 35);
+  r.enq(0, 3, 11, 40, 45);
+  r.frame(4, {0, 1}, {0, 1});
+  r.enq(0, 4, 12, 50, 55);
+  r.enq(1, 4, 12, 50, 52);
+  r.frame(5, {0, 1}, {0, 1});
+  r.event(EventKind::InformInflight, 1, 5, 58, {5});
+  r.enq(0, 5, 13, 60, 70);
+  r.enq(1, 5, 14, 60, 62);
+  r.frame(6, {1});
+  r.enq(1, 6, 15, 63, 78);  // before S:0 finished F:5, whose sync was broken
+  FramePlan& f7 = r.frame(7, {0, 1});
+  f7.offSensor = 1, f7.onSensor = 0;
+  r.enq(1, 7, 16, 80, 85);
+  r.enq(0, 7, 17, 80, 86);  // after the off sensor's F:6
+  r.frame(8, {0, 1}, {0, 1});
+  r.event(EventKind::Flush, 0, 8, 90, {8});
+  r.event(EventKind::Flush, 1, 8, 91, {8});
+  return r.done();
+}
+
+JobRecord& findJob(History& h, uint32_t s, uint32_t f, JobKind kind = JobKind::Enqueue) {
+  for (auto& j : h.jobs) {
+    if (j.sensor == s && j.frame == f && j.kind == kind) return j;
+  }
+  throw std::logic_error("no such job");
+}
+
+// Moves a job and its licence's acquire and release with it.
+void retime(History& h, JobRecord& j, Nanos start, Nanos end) {
+  j.sent = start - 1, j.start = start, j.end = end;
+  for (auto& l : h.licences) {
+    if (l.serial == j.serial) l.at = l.kind == LicenceEventKind::Acquired ? start - 1 : end;
+  }
+}
+
+void eraseJob(History& h, uint32_t s, uint32_t f) {
+  JobRecord& j = findJob(h, s, f);
+  h.jobs.erase(h.jobs.begin() + (&j - h.jobs.data()));
+}
+
+std::map<std::string, int> rules(const History& h) {
+  std::map<std::string, int> count;
+  for (const auto& v : checkHistory(h).violations) ++count[v.rule];
+  return count;
+}
+
+using Rules = std::map<std::string, int>;
+
+TEST(SimChecker, GoodHistoryPasses) {
+  CheckResult result = checkHistory(goodHistory());
+  for (const auto& v : result.violations) ADD_FAILURE() << v.rule << ": " << v.message;
+  EXPECT_EQ(result.jobsChecked, 14u);
+  EXPECT_EQ(result.licencesChecked, 14u);
+}
+
+TEST(SimChecker, CatchesJobsOutOfPreparationOrder) {
+  History h = goodHistory();
+  retime(h, findJob(h, 1, 1, JobKind::Configure), 8, 9);  // configure after its enqueue began
+  EXPECT_EQ(rules(h), (Rules{{"order", 1}}));
+  h = goodHistory();
+  retime(h, findJob(h, 0, 5), 60, 81);  // still on F:5 when its next frame, F:7, starts
+  EXPECT_EQ(rules(h), (Rules{{"order", 1}}));
+}
+
+TEST(SimChecker, CatchesSyncPartnerOvertaken) {
+  History h = goodHistory();
+  findJob(h, 1, 2).end = 41;  // S:0 enqueues F:3 at 40, before S:1 finished F:2
+  EXPECT_EQ(rules(h), (Rules{{"sync", 1}}));
+  h = goodHistory();
+  h.events[0].begin = 51;  // the drop of S:1 F:3 came after both went on with F:4
+  EXPECT_EQ(rules(h), (Rules{{"sync", 2}}));
+}
+
+TEST(SimChecker, SyncBreakExcusesOnlyTheFramesItNamed) {
+  History h = goodHistory();
+  h.events[1].frames = {};  // the report broke nothing: S:1 F:6 went too early, and F:5's
+                            // sync group should have kept one FD
+  EXPECT_EQ(rules(h), (Rules{{"fd", 1}, {"sync", 1}}));
+  h = goodHistory();
+  h.events[1].begin = 64;  // the break came after S:1 had already gone
+  EXPECT_EQ(rules(h), (Rules{{"sync", 1}}));
+}
+
+TEST(SimChecker, CatchesRawSwitchBeforeOffSensorEnqueued) {
+  History h = goodHistory();
+  findJob(h, 0, 7).start = 75;
+  EXPECT_EQ(rules(h), (Rules{{"raw-switch", 1}}));
+  h = goodHistory();
+  eraseJob(h, 1, 6);  // S:1 F:6 never enqueued
+  EXPECT_EQ(rules(h), (Rules{{"delivery", 1}, {"raw-switch", 2}}));
+}
+
+TEST(SimChecker, CatchesFrameDescriptorsThatDoNotFit) {
+  History h = goodHistory();
+  findJob(h, 1, 2).fd = 99;  // a sync group split over two FDs
+  EXPECT_EQ(rules(h), (Rules{{"fd", 1}, {"licence", 1}}));
+  for (auto& l : h.licences) l.fd = l.serial == findJob(h, 1, 2).serial ? 99 : l.fd;
+  EXPECT_EQ(rules(h), (Rules{{"fd", 1}}));
+
+  h = goodHistory();
+  findJob(h, 1, 5).fd = 13;  // still shared after the in-flight report changed it
+  for (auto& l : h.licences) l.fd = l.serial == findJob(h, 1, 5).serial ? 13 : l.fd;
+  EXPECT_EQ(rules(h), (Rules{{"fd", 1}}));
+
+  h = goodHistory();
+  findJob(h, 0, 1, JobKind::Configure).fd = 3;  // configure and enqueue licence apart
+  for (auto& l : h.licences) l.fd = l.serial == findJob(h, 0, 1, JobKind::Configure).serial ? 3 : l.fd;
+  EXPECT_EQ(rules(h), (Rules{{"fd", 1}}));
+}
+
+TEST(SimChecker, CatchesLicencesNotUsedOrHandedBackExactlyOnce) {
+  History h = goodHistory();
+  h.licences.push_back(h.licences[1]);  // handed back twice
+  h.account.released++;
+  EXPECT_EQ(rules(h), (Rules{{"licence", 2}}));  // and the count no longer balances
+
+  h = goodHistory();
+  h.licences.push_back({LicenceEventKind::Acquired, 50, 40, 12, -1});  // never handed back
+  h.account.acquired++;
+  EXPECT_EQ(rules(h), (Rules{{"licence", 2}}));  // the leak, and the count still live
+
+  h = goodHistory();
+  findJob(h, 1, 4).serial = findJob(h, 0, 4).serial;  // one licence, two jobs
+  EXPECT_EQ(rules(h), (Rules{{"licence", 1}}));
+
+  h = goodHistory();
+  h.licences[1].at = 1;  // handed back before its job ran
+  EXPECT_EQ(rules(h), (Rules{{"licence", 1}}));
+
+  h = goodHistory();
+  h.licences.push_back({LicenceEventKind::Acquired, 60, 41, 12, -1});
+  h.licences.push_back({LicenceEventKind::Released, 60, 41, 1000, -1});  // by the teardown
+  h.account.acquired++, h.account.released++;
+  EXPECT_EQ(rules(h), (Rules{{"licence", 1}}));
+
+  h = goodHistory();
+  h.licences[1].kind = LicenceEventKind::Destroyed;
+  h.account.released--, h.account.destroyed++;
+  EXPECT_EQ(rules(h), (Rules{{"licence", 1}}));
+
+  h = goodHistory();
+  h.account.acquired++;  // the pipe manager saw a licence the run did not
+  EXPECT_EQ(rules(h), (Rules{{"licence", 2}}));
+}
+
+TEST(SimChecker, CatchesFramesNotDeliveredOrLeftInThePool) {
+  History h = goodHistory();
+  h.framesLeftInPool = {8};
+  EXPECT_EQ(rules(h), (Rules{{"pool", 1}}));
+
+  h = goodHistory();
+  findJob(h, 0, 7).ran = false;  // the deliverer had no licence left for it
+  findJob(h, 0, 7).result = -1;
+  EXPECT_EQ(rules(h), (Rules{{"delivery", 2}}));  // not run, hence never enqueued
+
+  h = goodHistory();
+  Recording extra({0, 1});
+  extra.h = h;
+  extra.nextSerial = 100;
+  extra.enq(1, 3, 11, 36, 37);  // an enqueue of a dropped frame
+  extra.enq(0, 8, 51, 95, 96);  // and of a flushed one
+  EXPECT_EQ(rules(extra.done()), (Rules{{"delivery", 2}}));
+
+  h = goodHistory();
+  h.plans[0].needCfg.insert(2);
+  h.plans[0].sensors.push_back(2);  // a sensor that never prepared, configured or enqueued
+  EXPECT_EQ(rules(h), (Rules{{"delivery", 3}}));
+}
+
+}  // namespace
+}  // namespace sim
+}  // namespace orvcam

@@ -1,0 +1,67 @@
+// The default scenario run in-process against the library: it must finish clean, leave the
+// pipe manager balanced, and write a trace with begin and end sections on each sensor thread.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "Checker.h"
+#include "HostPlatform.h"
+#include "Runner.h"
+#include "Scenario.h"
+
+namespace orvcam {
+namespace sim {
+namespace {
+
+TEST(SimRun, DefaultScenarioRunsCleanAndTracesEachSensorThread) {
+  Scenario scenario;
+  ScenarioError error;
+  ASSERT_TRUE(loadDefaultScenario(&scenario, &error)) << error.text();
+  std::string tracePath = ::testing::TempDir() + "sim_run_test_trace.json";
+  std::string traceError;
+  ASSERT_TRUE(host::openTraceFile(tracePath, &traceError)) << traceError;
+  host::setTraceTags(0x400);
+
+  RunOptions options;
+  options.seed = scenario.seed;
+  options.trace = true;
+  options.stallTimeout = std::chrono::seconds(30);
+  Runner runner(scenario, options);
+  History history;
+  std::string stall;
+  ASSERT_TRUE(runner.run(&history, &stall)) << stall;
+  host::setTraceTags(0);
+  host::closeTraceFile();
+
+  CheckResult check = checkHistory(history);
+  for (const auto& v : check.violations) ADD_FAILURE() << v.rule << ": " << v.message;
+  EXPECT_GT(check.jobsChecked, 100u);
+  EXPECT_EQ(history.account.live(), 0u);
+  EXPECT_TRUE(history.framesLeftInPool.empty());
+
+  std::ifstream in(tracePath);
+  nlohmann::json trace = nlohmann::json::parse(in);
+  const nlohmann::json& events = trace.is_array() ? trace : trace["traceEvents"];
+  std::map<int64_t, std::string> threadNames;
+  std::map<std::string, std::map<std::string, int>> phases;  // thread name -> phase -> count
+  for (const auto& e : events) {
+    if (e.value("ph", "") == "M" && e.value("name", "") == "thread_name") {
+      threadNames[e["tid"].get<int64_t>()] = e["args"]["name"].get<std::string>();
+    }
+  }
+  for (const auto& e : events) {
+    auto name = threadNames.find(e.value("tid", int64_t(-1)));
+    if (name != threadNames.end()) ++phases[name->second][e.value("ph", "")];
+  }
+  for (const char* thread : {"sensor 0", "sensor 1"}) {
+    EXPECT_GT(phases[thread]["B"], 50) << thread;
+    EXPECT_EQ(phases[thread]["B"], phases[thread]["E"]) << thread;
+  }
+  EXPECT_GE(phases["pipeline"]["i"], 5);
+}
+
+}  // namespace
+}  // namespace sim
+}  // namespace orvcam
