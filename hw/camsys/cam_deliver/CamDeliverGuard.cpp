@@ -49,6 +49,9 @@ void CamDeliverGuard::setConfigured(uint32_t sensorId, uint32_t frameNo) {
     CD_LOGW("[%s] [S:%d F:%d] FC not found ! maybe flushed", sensorId, frameNo);
     return;
   }
+  // "No frame" skips the warning and relies on a record kept under that number; without one
+  // there is nothing to mark, and going on would dereference an empty record.
+  if (!pFc) CD_FATAL("[S:%d F:%d] FC not found !", sensorId, frameNo);
   if (pFc->getNotEnqCount() == 0) {
     CD_FATAL("[S:%d F:%d] FC already finished, please check it !", sensorId, frameNo);
   }
@@ -127,6 +130,9 @@ void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfi
     CD_LOGW("[%s] [S:%d F:%d] FC not found ! maybe flushed", sensorId, frameNo);
     return;
   }
+  // "No frame" skips the warning and relies on a record kept under that number; without one
+  // there is nothing to mark, and going on would dereference an empty record.
+  if (!pFc) CD_FATAL("[S:%d F:%d] FC not found !", sensorId, frameNo);
   if (pFc->getNotEnqCount() == 0) {
     CD_FATAL("[S:%d F:%d] FC already finished, please check it !", sensorId, frameNo);
   }
