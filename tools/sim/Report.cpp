@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 
 namespace orvcam {
@@ -173,14 +174,6 @@ void printReport(std::ostream& out, const History& h, const CheckResult& check,
   }
   out << verdictLine(check) << "\n";
 }
-
-}  // namespace sim
-}  // namespace orvcam
-
-#include <nlohmann/json.hpp>
-
-namespace orvcam {
-namespace sim {
 
 void writeHistoryJson(std::ostream& out, const History& h) {
   using json = nlohmann::json;
