@@ -77,7 +77,7 @@ struct Runner::Impl {
 
   Impl(const Scenario& s, RunOptions o) : scenario(s), options(std::move(o)), plans(planFrames(s)) {
     frames.resize(plans.size());
-    for (const auto& spec : scenario.sensors) logs[spec.id] = std::make_unique<SensorLog>();
+    for (const auto& cam : scenario.sensors) logs[cam.id] = std::make_unique<SensorLog>();
     for (const auto& e : scenario.events) {
       if (e.kind == EventKind::Drop) {
         dropsPlanned.insert({e.sensor, e.frame});
@@ -93,14 +93,14 @@ struct Runner::Impl {
 
   void touch() { activity.fetch_add(1, std::memory_order_relaxed); }
 
-  static bool gated(const EventSpec& e) {
+  static bool gated(const PlannedEvent& e) {
     return e.kind == EventKind::Flush || (e.kind == EventKind::InformInflight && e.value == 0);
   }
 
   bool hasGatedEvent(size_t idx) const {
     auto it = eventsAt.find(idx);
     if (it == eventsAt.end()) return false;
-    return std::any_of(it->second.begin(), it->second.end(), [](const EventSpec* e) { return gated(*e); });
+    return std::any_of(it->second.begin(), it->second.end(), [](const PlannedEvent* e) { return gated(*e); });
   }
 
   bool complete(size_t idx) const {
@@ -201,7 +201,7 @@ struct Runner::Impl {
   // Sends the frame's configure step and enqueue job. False when the frame is to be dropped:
   // the pipeline thread reports the drop and marks it done.
   bool sendFrame(uint32_t sensor, size_t idx, SensorLog& log, std::mt19937_64& rng,
-                 const DurationSpec& duration) {
+                 const DurationModel& duration) {
     const FramePlan& p = plans[idx];
     if (p.needCfg.count(sensor)) {
       if (p.cfgByJob.count(sensor)) {
@@ -250,14 +250,14 @@ struct Runner::Impl {
 
   // Prepares every frame of the sensor as soon as it is emplaced, and sends them in order: a
   // frame goes once every sensor of it has prepared it, unless the pipeline holds it.
-  void sensorLoop(const SensorSpec& spec) {
-    if (options.trace) host::traceThreadName("sensor " + std::to_string(spec.id));
-    SensorLog& log = *logs[spec.id];
-    std::mt19937_64 rng(options.seed * 0x9E3779B97F4A7C15ull + spec.id + 1);
-    const DurationSpec& duration = spec.hasOwnDuration ? spec.jobDuration : scenario.jobDuration;
+  void sensorLoop(const SensorSetup& cam) {
+    if (options.trace) host::traceThreadName("sensor " + std::to_string(cam.id));
+    SensorLog& log = *logs[cam.id];
+    std::mt19937_64 rng(options.seed * 0x9E3779B97F4A7C15ull + cam.id + 1);
+    const DurationModel& duration = cam.hasOwnDuration ? cam.jobDuration : scenario.jobDuration;
     std::vector<size_t> mine;
     for (size_t i = 0; i < plans.size(); ++i) {
-      if (plans[i].participates(spec.id)) mine.push_back(i);
+      if (plans[i].participates(cam.id)) mine.push_back(i);
     }
     size_t prepPos = 0, sendPos = 0;
     std::unique_lock<std::mutex> lock(mutex);
@@ -267,10 +267,10 @@ struct Runner::Impl {
         std::shared_ptr<const cc::FrameContext> fc = frames[idx].fc;
         lock.unlock();
         setActivity(log, Activity::Preparing, plans[idx].frame);
-        log.prepares.push_back({spec.id, plans[idx].frame, now()});
-        deliver->prepare(spec.id, plans[idx].frame, fc);
+        log.prepares.push_back({cam.id, plans[idx].frame, now()});
+        deliver->prepare(cam.id, plans[idx].frame, fc);
         lock.lock();
-        frames[idx].prepared.insert(spec.id);
+        frames[idx].prepared.insert(cam.id);
         ++prepPos;
         touch();
         cond.notify_all();
@@ -287,9 +287,9 @@ struct Runner::Impl {
         continue;
       }
       lock.unlock();
-      bool sent = sendFrame(spec.id, idx, log, rng, duration);
+      bool sent = sendFrame(cam.id, idx, log, rng, duration);
       lock.lock();
-      if (sent) markDone(spec.id, idx);
+      if (sent) markDone(cam.id, idx);
       ++sendPos;
     }
     setActivity(log, Activity::Done, 0);
@@ -354,9 +354,9 @@ struct Runner::Impl {
     const FramePlan& p = plans[idx];
     auto it = eventsAt.find(idx);
     if (it != eventsAt.end()) {
-      for (const EventSpec* spec : it->second) {
-        if (gated(*spec)) continue;
-        notify(lock, newEvent(spec->kind, spec->sensor, spec->frame, spec->value));
+      for (const PlannedEvent* ev : it->second) {
+        if (gated(*ev)) continue;
+        notify(lock, newEvent(ev->kind, ev->sensor, ev->frame, ev->value));
       }
     }
     std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
@@ -384,7 +384,7 @@ struct Runner::Impl {
   // finish, emplace the next frames and let every sensor prepare them, then report with no
   // thread inside the deliverer.
   void runHeldEvents(std::unique_lock<std::mutex>& lock, size_t idx) {
-    const std::vector<const EventSpec*>& evs = eventsAt[idx];
+    const std::vector<const PlannedEvent*>& evs = eventsAt[idx];
     uint32_t frameNo = plans[idx].frame;
     if (options.trace) host::traceBegin("hold sends from F:" + std::to_string(frameNo));
     gate = idx;
@@ -396,7 +396,7 @@ struct Runner::Impl {
       return true;
     });
     std::set<uint32_t> reporting;
-    for (const EventSpec* e : evs) {
+    for (const PlannedEvent* e : evs) {
       if (e->kind == EventKind::InformInflight && e->value == 0) reporting.insert(e->sensor);
     }
     size_t end = idx;
@@ -415,33 +415,33 @@ struct Runner::Impl {
       }
       return true;
     });
-    for (const EventSpec* spec : evs) {
-      if (!gated(*spec)) continue;
+    for (const PlannedEvent* ev : evs) {
+      if (!gated(*ev)) continue;
       std::vector<uint32_t> pending;
       for (size_t i = idx; i < end; ++i) {
         if (complete(i)) continue;
-        if (spec->kind == EventKind::Flush || plans[i].syncList.count(spec->sensor)) {
+        if (ev->kind == EventKind::Flush || plans[i].syncList.count(ev->sensor)) {
           pending.push_back(plans[i].frame);
         }
       }
-      if (spec->kind == EventKind::InformInflight) {
-        EventRecord& e = newEvent(spec->kind, spec->sensor, frameNo, spec->value);
+      if (ev->kind == EventKind::InformInflight) {
+        EventRecord& e = newEvent(ev->kind, ev->sensor, frameNo, ev->value);
         e.frames = pending;
         notify(lock, e);
         continue;
       }
       // The deliverer's flush() hands back every sensor's queued licences, so every sensor's
       // frames are flushed in the guard too, the named sensor first.
-      std::vector<uint32_t> order{spec->sensor};
+      std::vector<uint32_t> order{ev->sensor};
       for (const auto& s : scenario.sensors) {
-        if (s.id != spec->sensor) order.push_back(s.id);
+        if (s.id != ev->sensor) order.push_back(s.id);
       }
       for (uint32_t s : order) {
-        EventRecord& e = newEvent(EventKind::Flush, s, frameNo, spec->value);
+        EventRecord& e = newEvent(EventKind::Flush, s, frameNo, ev->value);
         e.frames = pending;
         notify(lock, e);
       }
-      EventRecord& q = newEvent(EventKind::QueueFlush, spec->sensor, frameNo, 0);
+      EventRecord& q = newEvent(EventKind::QueueFlush, ev->sensor, frameNo, 0);
       q.frames = pending;
       notify(lock, q);
       for (size_t i = idx; i < end; ++i) {
@@ -509,7 +509,7 @@ struct Runner::Impl {
   std::deque<std::pair<uint32_t, size_t>> dropRequests;
 
   std::set<std::pair<uint32_t, uint32_t>> dropsPlanned;  // (sensor, frame)
-  std::map<size_t, std::vector<const EventSpec*>> eventsAt;  // all but drops
+  std::map<size_t, std::vector<const PlannedEvent*>> eventsAt;  // all but drops
   std::map<uint32_t, std::unique_ptr<SensorLog>> logs;
   std::deque<EventRecord> events;  // pipeline thread only
 
@@ -556,7 +556,7 @@ bool Runner::run(History* history, std::string* stallReport) {
     });
   };
   start([&d] { d.pipelineLoop(); });
-  for (const auto& spec : d.scenario.sensors) start([&d, &spec] { d.sensorLoop(spec); });
+  for (const auto& cam : d.scenario.sensors) start([&d, &cam] { d.sensorLoop(cam); });
 
   uint64_t lastActivity = ~0ull;
   auto lastChange = Clock::now();
@@ -591,7 +591,7 @@ bool Runner::run(History* history, std::string* stallReport) {
   h = History();
   h.scenario = d.scenario.name;
   h.seed = d.options.seed;
-  for (const auto& spec : d.scenario.sensors) h.sensors.push_back(spec.id);
+  for (const auto& cam : d.scenario.sensors) h.sensors.push_back(cam.id);
   std::sort(h.sensors.begin(), h.sensors.end());
   h.plans = d.plans;
   {

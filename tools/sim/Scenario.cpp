@@ -97,28 +97,28 @@ std::string asString(const json& v, const std::string& field) {
   return v.get<std::string>();
 }
 
-DurationSpec parseDuration(const json& j, const std::string& path) {
+DurationModel parseDuration(const json& j, const std::string& path) {
   requireObject(j, path);
-  DurationSpec d;
+  DurationModel d;
   std::string kind = asString(require(j, path, "distribution"), join(path, "distribution"));
   if (kind == "fixed") {
     checkKeys(j, path, {"distribution", "us"});
-    d.kind = DurationSpec::Kind::Fixed;
+    d.kind = DurationModel::Kind::Fixed;
     d.a = asDuration(require(j, path, "us"), join(path, "us"));
   } else if (kind == "uniform") {
     checkKeys(j, path, {"distribution", "minUs", "maxUs"});
-    d.kind = DurationSpec::Kind::Uniform;
+    d.kind = DurationModel::Kind::Uniform;
     d.a = asDuration(require(j, path, "minUs"), join(path, "minUs"));
     d.b = asDuration(require(j, path, "maxUs"), join(path, "maxUs"));
     if (d.b < d.a) fail(join(path, "maxUs"), "is below minUs");
   } else if (kind == "normal") {
     checkKeys(j, path, {"distribution", "meanUs", "stddevUs"});
-    d.kind = DurationSpec::Kind::Normal;
+    d.kind = DurationModel::Kind::Normal;
     d.a = asDuration(require(j, path, "meanUs"), join(path, "meanUs"));
     d.b = asDuration(require(j, path, "stddevUs"), join(path, "stddevUs"));
   } else if (kind == "exponential") {
     checkKeys(j, path, {"distribution", "meanUs"});
-    d.kind = DurationSpec::Kind::Exponential;
+    d.kind = DurationModel::Kind::Exponential;
     d.a = asDuration(require(j, path, "meanUs"), join(path, "meanUs"));
   } else {
     fail(join(path, "distribution"),
@@ -214,23 +214,23 @@ class Parser {
       const json& j = list[i];
       requireObject(j, path);
       checkKeys(j, path, {"id", "streaming", "jobDuration"});
-      SensorSpec spec;
-      spec.id = uint32_t(asUint(require(j, path, "id"), join(path, "id"), 0, kMaxSensorId));
-      if (s_.sensor(spec.id)) {
-        fail(join(path, "id"), "sensor " + std::to_string(spec.id) + " is listed twice");
+      SensorSetup cam;
+      cam.id = uint32_t(asUint(require(j, path, "id"), join(path, "id"), 0, kMaxSensorId));
+      if (s_.sensor(cam.id)) {
+        fail(join(path, "id"), "sensor " + std::to_string(cam.id) + " is listed twice");
       }
       if (const json* v = find(j, "streaming")) {
         if (!v->is_boolean()) fail(join(path, "streaming"), "must be true or false");
-        spec.streaming = v->get<bool>();
+        cam.streaming = v->get<bool>();
       }
       if (const json* v = find(j, "jobDuration")) {
-        spec.jobDuration = parseDuration(*v, join(path, "jobDuration"));
-        spec.hasOwnDuration = true;
+        cam.jobDuration = parseDuration(*v, join(path, "jobDuration"));
+        cam.hasOwnDuration = true;
       }
-      s_.sensors.push_back(spec);
+      s_.sensors.push_back(cam);
     }
     bool anyStreaming = false;
-    for (const auto& spec : s_.sensors) anyStreaming = anyStreaming || spec.streaming;
+    for (const auto& cam : s_.sensors) anyStreaming = anyStreaming || cam.streaming;
     if (!anyStreaming) {
       fail("sensors", "no sensor streams from the first frame (every sensor has \"streaming\": false)");
     }
@@ -238,7 +238,7 @@ class Parser {
 
   void syncGroup(const json& j, const std::string& path) {
     checkKeys(j, path, {"sensors", "fromFrame", "toFrame"});
-    SyncGroupSpec g;
+    SyncGroupSetup g;
     g.sensors = sensorList(require(j, path, "sensors"), join(path, "sensors"), 2);
     g.fromFrame = find(j, "fromFrame") ? frame(j["fromFrame"], join(path, "fromFrame")) : s_.firstFrame;
     g.toFrame = find(j, "toFrame") ? frame(j["toFrame"], join(path, "toFrame")) : s_.lastFrame();
@@ -276,7 +276,7 @@ class Parser {
 
   void rawSwitch(const json& j, const std::string& path) {
     checkKeys(j, path, {"frame", "off", "on"});
-    RawSwitchSpec r;
+    RawSwitchSetup r;
     r.frame = frame(require(j, path, "frame"), join(path, "frame"));
     r.off = sensorRef(require(j, path, "off"), join(path, "off"));
     r.on = sensorRef(require(j, path, "on"), join(path, "on"));
@@ -290,7 +290,7 @@ class Parser {
 
   void event(const json& j, const std::string& path) {
     checkKeys(j, path, {"frame", "type", "sensor", "value"});
-    EventSpec e;
+    PlannedEvent e;
     e.frame = frame(require(j, path, "frame"), join(path, "frame"));
     std::string type = asString(require(j, path, "type"), join(path, "type"));
     if (!parseEventKind(type, &e.kind)) {
@@ -316,11 +316,11 @@ class Parser {
       return s_.rawSwitches[a].frame < s_.rawSwitches[b].frame;
     });
     std::set<uint32_t> active;
-    for (const auto& spec : s_.sensors) {
-      if (spec.streaming) active.insert(spec.id);
+    for (const auto& cam : s_.sensors) {
+      if (cam.streaming) active.insert(cam.id);
     }
     for (size_t i : order) {
-      const RawSwitchSpec& r = s_.rawSwitches[i];
+      const RawSwitchSetup& r = s_.rawSwitches[i];
       if (!active.count(r.off)) {
         fail(rawPaths_[i] + ".off", "sensor " + std::to_string(r.off) + " is not streaming at frame " +
                                         std::to_string(r.frame));
@@ -334,7 +334,7 @@ class Parser {
 
     std::set<std::pair<uint32_t, uint32_t>> configured;
     for (size_t i = 0; i < s_.configure.size(); ++i) {
-      const ConfigureSpec& c = s_.configure[i];
+      const ConfigureSetup& c = s_.configure[i];
       for (uint32_t id : c.sensors) {
         if (!plan(c.frame).participates(id)) {
           fail(configurePaths_[i] + ".sensors", "sensor " + std::to_string(id) +
@@ -351,7 +351,7 @@ class Parser {
 
     std::set<std::pair<uint32_t, uint32_t>> drops;
     for (size_t i = 0; i < s_.events.size(); ++i) {
-      const EventSpec& e = s_.events[i];
+      const PlannedEvent& e = s_.events[i];
       const FramePlan& p = plan(e.frame);
       if (e.kind == EventKind::Drop) {
         if (!p.participates(e.sensor)) {
@@ -389,7 +389,7 @@ std::string stem(const std::string& path) {
 
 }  // namespace
 
-Nanos DurationSpec::sample(std::mt19937_64& rng) const {
+Nanos DurationModel::sample(std::mt19937_64& rng) const {
   double us = a;
   switch (kind) {
     case Kind::Fixed:
@@ -408,7 +408,7 @@ Nanos DurationSpec::sample(std::mt19937_64& rng) const {
   return Nanos(us * 1000.0);
 }
 
-const SensorSpec* Scenario::sensor(uint32_t id) const {
+const SensorSetup* Scenario::sensor(uint32_t id) const {
   for (const auto& s : sensors) {
     if (s.id == id) return &s;
   }
@@ -465,11 +465,11 @@ bool FramePlan::participates(uint32_t sensor) const {
 }
 
 std::vector<FramePlan> planFrames(const Scenario& s) {
-  std::map<uint32_t, const RawSwitchSpec*> switches;
+  std::map<uint32_t, const RawSwitchSetup*> switches;
   for (const auto& r : s.rawSwitches) switches[r.frame] = &r;
   std::set<uint32_t> active;
-  for (const auto& spec : s.sensors) {
-    if (spec.streaming) active.insert(spec.id);
+  for (const auto& cam : s.sensors) {
+    if (cam.streaming) active.insert(cam.id);
   }
 
   std::vector<FramePlan> plans;

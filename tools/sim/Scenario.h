@@ -13,7 +13,7 @@ namespace orvcam {
 namespace sim {
 
 // How long a simulated job takes, in microseconds.
-struct DurationSpec {
+struct DurationModel {
   enum class Kind { Fixed, Uniform, Normal, Exponential };
   Kind kind = Kind::Uniform;
   double a = 200;   // fixed: the value; uniform: min; normal, exponential: mean
@@ -21,32 +21,32 @@ struct DurationSpec {
   Nanos sample(std::mt19937_64& rng) const;
 };
 
-struct SensorSpec {
+struct SensorSetup {
   uint32_t id = 0;
   bool streaming = true;  // streams from the first frame; otherwise joins by a raw switch
   bool hasOwnDuration = false;
-  DurationSpec jobDuration;
+  DurationModel jobDuration;
 };
 
-struct SyncGroupSpec {
+struct SyncGroupSetup {
   std::vector<uint32_t> sensors;
   uint32_t fromFrame = 0;
   uint32_t toFrame = 0;
 };
 
-struct ConfigureSpec {
+struct ConfigureSetup {
   uint32_t frame = 0;
   std::vector<uint32_t> sensors;  // empty: every sensor of the frame
   bool viaJob = true;             // false: setConfigured
 };
 
-struct RawSwitchSpec {
+struct RawSwitchSetup {
   uint32_t frame = 0;
   uint32_t off = 0;
   uint32_t on = 0;
 };
 
-struct EventSpec {
+struct PlannedEvent {
   EventKind kind = EventKind::ResumeDone;
   uint32_t frame = 0;
   uint32_t sensor = 0;
@@ -62,15 +62,15 @@ struct Scenario {
   uint32_t frameIntervalUs = 1000;
   uint32_t maxInFlight = 6;
   uint64_t seed = 1;
-  DurationSpec jobDuration;
-  std::vector<SensorSpec> sensors;
-  std::vector<SyncGroupSpec> syncGroups;
-  std::vector<ConfigureSpec> configure;
-  std::vector<RawSwitchSpec> rawSwitches;
-  std::vector<EventSpec> events;
+  DurationModel jobDuration;
+  std::vector<SensorSetup> sensors;
+  std::vector<SyncGroupSetup> syncGroups;
+  std::vector<ConfigureSetup> configure;
+  std::vector<RawSwitchSetup> rawSwitches;
+  std::vector<PlannedEvent> events;
 
   uint32_t lastFrame() const { return firstFrame + frames - 1; }
-  const SensorSpec* sensor(uint32_t id) const;
+  const SensorSetup* sensor(uint32_t id) const;
 };
 
 // Where a scenario is wrong: the file, the field (a JSON path such as "events[2].type") and
