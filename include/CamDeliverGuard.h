@@ -66,8 +66,7 @@ class ORVCAM_CAMDELIVER_API CamDeliverGuard {
   const int32_t logLevel;
 
  private:
-  std::set<uint32_t> logFrameList(const char* func, uint32_t sensorId,
-                                  std::set<uint32_t> frames);
+  std::set<uint32_t> logFrameList(const char* func, uint32_t sensorId, std::set<uint32_t> frames);
 };
 
 }  // namespace camcoordinator

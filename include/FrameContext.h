@@ -18,10 +18,10 @@ namespace camcoordinator {
 class ORVCAM_CAMDELIVER_API FrameContext {
  public:
   struct SensorState {
-    uint32_t sensorCode = 0xFF;  // client's own; carried, not read
-    int32_t streamingState = -1; // 0 and 1 mark the two sides of a raw switch; 1 is "off"
-    int32_t sensorValue = -1;    // client's own; carried, not read
-    bool extraFlag = false;      // client's own; carried, not read
+    uint32_t sensorCode = 0xFF;   // client's own; carried, not read
+    int32_t streamingState = -1;  // 0 and 1 mark the two sides of a raw switch; 1 is "off"
+    int32_t sensorValue = -1;     // client's own; carried, not read
+    bool extraFlag = false;       // client's own; carried, not read
     bool isPrepared = false;
     bool needCfg = false;
     bool isConfigured = false;

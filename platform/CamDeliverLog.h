@@ -100,7 +100,7 @@ inline void emitFatal(const char* tag, const char* fmt, Args... args) {
 class TraceSection {
  public:
   TraceSection(const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)))
-      : mTag(tag), mTraced((atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0) {
+  : mTag(tag), mTraced((atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0) {
     if (!mTraced) return;
     memset(mName, 0, sizeof(mName));
     va_list ap;
@@ -129,55 +129,53 @@ class TraceSection {
 }  // namespace camsys
 }  // namespace NSCam
 
-#define CD_LOG_AT_(dbgLevel, ulogLevel, fmt, ...)                                             \
-  do {                                                                                        \
-    if (false) ::NSCam::camsys::camcoordinator::logging::checkFormat(fmt, __FUNCTION__,       \
-                                                                     ##__VA_ARGS__);          \
-    ::NSCam::camsys::camcoordinator::logging::emit(CD_LOG_TAG, dbgLevel, ulogLevel, __FILE__, \
-                                                   __LINE__, __FUNCTION__, fmt,               \
-                                                   ##__VA_ARGS__);                            \
+#define CD_LOG_AT_(dbgLevel, ulogLevel, fmt, ...)                                               \
+  do {                                                                                          \
+    if (false)                                                                                  \
+      ::NSCam::camsys::camcoordinator::logging::checkFormat(fmt, __FUNCTION__, ##__VA_ARGS__);  \
+    ::NSCam::camsys::camcoordinator::logging::emit(CD_LOG_TAG, dbgLevel, ulogLevel, __FILE__,   \
+                                                   __LINE__, __FUNCTION__, fmt, ##__VA_ARGS__); \
   } while (0)
 
 // Debug line: detail level 5 and the module's mask bits.
-#define CD_LOGD(fmt, ...)                                                                    \
-  do {                                                                                       \
-    if (::NSCam::camsys::camcoordinator::logging::debugEnabled())                            \
-      CD_LOG_AT_(CAM_DEBUG_LEVEL_DEBUG, ::NSCam::camsys::camcoordinator::logging::kULogDebug, \
-                 fmt, ##__VA_ARGS__);                                                        \
+#define CD_LOGD(fmt, ...)                                                                          \
+  do {                                                                                             \
+    if (::NSCam::camsys::camcoordinator::logging::debugEnabled())                                  \
+      CD_LOG_AT_(CAM_DEBUG_LEVEL_DEBUG, ::NSCam::camsys::camcoordinator::logging::kULogDebug, fmt, \
+                 ##__VA_ARGS__);                                                                   \
   } while (0)
 
 // Verbose debug line: `level` (a log level copy or the live static) of 1 or more is tested
 // first, then the debug gates.
-#define CD_LOGV(level, fmt, ...)                 \
-  do {                                           \
+#define CD_LOGV(level, fmt, ...)                   \
+  do {                                             \
     if ((level) >= 1) CD_LOGD(fmt, ##__VA_ARGS__); \
   } while (0)
 
-#define CD_LOGW(fmt, ...)                                                        \
-  do {                                                                           \
-    if (::NSCam::camsys::camcoordinator::logging::warningEnabled())              \
-      CD_LOG_AT_(CAM_DEBUG_LEVEL_WARNING,                                        \
-                 ::NSCam::camsys::camcoordinator::logging::kULogWarning, fmt,    \
-                 ##__VA_ARGS__);                                                 \
+#define CD_LOGW(fmt, ...)                                                                         \
+  do {                                                                                            \
+    if (::NSCam::camsys::camcoordinator::logging::warningEnabled())                               \
+      CD_LOG_AT_(CAM_DEBUG_LEVEL_WARNING, ::NSCam::camsys::camcoordinator::logging::kULogWarning, \
+                 fmt, ##__VA_ARGS__);                                                             \
   } while (0)
 
-#define CD_LOGE(fmt, ...)                                                                  \
-  CD_LOG_AT_(CAM_DEBUG_LEVEL_ERROR, ::NSCam::camsys::camcoordinator::logging::kULogError, \
-             fmt, ##__VA_ARGS__)
+#define CD_LOGE(fmt, ...)                                                                      \
+  CD_LOG_AT_(CAM_DEBUG_LEVEL_ERROR, ::NSCam::camsys::camcoordinator::logging::kULogError, fmt, \
+             ##__VA_ARGS__)
 
 // Fatal assertion: logs the message at error level, then ends the process through the
 // platform's assertion with " (function){#line:path}" after the message. Locks held by the
 // caller stay held.
-#define CD_FATAL(fmt, ...)                                                                  \
-  do {                                                                                      \
-    ::NSCam::camsys::camcoordinator::logging::emitFatal(CD_LOG_TAG, fmt, ##__VA_ARGS__);    \
-    __android_log_assert(nullptr, CD_LOG_TAG, fmt " (%s){#%d:%s}", ##__VA_ARGS__,           \
-                         __FUNCTION__, __LINE__, __FILE__);                                 \
+#define CD_FATAL(fmt, ...)                                                                      \
+  do {                                                                                          \
+    ::NSCam::camsys::camcoordinator::logging::emitFatal(CD_LOG_TAG, fmt, ##__VA_ARGS__);        \
+    __android_log_assert(nullptr, CD_LOG_TAG, fmt " (%s){#%d:%s}", ##__VA_ARGS__, __FUNCTION__, \
+                         __LINE__, __FILE__);                                                   \
   } while (0)
 
 #define CD_TRACE_CONCAT_(a, b) a##b
 #define CD_TRACE_NAME_(line) CD_TRACE_CONCAT_(cdTraceSection_, line)
 // Traces the rest of the enclosing scope as a section named by the format.
-#define CD_TRACE_SCOPE(fmt, ...)                                    \
-  ::NSCam::camsys::camcoordinator::logging::TraceSection CD_TRACE_NAME_(__LINE__)( \
-      CD_LOG_TAG, fmt, ##__VA_ARGS__)
+#define CD_TRACE_SCOPE(fmt, ...)                                                                   \
+  ::NSCam::camsys::camcoordinator::logging::TraceSection CD_TRACE_NAME_(__LINE__)(CD_LOG_TAG, fmt, \
+                                                                                  ##__VA_ARGS__)

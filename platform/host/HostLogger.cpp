@@ -27,7 +27,7 @@ constexpr int kDefaultMode = 2;
 struct LoggerState {
   std::mutex mutex;
   orvcam::host::LogCapture* capture = nullptr;  // innermost active capture
-  bool captureEchoes = false;                    // whether it also wants stderr
+  bool captureEchoes = false;                   // whether it also wants stderr
 };
 
 LoggerState& state() {
@@ -102,8 +102,7 @@ void writeAll(int fd, const std::string& text) {
 
 // The single entry of every sink. The whole line is written with one write under the
 // logger's lock so that lines of different threads never interleave.
-void writeLine(char level, const char* tag, std::string message,
-               orvcam::host::LogLine::Sink sink) {
+void writeLine(char level, const char* tag, std::string message, orvcam::host::LogLine::Sink sink) {
   std::string text = orvcam::host::formatLogcatLine(level, tag ? tag : "", message) + "\n";
   bool isAssert = sink == orvcam::host::LogLine::Sink::Assert;
   LoggerState& s = state();
@@ -149,8 +148,7 @@ int ULogger::sMode = kDefaultMode;
 void ULogger::print(uint32_t /*moduleId*/, const char* tag, int level, const char* text,
                     size_t length) {
   std::string message = text ? std::string(text, strnlen(text, length)) : std::string();
-  writeLine(ulogLevelLetter(level), tag, std::move(message),
-            orvcam::host::LogLine::Sink::ULogger);
+  writeLine(ulogLevelLetter(level), tag, std::move(message), orvcam::host::LogLine::Sink::ULogger);
 }
 
 void ULogger::flush(int /*flag*/) { fflush(stderr); }

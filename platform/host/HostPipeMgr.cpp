@@ -43,8 +43,8 @@ namespace {
 // Serials are unique across managers and resets.
 std::atomic<uint64_t> gNextSerial{1};
 
-void notify(const std::shared_ptr<const Observer>& observer, LicenseEvent event,
-            uint64_t serial, int32_t fd) {
+void notify(const std::shared_ptr<const Observer>& observer, LicenseEvent event, uint64_t serial,
+            int32_t fd) {
   if (observer && *observer) (*observer)(event, serial, fd);
 }
 

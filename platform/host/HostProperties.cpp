@@ -35,9 +35,9 @@ PropertyStore& store() {
       std::string error;
       if (!parsePropertyFile(path, &created->values, &error)) {
         created->values.clear();
-        fprintf(stderr, "%s\n",
-                formatLogcatLine('E', "OrvCam/HostPlatform", "ORVCAM_PROPERTY_FILE: " + error)
-                    .c_str());
+        fprintf(
+            stderr, "%s\n",
+            formatLogcatLine('E', "OrvCam/HostPlatform", "ORVCAM_PROPERTY_FILE: " + error).c_str());
       }
     }
     return created;

@@ -94,8 +94,8 @@ void writeEvent(const char* name, const char* category, char phase, const std::s
   std::lock_guard<std::mutex> lock(s.mutex);
   if (s.file == nullptr) return;
   fprintf(s.file, "%s{\"name\":%s,\"cat\":%s,\"ph\":\"%c\",\"ts\":%lld,\"pid\":%d,\"tid\":%d%s}",
-          s.firstEvent ? "" : ",\n", nameJson.c_str(), catJson.c_str(), phase, nowMicros(),
-          s.pid, tid, extra.c_str());
+          s.firstEvent ? "" : ",\n", nameJson.c_str(), catJson.c_str(), phase, nowMicros(), s.pid,
+          tid, extra.c_str());
   s.firstEvent = false;
 }
 
@@ -116,8 +116,7 @@ struct StartUpTraceFile {
     std::string error;
     if (!openTraceFile(path, &error))
       fprintf(stderr, "%s\n",
-              formatLogcatLine('E', "OrvCam/HostPlatform", "ORVCAM_TRACE_FILE: " + error)
-                  .c_str());
+              formatLogcatLine('E', "OrvCam/HostPlatform", "ORVCAM_TRACE_FILE: " + error).c_str());
   }
 } gStartUpTraceFile;
 

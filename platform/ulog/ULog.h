@@ -19,8 +19,7 @@ class ULogger {
   static int sMode;
 
   // Writes one finished line of `length` bytes (no trailing zero needed).
-  static void print(uint32_t moduleId, const char* tag, int level, const char* text,
-                    size_t length);
+  static void print(uint32_t moduleId, const char* tag, int level, const char* text, size_t length);
   // Begins (kind 2) or ends (kind 6) a named trace section on the calling thread.
   static void trace(uint32_t moduleId, const char* tag, const char* name, int kind);
   // Pushes buffered lines out; called before the process is aborted.

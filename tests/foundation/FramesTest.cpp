@@ -21,13 +21,15 @@ FrameContext::SensorState state(bool needEnq, bool needCfg = false, int32_t stre
   return s;
 }
 
-std::shared_ptr<FrameContext> record(uint32_t frameNo, States states, Set sync = {},
-                                     Set inMap = {}, bool rawSwitch = false) {
+std::shared_ptr<FrameContext> record(uint32_t frameNo, States states, Set sync = {}, Set inMap = {},
+                                     bool rawSwitch = false) {
   return std::make_shared<FrameContext>(frameNo, sync, inMap, states, rawSwitch);
 }
 
 TEST(FrameContext, ProgressOfPresentSensorsOnlyExceptThatPreparedInserts) {
-  auto fc = record(5, {{0, state(true, true, 0)}, {1, state(true, false, 1)}, {2, state(false)},
+  auto fc = record(5, {{0, state(true, true, 0)},
+                       {1, state(true, false, 1)},
+                       {2, state(false)},
                        {3, state(false)}});
   EXPECT_EQ(fc->getNeedCfgList(), Set{0});
   EXPECT_EQ(fc->getNeedEnqList(), (Set{0, 1}));
@@ -59,7 +61,9 @@ class FrameContextPoolTest : public ::testing::Test {
     pool.emplace(frameNo, fc);
     return fc;
   }
-  std::vector<std::string> lines(char level) { return capture.messages("OrvCam/FrameContextPool", level); }
+  std::vector<std::string> lines(char level) {
+    return capture.messages("OrvCam/FrameContextPool", level);
+  }
   orvcam::test::LoggerScope logger;
   LogCapture capture;
   FrameContextPool pool;
@@ -83,7 +87,7 @@ TEST_F(FrameContextPoolTest, PreviousFrameIsTheHighestFramePreparedWithALowerOrd
   add(12, 1, 0);  // prepared first despite its higher number
   add(10, 1, 1);
   add(11, 1, 2);
-  add(13, 1, 1);  // same order as frame 10: never its predecessor
+  add(13, 1, 1);               // same order as frame 10: never its predecessor
   add(14, 2)->prepared(1, 0);  // sensor 1 inserted unprepared with order 0: skipped
   EXPECT_EQ(pool.getPreviousFC(1, 10), pool.tryGet(12));
   EXPECT_THAT(lines('D'), ElementsAre("[getPreviousFC] [S:1 F:10] get previous frameNo(12) "

@@ -75,9 +75,10 @@ TEST_F(LicenseQueueTest, PushAndPopWithTheirDebugLines) {
   EXPECT_TRUE(q->isLicenseExist(0xFF00, 10));
   EXPECT_NE(q->popLicenseLocked(0xFF00, 10), nullptr);
   EXPECT_THAT(q->mQueue, IsEmpty());
-  EXPECT_THAT(lines('D'), ElementsAre("[pushLicense] [S:0 F:10] fd(1)", "[pushLicense] [S:65280 F:10] fd(2)",
-                                      std::string("[popLicense] [S:0 F:10] license(") + address + ") fd(1)", _,
-                                      "[popLicense] [S:65280 F:10] erase."));
+  EXPECT_THAT(lines('D'),
+              ElementsAre("[pushLicense] [S:0 F:10] fd(1)", "[pushLicense] [S:65280 F:10] fd(2)",
+                          std::string("[popLicense] [S:0 F:10] license(") + address + ") fd(1)", _,
+                          "[popLicense] [S:65280 F:10] erase."));
   // Misses warn and change nothing, not even an empty frame entry.
   q->pushLicense(0, 10, host());
   capture->clear();
@@ -136,8 +137,9 @@ TEST_F(LicenseQueueTest, ChangeFramesFDReleasesEachLicenceBeforeAcquiringItsRepl
   std::vector<std::string> expected;
   for (int32_t i = 0; i < 3; ++i) {
     const int32_t old = released[i], frameNo = 10 + (old - 100) / 10, key = old % 10;
-    expected.push_back("[changeFramesFD] [S:" + std::to_string(key) + " F:" + std::to_string(frameNo) +
-                       "] change FD (" + std::to_string(old) + ") -> (" + std::to_string(200 + i) + ")");
+    expected.push_back("[changeFramesFD] [S:" + std::to_string(key) +
+                       " F:" + std::to_string(frameNo) + "] change FD (" + std::to_string(old) +
+                       ") -> (" + std::to_string(200 + i) + ")");
     EXPECT_EQ(q->mQueue.at(frameNo).at(key)->getFD(), 200 + i);
   }
   EXPECT_EQ(lines(), expected);
@@ -163,11 +165,15 @@ TEST_F(LicenseQueueDeathTest, FlowErrorsAbort) {
   q->pushLicense(0xFFFF, 11, host());
   const std::string file = "LicenseQueue.cpp";
   EXPECT_FATAL(q->pushLicense(0, 10, host()),
-               "[S:0 F:10] license should not exist !!, please check the flow !!", "pushLicense", file);
+               "[S:0 F:10] license should not exist !!, please check the flow !!", "pushLicense",
+               file);
   EXPECT_FATAL(q->pushLicense(3, 12, nullptr), "[S:3 F:12] pLicense is null", "pushLicense", file);
-  const std::string cfg = " must not in change-FD flow, please check CamDeliver::prepareLicense() !";
-  EXPECT_FATAL(q->changeFramesFD({10}), "[S:65282] configure frame(10)" + cfg, "changeFramesFD", file);
-  EXPECT_FATAL(q->changeFramesFD({11}), "[S:65535] configure frame(11)" + cfg, "changeFramesFD", file);
+  const std::string cfg =
+      " must not in change-FD flow, please check CamDeliver::prepareLicense() !";
+  EXPECT_FATAL(q->changeFramesFD({10}), "[S:65282] configure frame(10)" + cfg, "changeFramesFD",
+               file);
+  EXPECT_FATAL(q->changeFramesFD({11}), "[S:65535] configure frame(11)" + cfg, "changeFramesFD",
+               file);
   q->clear();
   q->pushLicense(0, 10, host());
   EXPECT_FATAL(q->changeFramesFD({10, 12}), "frameNo(12) not exist, check it has been poped or not",
@@ -191,10 +197,11 @@ TEST_F(LicenseQueueDeathTest, DestroyingANonEmptyQueueDumpsItThenAborts) {
   EXPECT_TRUE(keys == "0 65280 " || keys == "65280 0 ");
   capture.reset();
   EXPECT_EXIT(q.reset(), testing::KilledBySignal(SIGABRT),
-              orvcam::test::escapeRegex(std::string(kTag) + ": [~LicenseQueue] (F:S) : (10:" + keys +
-                                        ") (11:1 ) \n") +
+              orvcam::test::escapeRegex(std::string(kTag) +
+                                        ": [~LicenseQueue] (F:S) : (10:" + keys + ") (11:1 ) \n") +
                   "(.|\n)*" +
-                  orvcam::test::fatalRegex("mQueue size should be 0!", "~LicenseQueue", "LicenseQueue.cpp"));
+                  orvcam::test::fatalRegex("mQueue size should be 0!", "~LicenseQueue",
+                                           "LicenseQueue.cpp"));
   q->clear();
 }
 

@@ -20,7 +20,10 @@ using ::testing::IsEmpty;
 
 constexpr char kTag[] = "OrvCam/LogTest";
 
-int debugLine(int v) { CD_LOGD("[%s] value %d", v); return __LINE__; }
+int debugLine(int v) {
+  CD_LOGD("[%s] value %d", v);
+  return __LINE__;
+}
 void verboseLine(int level, int v) { CD_LOGV(level, "[%s] verbose %d", v); }
 void warningLine(int v) { CD_LOGW("[%s] warn %d", v); }
 void errorLine(int v) { CD_LOGE("[%s] error %d", v); }
@@ -87,8 +90,8 @@ TEST(LogSinks, DebugPrintLineCarriesPrefixTagFileLineAndFunction) {
   const int line = debugLine(42);
   EXPECT_THAT(capture.messages(kTag),
               ElementsAre(std::string(g_logInfoLv[CAM_DEBUG_LEVEL_DEBUG].prefix) + "[" + kTag +
-                          "] " + get_filename_log_control(__FILE__) + ":" +
-                          std::to_string(line) + " debugLine() [debugLine] value 42"));
+                          "] " + get_filename_log_control(__FILE__) + ":" + std::to_string(line) +
+                          " debugLine() [debugLine] value 42"));
   // A disabled debug-print record silences that level on this sink.
   orvcam::host::setDebugPrintEnabled(CAM_DEBUG_LEVEL_DEBUG, false);
   debugLine(1);
@@ -105,10 +108,11 @@ TEST(LogSinks, LongLineIsCutTo1023Bytes) {
   longLine(fits + "c");
   longLine(std::string(2000, 'b'));
   std::vector<std::string> unified;
-  for (const auto& l : capture.lines()) if (l.sink == LogLine::Sink::ULogger) unified.push_back(l.message);
+  for (const auto& l : capture.lines())
+    if (l.sink == LogLine::Sink::ULogger) unified.push_back(l.message);
   EXPECT_EQ(capture.lines().size(), 6u);
-  EXPECT_THAT(unified, ElementsAre(head + fits, head + fits,
-                                   head + std::string(1023 - head.size(), 'b')));
+  EXPECT_THAT(unified,
+              ElementsAre(head + fits, head + fits, head + std::string(1023 - head.size(), 'b')));
 }
 
 TEST(LogFatalDeathTest, AssertionLogsItsMessageThenAbortsWithTheLocationSuffix) {

@@ -37,11 +37,9 @@ class MockPipeMgr : public IPipeMgr {
  public:
   MOCK_METHOD(std::unique_ptr<IRequestLicense>, acquireLicense, (), (override));
   MOCK_METHOD(std::unique_ptr<IRequestLicense>, acquireLicenseForFD, (int32_t), (override));
-  MOCK_METHOD(void, releaseLicense, (std::unique_ptr<IRequestLicense>&, bool, bool),
-              (override));
+  MOCK_METHOD(void, releaseLicense, (std::unique_ptr<IRequestLicense>&, bool, bool), (override));
   MOCK_METHOD((std::map<uint32_t, std::tuple<uint32_t, int32_t, int32_t>>), configure,
-              (const std::shared_ptr<ConfigParam>&, std::unique_ptr<IRequestLicense>&),
-              (override));
+              (const std::shared_ptr<ConfigParam>&, std::unique_ptr<IRequestLicense>&), (override));
 };
 }  // namespace
 
@@ -102,7 +100,9 @@ TEST(HostStartUpDeathTest, EnvironmentConfiguresLoggerPropertiesAndTraceTags) {
   const std::string savedStyle = GTEST_FLAG_GET(death_test_style);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const std::pair<const char*, std::string> env[] = {
-      {"ORVCAM_ULOG_LEVEL", "0x6"}, {"ORVCAM_ULOG_MASK", "4198401"}, {"ORVCAM_ULOG_MODE", "3"},
+      {"ORVCAM_ULOG_LEVEL", "0x6"},
+      {"ORVCAM_ULOG_MASK", "4198401"},
+      {"ORVCAM_ULOG_MODE", "3"},
       {"ORVCAM_PROPERTY_FILE", writeTemp("props", "vendor.x = 0x11\n")},
       {"ORVCAM_TRACE_TAGS", "0x400"}};
   for (const auto& e : env) setenv(e.first, e.second.c_str(), 1);
@@ -119,10 +119,19 @@ TEST(HostStartUpDeathTest, EnvironmentConfiguresLoggerPropertiesAndTraceTags) {
 }
 
 TEST(HostProperties, Int32ParsesLikeAndroid) {
-  const std::pair<const char*, int32_t> cases[] = {
-      {"42", 42}, {"0x10", 16}, {"010", 8}, {"-7", -7}, {" 12", 12}, {"12abc", 12},
-      {"abc", -1}, {"", -1}, {"2147483647", INT32_MAX}, {"-0x80000000", INT32_MIN},
-      {"2147483648", -1}, {"-2147483649", -1}, {"99999999999999999999999", -1}};
+  const std::pair<const char*, int32_t> cases[] = {{"42", 42},
+                                                   {"0x10", 16},
+                                                   {"010", 8},
+                                                   {"-7", -7},
+                                                   {" 12", 12},
+                                                   {"12abc", 12},
+                                                   {"abc", -1},
+                                                   {"", -1},
+                                                   {"2147483647", INT32_MAX},
+                                                   {"-0x80000000", INT32_MIN},
+                                                   {"2147483648", -1},
+                                                   {"-2147483649", -1},
+                                                   {"99999999999999999999999", -1}};
   for (const auto& c : cases) {
     host::setProperty("test.int", c.first);
     EXPECT_EQ(property_get_int32("test.int", -1), c.second) << '"' << c.first << '"';
@@ -135,7 +144,8 @@ TEST(HostProperties, FileLoadsKeyValueLinesAndNamesTheBadLine) {
   host::clearProperties();
   std::string error;
   ASSERT_TRUE(host::loadPropertyFile(
-      writeTemp("good", "# comment\n\n  a.b = 0x20 \nempty=\nc=x=y\n"), &error)) << error;
+      writeTemp("good", "# comment\n\n  a.b = 0x20 \nempty=\nc=x=y\n"), &error))
+      << error;
   EXPECT_EQ(host::getProperty("a.b"), "0x20");
   EXPECT_EQ(host::getProperty("c"), "x=y");
   for (const char* bad : {"x=1\nno value here\n", "x=1\n = v\n"}) {

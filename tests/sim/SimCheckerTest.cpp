@@ -187,7 +187,8 @@ TEST(SimChecker, CatchesFrameDescriptorsThatDoNotFit) {
 
   h = goodHistory();
   findJob(h, 0, 1, JobKind::Configure).fd = 3;  // configure and enqueue licence apart
-  for (auto& l : h.licences) l.fd = l.serial == findJob(h, 0, 1, JobKind::Configure).serial ? 3 : l.fd;
+  for (auto& l : h.licences)
+    l.fd = l.serial == findJob(h, 0, 1, JobKind::Configure).serial ? 3 : l.fd;
   EXPECT_EQ(rules(h), (Rules{{"fd", 1}}));
 }
 

@@ -54,7 +54,9 @@ TEST(SimScenario, FramesFollowSyncGroupsRawSwitchesAndConfiguration) {
       "sensors": [{"id": 0}, {"id": 1}, {"id": 2, "streaming": false}],
       "syncGroups": [{"sensors": [0, 1], "toFrame": 13}, {"sensors": [1, 2]}],
       "configure": [{"frame": 12, "sensors": [2]}, {"frames": [14], "via": "setConfigured"}],
-      "rawSwitches": [{"frame": 12, "off": 0, "on": 2}]})", "x.json", &s, &e)) << e.text();
+      "rawSwitches": [{"frame": 12, "off": 0, "on": 2}]})",
+                            "x.json", &s, &e))
+      << e.text();
   std::vector<FramePlan> plans = planFrames(s);
   ASSERT_EQ(plans.size(), 6u);
   EXPECT_EQ(plans[0].frame, 10u);
@@ -88,7 +90,8 @@ TEST(SimScenario, DefaultAndShippedScenariosLoad) {
   while (dirent* entry = readdir(dir)) {
     std::string name = entry->d_name;
     if (name.size() < 5 || name.substr(name.size() - 5) != ".json") continue;
-    EXPECT_TRUE(loadScenarioFile(std::string(ORVCAM_SCENARIO_DIR) + "/" + name, &s, &e)) << e.text();
+    EXPECT_TRUE(loadScenarioFile(std::string(ORVCAM_SCENARIO_DIR) + "/" + name, &s, &e))
+        << e.text();
     EXPECT_FALSE(s.description.empty()) << name << " has no description";
     ++loaded;
   }

@@ -68,6 +68,6 @@ constexpr std::chrono::milliseconds kHoldTime{50};
 
 // A fatal assertion of the library: the process is aborted and stderr holds the message
 // with its location suffix.
-#define EXPECT_FATAL(statement, message, func, file)                      \
-  EXPECT_EXIT(statement, ::testing::KilledBySignal(SIGABRT),              \
+#define EXPECT_FATAL(statement, message, func, file)         \
+  EXPECT_EXIT(statement, ::testing::KilledBySignal(SIGABRT), \
               ::orvcam::test::fatalRegex(message, func, file))

@@ -174,7 +174,8 @@ class Checker {
       const auto& seq = sequence_[entry.first.first];
       if (std::find(seq.begin(), seq.end(), entry.first.second) == seq.end()) {
         add("order", entry.second.front()->sent,
-            sf(entry.first.first, entry.first.second) + " sent a job for a frame it never prepared");
+            sf(entry.first.first, entry.first.second) +
+                " sent a job for a frame it never prepared");
       }
     }
   }
@@ -215,7 +216,8 @@ class Checker {
         for (const JobRecord* j : ranJobs(sensor, p.frame)) {
           if (!done) {
             add("raw-switch", j->start,
-                jobName(*j) + " ran on a raw-switch frame although the off sensor's previous frame " +
+                jobName(*j) +
+                    " ran on a raw-switch frame although the off sensor's previous frame " +
                     sf(off, *prev) + " was never enqueued");
           } else if (*done > j->start) {
             add("raw-switch", j->start,
@@ -296,7 +298,8 @@ class Checker {
     LicenceTotals seen;
     for (const auto& r : h_.licences) {
       Licence& l = licences[r.serial];
-      std::string name = "licence #" + std::to_string(r.serial) + " (FD " + std::to_string(r.fd) + ")";
+      std::string name =
+          "licence #" + std::to_string(r.serial) + " (FD " + std::to_string(r.fd) + ")";
       if (r.kind == LicenceEventKind::Acquired) {
         ++seen.acquired;
         if (l.acquired) add("licence", r.at, name + " was acquired twice");
@@ -322,8 +325,9 @@ class Checker {
       }
       auto it = licences.find(j.serial);
       if (it == licences.end() || !it->second.acquired) {
-        add("licence", j.start, jobName(j) + " ran with licence #" + std::to_string(j.serial) +
-                                    ", which the pipe manager never handed out");
+        add("licence", j.start,
+            jobName(j) + " ran with licence #" + std::to_string(j.serial) +
+                ", which the pipe manager never handed out");
         continue;
       }
       it->second.usedBy.push_back(&j);
@@ -331,20 +335,24 @@ class Checker {
     result_.licencesChecked = licences.size();
     for (const auto& entry : licences) {
       const Licence& l = entry.second;
-      std::string name = "licence #" + std::to_string(entry.first) + " (FD " + std::to_string(l.fd) + ")";
+      std::string name =
+          "licence #" + std::to_string(entry.first) + " (FD " + std::to_string(l.fd) + ")";
       size_t endings = l.released.size() + l.destroyed.size();
       if (l.usedBy.size() > 1) {
         add("licence", l.usedBy[1]->start,
-            name + " was given to two jobs: " + jobName(*l.usedBy[0]) + " and " + jobName(*l.usedBy[1]));
+            name + " was given to two jobs: " + jobName(*l.usedBy[0]) + " and " +
+                jobName(*l.usedBy[1]));
       }
       for (const JobRecord* j : l.usedBy) {
         if (j->fd != l.fd) {
-          add("licence", j->start, jobName(*j) + " saw FD " + std::to_string(j->fd) + " on " + name);
+          add("licence", j->start,
+              jobName(*j) + " saw FD " + std::to_string(j->fd) + " on " + name);
         }
         for (Nanos at : l.released) {
           if (at < j->start) {
-            add("licence", j->start, name + " was handed back at " + formatTime(at) + ", before " +
-                                         jobName(*j) + " used it at " + formatTime(j->start));
+            add("licence", j->start,
+                name + " was handed back at " + formatTime(at) + ", before " + jobName(*j) +
+                    " used it at " + formatTime(j->start));
           }
         }
       }
@@ -352,22 +360,26 @@ class Checker {
       if (endings == 0) {
         add("licence", h_.wallTime, name + " (" + user + ") was never handed back: leaked");
       } else if (endings > 1) {
-        add("licence", h_.wallTime, name + " was handed back " + std::to_string(endings) + " times");
+        add("licence", h_.wallTime,
+            name + " was handed back " + std::to_string(endings) + " times");
       }
       for (Nanos at : l.destroyed) {
         add("licence", at, name + " (" + user + ") was destroyed without being handed back");
       }
       for (Nanos at : l.released) {
         if (h_.teardownAt > 0 && at >= h_.teardownAt) {
-          add("licence", at, name + " (" + user + ") was still queued when the run ended; only "
-                                  "the deliverer's teardown handed it back");
+          add("licence", at,
+              name + " (" + user +
+                  ") was still queued when the run ended; only "
+                  "the deliverer's teardown handed it back");
         }
       }
     }
     auto compare = [&](const char* what, uint64_t counted, uint64_t observed) {
       if (counted != observed) {
-        add("licence", h_.wallTime, "the pipe manager counts " + std::to_string(counted) + " " +
-                                        what + " licences, the run observed " + std::to_string(observed));
+        add("licence", h_.wallTime,
+            "the pipe manager counts " + std::to_string(counted) + " " + what +
+                " licences, the run observed " + std::to_string(observed));
       }
     };
     compare("acquired", h_.account.acquired, seen.acquired);
@@ -385,12 +397,11 @@ class Checker {
   // Every sensor of every frame is prepared, configured when it must be, and enqueued once,
   // unless its frame was dropped or flushed; nothing runs for a dropped or flushed frame.
   void checkDelivery() {
-    std::set<SensorFrame> prepared(
-        [this] {
-          std::set<SensorFrame> s;
-          for (const auto& p : h_.prepares) s.insert({p.sensor, p.frame});
-          return s;
-        }());
+    std::set<SensorFrame> prepared([this] {
+      std::set<SensorFrame> s;
+      for (const auto& p : h_.prepares) s.insert({p.sensor, p.frame});
+      return s;
+    }());
     std::set<SensorFrame> setConfigured;
     for (const auto& r : h_.setConfigured) setConfigured.insert({r.sensor, r.frame});
     for (const auto& p : h_.plans) {
@@ -401,10 +412,12 @@ class Checker {
         std::optional<Nanos> dropped = lookup(dropped_, SensorFrame{sensor, p.frame});
         size_t enqueues = 0, configures = 0;
         auto it = jobs_.find({sensor, p.frame});
-        for (const JobRecord* j : it == jobs_.end() ? std::vector<const JobRecord*>{} : it->second) {
+        for (const JobRecord* j :
+             it == jobs_.end() ? std::vector<const JobRecord*>{} : it->second) {
           if (j->kind == JobKind::Enqueue && !j->ran) {
-            add("delivery", j->end, who + " EnqJob was not run: the send returned " +
-                                        std::to_string(j->result) + " (no licence for it)");
+            add("delivery", j->end,
+                who + " EnqJob was not run: the send returned " + std::to_string(j->result) +
+                    " (no licence for it)");
           }
           if (!j->ran) continue;
           (j->kind == JobKind::Enqueue ? enqueues : configures)++;
@@ -417,11 +430,13 @@ class Checker {
         }
         if (flushed || dropped) continue;
         if (enqueues == 0) add("delivery", h_.wallTime, who + " was never enqueued");
-        if (enqueues > 1) add("delivery", h_.wallTime, who + " was enqueued " + std::to_string(enqueues) + " times");
+        if (enqueues > 1)
+          add("delivery", h_.wallTime,
+              who + " was enqueued " + std::to_string(enqueues) + " times");
         if (p.needCfg.count(sensor) && configures + setConfigured.count({sensor, p.frame}) != 1) {
-          add("delivery", h_.wallTime, who + " needed configuring once but was configured " +
-                                           std::to_string(configures + setConfigured.count({sensor, p.frame})) +
-                                           " times");
+          add("delivery", h_.wallTime,
+              who + " needed configuring once but was configured " +
+                  std::to_string(configures + setConfigured.count({sensor, p.frame})) + " times");
         }
       }
     }
@@ -439,9 +454,7 @@ class Checker {
 
 }  // namespace
 
-CheckResult checkHistory(const History& history) {
-  return Checker(history).run();
-}
+CheckResult checkHistory(const History& history) { return Checker(history).run(); }
 
 }  // namespace sim
 }  // namespace orvcam

@@ -104,7 +104,7 @@ struct History {
   std::string scenario;
   uint64_t seed = 0;
   std::vector<uint32_t> sensors;
-  std::vector<FramePlan> plans;  // ascending frame number
+  std::vector<FramePlan> plans;         // ascending frame number
   std::vector<PrepareRecord> prepares;  // per sensor in call order
   std::vector<SetConfiguredRecord> setConfigured;
   std::vector<JobRecord> jobs;

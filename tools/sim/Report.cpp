@@ -203,19 +203,33 @@ void writeHistoryJson(std::ostream& out, const History& h) {
     root["setConfigured"].push_back({{"sensor", r.sensor}, {"frame", r.frame}, {"at", r.at}});
   }
   for (const auto& j : h.jobs) {
-    root["jobs"].push_back({{"sensor", j.sensor}, {"frame", j.frame}, {"kind", jobKindName(j.kind)},
-                            {"sent", j.sent}, {"start", j.start}, {"end", j.end}, {"ran", j.ran},
-                            {"result", j.result}, {"serial", j.serial}, {"fd", j.fd}});
+    root["jobs"].push_back({{"sensor", j.sensor},
+                            {"frame", j.frame},
+                            {"kind", jobKindName(j.kind)},
+                            {"sent", j.sent},
+                            {"start", j.start},
+                            {"end", j.end},
+                            {"ran", j.ran},
+                            {"result", j.result},
+                            {"serial", j.serial},
+                            {"fd", j.fd}});
   }
   for (const auto& e : h.events) {
-    root["events"].push_back({{"type", eventKindName(e.kind)}, {"sensor", e.sensor},
-                              {"frame", e.frame}, {"value", e.value}, {"begin", e.begin},
-                              {"end", e.end}, {"frames", e.frames}});
+    root["events"].push_back({{"type", eventKindName(e.kind)},
+                              {"sensor", e.sensor},
+                              {"frame", e.frame},
+                              {"value", e.value},
+                              {"begin", e.begin},
+                              {"end", e.end},
+                              {"frames", e.frames}});
   }
   static const char* const kinds[] = {"Acquired", "Released", "Destroyed"};
   for (const auto& l : h.licences) {
-    root["licences"].push_back({{"event", kinds[int(l.kind)]}, {"serial", l.serial}, {"fd", l.fd},
-                                {"at", l.at}, {"context", l.context}});
+    root["licences"].push_back({{"event", kinds[int(l.kind)]},
+                                {"serial", l.serial},
+                                {"fd", l.fd},
+                                {"at", l.at},
+                                {"context", l.context}});
   }
   out << root.dump(1) << "\n";
 }

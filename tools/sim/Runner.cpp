@@ -100,7 +100,8 @@ struct Runner::Impl {
   bool hasGatedEvent(size_t idx) const {
     auto it = eventsAt.find(idx);
     if (it == eventsAt.end()) return false;
-    return std::any_of(it->second.begin(), it->second.end(), [](const PlannedEvent* e) { return gated(*e); });
+    return std::any_of(it->second.begin(), it->second.end(),
+                       [](const PlannedEvent* e) { return gated(*e); });
   }
 
   bool complete(size_t idx) const {
@@ -130,12 +131,14 @@ struct Runner::Impl {
   void jobBegins(JobRecord& rec) {
     rec.ran = true;
     rec.start = now();
-    if (options.trace) host::traceBegin(std::string(jobKindName(rec.kind)) + " " + sf(rec.sensor, rec.frame));
+    if (options.trace)
+      host::traceBegin(std::string(jobKindName(rec.kind)) + " " + sf(rec.sensor, rec.frame));
   }
 
   void jobEnds(JobRecord& rec) {
     rec.end = now();
-    if (options.trace) host::traceEnd(std::string(jobKindName(rec.kind)) + " " + sf(rec.sensor, rec.frame));
+    if (options.trace)
+      host::traceEnd(std::string(jobKindName(rec.kind)) + " " + sf(rec.sensor, rec.frame));
   }
 
   static void sleepFor(Nanos ns) {
@@ -173,7 +176,9 @@ struct Runner::Impl {
     ConfigureJob(Impl& impl, JobRecord& rec, Nanos duration,
                  std::shared_ptr<host::ConfigParam> config)
         : ReqCfgJob(IPipeMgr::getInstance(), std::move(config)),
-          mImpl(impl), mRec(rec), mDuration(duration) {}
+          mImpl(impl),
+          mRec(rec),
+          mDuration(duration) {}
     int32_t assignLicense(std::unique_ptr<IRequestLicense> license) override {
       mImpl.observeLicence(mRec, license.get());
       return ReqCfgJob::assignLicense(std::move(license));
@@ -462,7 +467,8 @@ struct Runner::Impl {
     auto interval = std::chrono::microseconds(scenario.frameIntervalUs);
     for (size_t idx = 0; idx < plans.size(); ++idx) {
       if (frames[idx].emplaced) continue;
-      waitUntil(lock, t0 + interval * int64_t(idx), [&] { return inFlight < scenario.maxInFlight; });
+      waitUntil(lock, t0 + interval * int64_t(idx),
+                [&] { return inFlight < scenario.maxInFlight; });
       if (hasGatedEvent(idx)) {
         runHeldEvents(lock, idx);
       } else {
@@ -476,8 +482,8 @@ struct Runner::Impl {
   // ---- the run ---------------------------------------------------------------------------
 
   std::string stallReport() {
-    std::string out = "the run made no progress for " +
-                      std::to_string(options.stallTimeout.count()) + " ms:\n";
+    std::string out =
+        "the run made no progress for " + std::to_string(options.stallTimeout.count()) + " ms:\n";
     for (const auto& entry : logs) {
       uint64_t a = entry.second->activity.load();
       Activity kind = Activity(a >> 32);
@@ -508,7 +514,7 @@ struct Runner::Impl {
   bool pipelineDone = false;
   std::deque<std::pair<uint32_t, size_t>> dropRequests;
 
-  std::set<std::pair<uint32_t, uint32_t>> dropsPlanned;  // (sensor, frame)
+  std::set<std::pair<uint32_t, uint32_t>> dropsPlanned;         // (sensor, frame)
   std::map<size_t, std::vector<const PlannedEvent*>> eventsAt;  // all but drops
   std::map<uint32_t, std::unique_ptr<SensorLog>> logs;
   std::deque<EventRecord> events;  // pipeline thread only
@@ -612,7 +618,8 @@ bool Runner::run(History* history, std::string* stallReport) {
   for (auto& entry : d.logs) {
     Impl::SensorLog& log = *entry.second;
     h.prepares.insert(h.prepares.end(), log.prepares.begin(), log.prepares.end());
-    h.setConfigured.insert(h.setConfigured.end(), log.setConfigured.begin(), log.setConfigured.end());
+    h.setConfigured.insert(h.setConfigured.end(), log.setConfigured.begin(),
+                           log.setConfigured.end());
     h.jobs.insert(h.jobs.end(), log.jobs.begin(), log.jobs.end());
   }
   h.events.assign(d.events.begin(), d.events.end());

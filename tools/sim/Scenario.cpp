@@ -43,7 +43,8 @@ std::string typeName(const json& j) {
 }
 
 void requireObject(const json& j, const std::string& path) {
-  if (!j.is_object()) fail(path.empty() ? "(top level)" : path, "must be an object, not " + typeName(j));
+  if (!j.is_object())
+    fail(path.empty() ? "(top level)" : path, "must be an object, not " + typeName(j));
 }
 
 void checkKeys(const json& j, const std::string& path, std::initializer_list<const char*> allowed) {
@@ -88,7 +89,8 @@ uint64_t getUint(const json& j, const std::string& path, const char* key, uint64
 double asDuration(const json& v, const std::string& field) {
   if (!v.is_number()) fail(field, "must be a number of microseconds, not " + typeName(v));
   double d = v.get<double>();
-  if (!(d >= 0) || d > kMaxDurationUs) fail(field, "is " + v.dump() + ", must be between 0 and 1000000 (µs)");
+  if (!(d >= 0) || d > kMaxDurationUs)
+    fail(field, "is " + v.dump() + ", must be between 0 and 1000000 (µs)");
   return d;
 }
 
@@ -129,9 +131,12 @@ DurationModel parseDuration(const json& j, const std::string& path) {
 
 bool parseEventKind(const std::string& name, EventKind* kind) {
   static const std::pair<const char*, EventKind> kinds[] = {
-      {"InformInflight", EventKind::InformInflight}, {"ResumeDone", EventKind::ResumeDone},
-      {"Suspend", EventKind::Suspend},               {"Drop", EventKind::Drop},
-      {"Flush", EventKind::Flush},                   {"LicenseRelease", EventKind::LicenseRelease},
+      {"InformInflight", EventKind::InformInflight},
+      {"ResumeDone", EventKind::ResumeDone},
+      {"Suspend", EventKind::Suspend},
+      {"Drop", EventKind::Drop},
+      {"Flush", EventKind::Flush},
+      {"LicenseRelease", EventKind::LicenseRelease},
       {"RawSwitch", EventKind::RawSwitch}};
   for (const auto& k : kinds) {
     if (name == k.first) {
@@ -148,20 +153,22 @@ class Parser {
 
   void parse(const json& root) {
     requireObject(root, "");
-    checkKeys(root, "", {"description", "frames", "firstFrame", "frameIntervalUs", "maxInFlight",
-                         "seed", "jobDuration", "sensors", "syncGroups", "configure",
-                         "rawSwitches", "events"});
+    checkKeys(root, "",
+              {"description", "frames", "firstFrame", "frameIntervalUs", "maxInFlight", "seed",
+               "jobDuration", "sensors", "syncGroups", "configure", "rawSwitches", "events"});
     if (const json* d = find(root, "description")) s_.description = asString(*d, "description");
     s_.frames = uint32_t(asUint(require(root, "", "frames"), "frames", 1, kMaxFrames));
     s_.firstFrame = uint32_t(getUint(root, "", "firstFrame", 0, 0xFFFFFFFEull - s_.frames, 1));
     s_.frameIntervalUs = uint32_t(getUint(root, "", "frameIntervalUs", 0, 1000000, 1000));
     s_.maxInFlight = uint32_t(getUint(root, "", "maxInFlight", 1, kMaxInFlight, 6));
     s_.seed = getUint(root, "", "seed", 0, UINT64_MAX, 1);
-    if (const json* d = find(root, "jobDuration")) s_.jobDuration = parseDuration(*d, "jobDuration");
+    if (const json* d = find(root, "jobDuration"))
+      s_.jobDuration = parseDuration(*d, "jobDuration");
     parseSensors(require(root, "", "sensors"));
     parseList(root, "syncGroups", [this](const json& j, const std::string& p) { syncGroup(j, p); });
     parseList(root, "configure", [this](const json& j, const std::string& p) { configure(j, p); });
-    parseList(root, "rawSwitches", [this](const json& j, const std::string& p) { rawSwitch(j, p); });
+    parseList(root, "rawSwitches",
+              [this](const json& j, const std::string& p) { rawSwitch(j, p); });
     parseList(root, "events", [this](const json& j, const std::string& p) { event(j, p); });
     crossCheck();
   }
@@ -232,7 +239,8 @@ class Parser {
     bool anyStreaming = false;
     for (const auto& cam : s_.sensors) anyStreaming = anyStreaming || cam.streaming;
     if (!anyStreaming) {
-      fail("sensors", "no sensor streams from the first frame (every sensor has \"streaming\": false)");
+      fail("sensors",
+           "no sensor streams from the first frame (every sensor has \"streaming\": false)");
     }
   }
 
@@ -240,7 +248,8 @@ class Parser {
     checkKeys(j, path, {"sensors", "fromFrame", "toFrame"});
     SyncGroupSetup g;
     g.sensors = sensorList(require(j, path, "sensors"), join(path, "sensors"), 2);
-    g.fromFrame = find(j, "fromFrame") ? frame(j["fromFrame"], join(path, "fromFrame")) : s_.firstFrame;
+    g.fromFrame =
+        find(j, "fromFrame") ? frame(j["fromFrame"], join(path, "fromFrame")) : s_.firstFrame;
     g.toFrame = find(j, "toFrame") ? frame(j["toFrame"], join(path, "toFrame")) : s_.lastFrame();
     if (g.toFrame < g.fromFrame) fail(join(path, "toFrame"), "is before fromFrame");
     s_.syncGroups.push_back(g);
@@ -255,7 +264,8 @@ class Parser {
     if (one) frames.push_back(frame(*one, join(path, "frame")));
     if (many) {
       std::string field = join(path, "frames");
-      if (!many->is_array() || many->empty()) fail(field, "must be a non-empty array of frame numbers");
+      if (!many->is_array() || many->empty())
+        fail(field, "must be a non-empty array of frame numbers");
       for (size_t i = 0; i < many->size(); ++i) frames.push_back(frame((*many)[i], at(field, i)));
     }
     std::vector<uint32_t> sensors;
@@ -282,7 +292,8 @@ class Parser {
     r.on = sensorRef(require(j, path, "on"), join(path, "on"));
     if (r.on == r.off) fail(join(path, "on"), "is the sensor that switches off");
     for (const auto& other : s_.rawSwitches) {
-      if (other.frame == r.frame) fail(join(path, "frame"), "frame " + std::to_string(r.frame) + " already has a raw switch");
+      if (other.frame == r.frame)
+        fail(join(path, "frame"), "frame " + std::to_string(r.frame) + " already has a raw switch");
     }
     s_.rawSwitches.push_back(r);
     rawPaths_.push_back(path);
@@ -322,8 +333,8 @@ class Parser {
     for (size_t i : order) {
       const RawSwitchSetup& r = s_.rawSwitches[i];
       if (!active.count(r.off)) {
-        fail(rawPaths_[i] + ".off", "sensor " + std::to_string(r.off) + " is not streaming at frame " +
-                                        std::to_string(r.frame));
+        fail(rawPaths_[i] + ".off", "sensor " + std::to_string(r.off) +
+                                        " is not streaming at frame " + std::to_string(r.frame));
       }
       active.erase(r.off);
       active.insert(r.on);
@@ -338,13 +349,14 @@ class Parser {
       for (uint32_t id : c.sensors) {
         if (!plan(c.frame).participates(id)) {
           fail(configurePaths_[i] + ".sensors", "sensor " + std::to_string(id) +
-                                                    " does not stream at frame " + std::to_string(c.frame));
+                                                    " does not stream at frame " +
+                                                    std::to_string(c.frame));
         }
       }
       for (uint32_t id : c.sensors.empty() ? plan(c.frame).sensors : c.sensors) {
         if (!configured.insert({c.frame, id}).second) {
-          fail(configurePaths_[i], "sensor " + std::to_string(id) + " is configured twice at frame " +
-                                       std::to_string(c.frame));
+          fail(configurePaths_[i], "sensor " + std::to_string(id) +
+                                       " is configured twice at frame " + std::to_string(c.frame));
         }
       }
     }
@@ -356,7 +368,8 @@ class Parser {
       if (e.kind == EventKind::Drop) {
         if (!p.participates(e.sensor)) {
           fail(eventPaths_[i] + ".sensor", "sensor " + std::to_string(e.sensor) +
-                                               " does not stream at frame " + std::to_string(e.frame));
+                                               " does not stream at frame " +
+                                               std::to_string(e.frame));
         }
         if (!drops.insert({e.frame, e.sensor}).second) {
           fail(eventPaths_[i], "frame " + std::to_string(e.frame) + " of sensor " +
@@ -392,14 +405,9 @@ std::string stem(const std::string& path) {
 Nanos DurationModel::sample(std::mt19937_64& rng) const {
   double us = a;
   switch (kind) {
-    case Kind::Fixed:
-      break;
-    case Kind::Uniform:
-      us = std::uniform_real_distribution<double>(a, b)(rng);
-      break;
-    case Kind::Normal:
-      us = std::normal_distribution<double>(a, b)(rng);
-      break;
+    case Kind::Fixed: break;
+    case Kind::Uniform: us = std::uniform_real_distribution<double>(a, b)(rng); break;
+    case Kind::Normal: us = std::normal_distribution<double>(a, b)(rng); break;
     case Kind::Exponential:
       us = a > 0 ? std::exponential_distribution<double>(1.0 / a)(rng) : 0;
       break;
@@ -432,7 +440,8 @@ bool parseScenario(const std::string& text, const std::string& source, Scenario*
   } catch (const json::parse_error& e) {
     std::string what = e.what();
     size_t cut = what.find("] ");
-    *error = {source, "", "not valid JSON: " + (cut == std::string::npos ? what : what.substr(cut + 2))};
+    *error = {source, "",
+              "not valid JSON: " + (cut == std::string::npos ? what : what.substr(cut + 2))};
     return false;
   }
   try {

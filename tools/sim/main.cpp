@@ -26,8 +26,8 @@ const char* const kForceLogProperty = "vendor.debug.camcoordinator.force.log";
 
 // The host logger's detail level for a --log-level value.
 bool parseLogLevel(const std::string& text, int* level, bool* verbose) {
-  static const std::pair<const char*, int> names[] = {
-      {"off", 0}, {"error", 1}, {"warning", 2}, {"info", 4}, {"debug", 5}, {"verbose", 5}};
+  static const std::pair<const char*, int> names[] = {{"off", 0},  {"error", 1}, {"warning", 2},
+                                                      {"info", 4}, {"debug", 5}, {"verbose", 5}};
   *verbose = text == "verbose";
   for (const auto& n : names) {
     if (text == n.first) {
@@ -60,12 +60,16 @@ int main(int argc, char** argv) {
   app.add_option("--log-level", logLevel,
                  "Host logger level: off, error, warning, info, debug, verbose (debug plus the "
                  "library's force-log property) or 0-7 (default: error)");
-  app.add_option("--prop", props, "Set a system property before the run, as key=value (repeatable)");
+  app.add_option("--prop", props,
+                 "Set a system property before the run, as key=value (repeatable)");
   app.add_option("--trace", tracePath, "Write a Chrome JSON trace (open it in Perfetto UI)");
   app.add_option("--history", historyPath, "Write everything the run recorded as JSON");
-  auto* seedOption = app.add_option("--seed", seed, "Seed of the job durations (default: the scenario's)");
-  app.add_option("--stall-timeout", stallSeconds, "Seconds without progress before the run is "
-                 "declared stuck (default 10)")->check(CLI::Range(1, 3600));
+  auto* seedOption =
+      app.add_option("--seed", seed, "Seed of the job durations (default: the scenario's)");
+  app.add_option("--stall-timeout", stallSeconds,
+                 "Seconds without progress before the run is "
+                 "declared stuck (default 10)")
+      ->check(CLI::Range(1, 3600));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -45,8 +45,8 @@ CamDeliver::CamDeliver(std::shared_ptr<FrameContextPool> pool) {
   // left behind; they keep that copy.
   mpPipeMgr = IPipeMgr::getInstance();
   mGuard.fcPool = std::move(pool);
-  mLogLevel = NSCam::Utils::Properties::property_get_int32(
-      "vendor.debug.camcoordinator.force.log", 0);
+  mLogLevel =
+      NSCam::Utils::Properties::property_get_int32("vendor.debug.camcoordinator.force.log", 0);
   CD_LOGV(mLogLevel, "[%s] vendor.debug.camcoordinator.force.log_CamDeliver(%d)", mLogLevel);
 }
 
@@ -55,8 +55,7 @@ CamDeliver::~CamDeliver() { mLicenseQueue.clear(); }
 void CamDeliver::prepare(uint32_t sensorId, uint32_t frameNo,
                          std::shared_ptr<const FrameContext> fc) {
   std::lock_guard<std::mutex> lock(mPrepareMutex);
-  if (std::find(mPreparedFrames.begin(), mPreparedFrames.end(), frameNo) !=
-      mPreparedFrames.end()) {
+  if (std::find(mPreparedFrames.begin(), mPreparedFrames.end(), frameNo) != mPreparedFrames.end()) {
     CD_LOGD("[%s] [F:%d] coming before, skip prepare license", frameNo);
   } else {
     prepareLicense(static_cast<int32_t>(frameNo), fc);
@@ -171,8 +170,7 @@ void CamDeliver::flush(uint32_t /*sensorId*/) {
   mLicenseQueue.clear();
 }
 
-void CamDeliver::notifyEvent(EventType type, uint32_t sensorId, uint32_t frameNo,
-                             uint32_t value) {
+void CamDeliver::notifyEvent(EventType type, uint32_t sensorId, uint32_t frameNo, uint32_t value) {
   CD_LOGD("[%s] [S:%d F:%d] type(%s), value(%d)", sensorId, frameNo, eventName(type), value);
   switch (type) {
     case Drop:
@@ -180,9 +178,7 @@ void CamDeliver::notifyEvent(EventType type, uint32_t sensorId, uint32_t frameNo
       mLicenseQueue.releaseLicense(sensorId, frameNo);
       mGuard.drop(sensorId, frameNo);
       break;
-    case Flush:
-      mGuard.flush(sensorId);
-      break;
+    case Flush: mGuard.flush(sensorId); break;
     case InformInflight:
       if (value == 0) {
         // No enqueue may sit between licence fetch and finished() while FDs change.
@@ -192,8 +188,7 @@ void CamDeliver::notifyEvent(EventType type, uint32_t sensorId, uint32_t frameNo
         mGuard.breakFrameSync(sensorId, frames);
       }
       break;
-    default:
-      break;
+    default: break;
   }
 }
 

@@ -104,11 +104,9 @@ void CamDeliverGuard::wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
     for (uint32_t id : pFc->getAllList()) {
       if (pFc->getStreamingState(id) == 1) offSensor = id;
     }
-    CD_LOGD("[%s] [S:%d F:%d][%s] wait offSensor(%d) enqed +", sensorId, frameNo, label,
-            offSensor);
+    CD_LOGD("[%s] [S:%d F:%d][%s] wait offSensor(%d) enqed +", sensorId, frameNo, label, offSensor);
     while (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) cond.wait(lock);
-    CD_LOGD("[%s] [S:%d F:%d][%s] wait offSensor(%d) enqed -", sensorId, frameNo, label,
-            offSensor);
+    CD_LOGD("[%s] [S:%d F:%d][%s] wait offSensor(%d) enqed -", sensorId, frameNo, label, offSensor);
   }
 
   // Frame sync: the whole sync group of the previous synchronised frame is enqueued first.
@@ -234,8 +232,8 @@ std::set<uint32_t> CamDeliverGuard::logFrameList(const char* func, uint32_t sens
   if (!frames.empty() && logging::debugEnabled()) {
     std::string text = "[S:" + std::to_string(sensorId) + "] frame list: " + joinFrames(frames);
     // The line names the public query that asked, not this helper.
-    logging::emit(CD_LOG_TAG, CAM_DEBUG_LEVEL_DEBUG, logging::kULogDebug, __FILE__, __LINE__,
-                  func, "[%s] %s", text.c_str());
+    logging::emit(CD_LOG_TAG, CAM_DEBUG_LEVEL_DEBUG, logging::kULogDebug, __FILE__, __LINE__, func,
+                  "[%s] %s", text.c_str());
   }
   return frames;
 }

@@ -66,8 +66,8 @@ std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sen
       order = fc.sensorStates[sensorId].order;
     }
     if (order < currentOrder) {
-      CD_LOGD("[%s] [S:%d F:%d] get previous frameNo(%d) order(%ld) < currentOrder(%ld)",
-              sensorId, frameNo, it->first, order, currentOrder);
+      CD_LOGD("[%s] [S:%d F:%d] get previous frameNo(%d) order(%ld) < currentOrder(%ld)", sensorId,
+              frameNo, it->first, order, currentOrder);
       return it->second;
     }
   }

@@ -110,9 +110,10 @@ int32_t LicenseQueue::changeFramesFD(std::set<uint32_t> frames) {
     // In place: the frame's entries stay, only their licences are replaced.
     for (auto& entry : frame->second) {
       if (entry.first >= kConfigKeyBase) {
-        CD_FATAL("[S:%d] configure frame(%d) must not in change-FD flow, please check "
-                 "CamDeliver::prepareLicense() !",
-                 entry.first, frameNo);
+        CD_FATAL(
+            "[S:%d] configure frame(%d) must not in change-FD flow, please check "
+            "CamDeliver::prepareLicense() !",
+            entry.first, frameNo);
       }
       std::unique_ptr<IRequestLicense> old = std::move(entry.second);
       int32_t oldFd = old->getFD();
