@@ -20,9 +20,11 @@ using ::testing::IsEmpty;
 
 constexpr char kTag[] = "OrvCam/LogTest";
 
+// Returns the line of its log call.
 int debugLine(int v) {
+  const int line = __LINE__ + 1;
   CD_LOGD("[%s] value %d", v);
-  return __LINE__;
+  return line;
 }
 void verboseLine(int level, int v) { CD_LOGV(level, "[%s] verbose %d", v); }
 void warningLine(int v) { CD_LOGW("[%s] warn %d", v); }
