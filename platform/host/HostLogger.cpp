@@ -183,9 +183,13 @@ const char* get_filename_log_control(const char* path) {
 }
 
 void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...) {
+  // As liblog does it: a given format is the whole message; otherwise the condition is
+  // named, and with neither the assertion is "Unspecified".
   std::string message;
-  if (cond != nullptr) message = std::string("Assertion failed: ") + cond + " ";
-  if (fmt != nullptr) {
+  if (fmt == nullptr) {
+    message = cond != nullptr ? std::string("Assertion failed: ") + cond
+                              : std::string("Unspecified assertion failed");
+  } else {
     va_list ap;
     va_start(ap, fmt);
     va_list copy;

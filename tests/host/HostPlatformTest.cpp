@@ -89,8 +89,13 @@ TEST(HostLoggerDeathTest, AssertionAbortsWithItsMessageOnStderr) {
       },
       testing::KilledBySignal(SIGABRT),
       kStamp + "F OrvCam/T: " + test::escapeRegex("bad 7 (fn){#12:a/b.cpp}") + "\n");
+  // A format is the whole message; the condition is named only without one.
   EXPECT_EXIT(__android_log_assert("x > 1", "T", "%s", "msg"), testing::KilledBySignal(SIGABRT),
-              "F T: Assertion failed: x > 1 msg\n");
+              "F T: msg\n");
+  EXPECT_EXIT(__android_log_assert("x > 1", "T", nullptr), testing::KilledBySignal(SIGABRT),
+              "F T: Assertion failed: x > 1\n");
+  EXPECT_EXIT(__android_log_assert(nullptr, "T", nullptr), testing::KilledBySignal(SIGABRT),
+              "F T: Unspecified assertion failed\n");
   test::LoggerScope silent(5, 0x401000, 0);
   EXPECT_FATAL(CD_FATAL("pool %d", 3), "pool 3", "TestBody", "HostPlatformTest.cpp");
 }
