@@ -41,13 +41,13 @@ class ORVCAM_CAMDELIVER_API FrameContext {
   mutable bool syncBroken = false;
   const int32_t logLevel;
 
-  FrameContext(uint32_t frameNo, std::set<uint32_t> syncList, std::set<uint32_t> inMapList,
-               std::unordered_map<uint32_t, SensorState> states, bool isRawSwitch)
-      : frameNo(frameNo),
-        syncList(std::move(syncList)),
-        inMapList(std::move(inMapList)),
+  FrameContext(uint32_t frame, std::set<uint32_t> syncSensors, std::set<uint32_t> inMapSensors,
+               std::unordered_map<uint32_t, SensorState> states, bool rawSwitch)
+      : frameNo(frame),
+        syncList(std::move(syncSensors)),
+        inMapList(std::move(inMapSensors)),
         sensorStates(std::move(states)),
-        isRawSwitch(isRawSwitch),
+        isRawSwitch(rawSwitch),
         logLevel(CamDeliver::mLogLevel) {}
 
   FrameContext(const FrameContext&) = delete;
