@@ -3,7 +3,7 @@
 # Safe to run again; does nothing when everything is there.
 set -euo pipefail
 packages=(cmake ninja-build g++ binutils googletest libgtest-dev libgmock-dev libbenchmark-dev
-          nlohmann-json3-dev libcli11-dev pkg-config)
+          nlohmann-json3-dev libcli11-dev pkg-config clang-format blueprint-tools)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
