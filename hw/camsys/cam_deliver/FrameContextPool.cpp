@@ -56,14 +56,17 @@ std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sen
   }
   // The previous frame is the highest-numbered one prepared earlier in the sensor's order,
   // which need not be the next lower frame number.
+  // One lock and one lookup per record: a prepared sensor is present, so its order is read
+  // from the entry found rather than by a second, inserting lookup.
   for (auto it = pool.rbegin(); it != pool.rend(); ++it) {
     if (!it->second) continue;
     const FrameContext& fc = *it->second;
-    if (!fc.getIsPrepared(sensorId)) continue;
     uint64_t order;
     {
       std::lock_guard<std::mutex> fcLock(fc.mutex);
-      order = fc.sensorStates[sensorId].order;
+      auto state = fc.sensorStates.find(sensorId);
+      if (state == fc.sensorStates.end() || !state->second.isPrepared) continue;
+      order = state->second.order;
     }
     if (order < currentOrder) {
       CD_LOGD("[%s] [S:%d F:%d] get previous frameNo(%d) order(%ld) < currentOrder(%ld)", sensorId,
