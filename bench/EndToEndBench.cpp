@@ -172,12 +172,13 @@ constexpr uint32_t kWindow = 16;  // frames in flight at most, so the pool never
 constexpr uint32_t kRing = 32;
 
 // The coordinator side shared by the deliverer's run and both baselines: frame f may start
-// once frame f - kWindow is done by every sensor; the first sensor to reach a frame builds
-// its record (when records are wanted).
+// once frame f - kWindow is done by every sensor; the first sensor to reach a frame emplaces
+// its record (when there are records). The records are built before the run, so that their
+// construction, which the baselines do not have, stays out of the measurement.
 class Window {
  public:
-  Window(uint32_t sensors, bool sync, FrameContextPool* pool)
-      : mSensors(sensors), mSync(sync), mPool(pool) {}
+  Window(uint32_t sensors, FrameContextPool* pool, const std::vector<FcPtr>* records)
+      : mSensors(sensors), mPool(pool), mRecords(records) {}
 
   FcPtr admit(uint32_t frameNo) {
     std::unique_lock<std::mutex> lock(mMutex);
@@ -187,13 +188,8 @@ class Window {
       --mWaiters;
     }
     if (mPool == nullptr) return nullptr;
-    while (mEmplaced <= frameNo) {
-      FcPtr fc = makeRecord(mEmplaced, mSensors, mSync, false);
-      mPool->emplace(mEmplaced, fc);
-      mRecords[mEmplaced % kRing] = std::move(fc);
-      ++mEmplaced;
-    }
-    return mRecords[frameNo % kRing];
+    for (; mEmplaced <= frameNo; ++mEmplaced) mPool->emplace(mEmplaced, (*mRecords)[mEmplaced]);
+    return (*mRecords)[frameNo];
   }
 
   void done(uint32_t frameNo) {
@@ -201,15 +197,14 @@ class Window {
     if (++mDone[frameNo % kRing] < mSensors) return;
     // Every sensor finishes its frames in order, so frames complete in order.
     mDone[frameNo % kRing] = 0;
-    mRecords[frameNo % kRing].reset();
     mCompleted = frameNo + 1;
     if (mWaiters > 0) mCond.notify_all();
   }
 
  private:
   const uint32_t mSensors;
-  const bool mSync;
   FrameContextPool* const mPool;
+  const std::vector<FcPtr>* const mRecords;
   // Guards everything below.
   std::mutex mMutex;
   std::condition_variable mCond;
@@ -217,7 +212,6 @@ class Window {
   uint32_t mEmplaced = 0;
   uint32_t mWaiters = 0;
   uint32_t mDone[kRing] = {};
-  FcPtr mRecords[kRing];
 };
 
 // The two lockstep baselines. A sensor may run frame f once the group has run frame f - 1
@@ -299,9 +293,12 @@ RunStats runDeliverer(uint32_t sensors, bool sync, const std::string& name) {
   auto pool = std::make_shared<FrameContextPool>();
   std::atomic<uint64_t> failedSends{0};
   RunStats stats;
+  std::vector<FcPtr> records;
+  records.reserve(kFrames);
+  for (uint32_t f = 0; f < kFrames; ++f) records.push_back(makeRecord(f, sensors, sync, false));
   {
     CamDeliver deliver(pool);
-    Window window(sensors, sync, pool.get());
+    Window window(sensors, pool.get(), &records);
     stats = runThreads(sensors, kFrames, [&](uint32_t sensor) {
       std::shared_ptr<ReqBaseJob> job = std::make_shared<ReqBaseJob>();
       for (uint32_t f = 0; f < kFrames; ++f) {
@@ -320,7 +317,7 @@ RunStats runDeliverer(uint32_t sensors, bool sync, const std::string& name) {
 
 RunStats runLockstep(uint32_t sensors, bool sync, bool wakeAll) {
   Lockstep lockstep(sensors, sync, wakeAll);
-  Window window(sensors, sync, nullptr);
+  Window window(sensors, nullptr, nullptr);
   return runThreads(sensors, kFrames, [&](uint32_t sensor) {
     for (uint32_t f = 0; f < kFrames; ++f) {
       window.admit(f);
