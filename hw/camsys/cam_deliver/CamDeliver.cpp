@@ -91,7 +91,7 @@ void CamDeliver::prepare(uint32_t sensorId, uint32_t frameNo,
     mPreparedFrames.push_back(frameNo);
     if (mPreparedFrames.size() > kPreparedFramesKept) mPreparedFrames.pop_front();
   }
-  mGuard.prepare(sensorId, frameNo, fc);
+  mGuard.prepare(sensorId, frameNo, std::move(fc));
 }
 
 void CamDeliver::prepareLicense(int32_t frameNo, std::shared_ptr<const FrameContext> fc) {
