@@ -22,6 +22,15 @@ std::string joinFrames(const std::set<uint32_t>& frames) {
   return text;
 }
 
+// Whether the sensor is enqueued in the record; the caller holds the record's lock. Records
+// hold a handful of sensors, for which scanning the map's nodes is cheaper than hashing.
+bool isEnquedLocked(const FrameContext& fc, uint32_t sensorId) {
+  for (const auto& entry : fc.sensorStates) {
+    if (entry.first == sensorId) return entry.second.isEnqued;
+  }
+  return false;
+}
+
 }  // namespace
 
 CamDeliverGuard::CamDeliverGuard() : logLevel(CamDeliver::mLogLevel) {
@@ -67,11 +76,11 @@ bool CamDeliverGuard::isPreviousSyncFrameFinished(uint32_t sensorId, uint32_t fr
   }
   // Runs under the guard's lock on every wake-up of every waiter, so it reads the record in
   // one go under the record's lock, without copying its sync list.
+  // A broken sync lets everybody go whatever is enqueued, so it is tested first.
   std::lock_guard<std::mutex> fcLock(prev->mutex);
+  if (prev->syncBroken) return true;
   for (uint32_t s : prev->syncList) {
-    auto state = prev->sensorStates.find(s);
-    bool enqued = state != prev->sensorStates.end() && state->second.isEnqued;
-    if (!enqued && !prev->syncBroken) return false;
+    if (!isEnquedLocked(*prev, s)) return false;
   }
   return true;
 }

@@ -71,7 +71,9 @@ std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sen
   {
     const FrameContext& fc = *current->second;
     std::lock_guard<std::mutex> fcLock(fc.mutex);
-    currentOrder = fc.sensorStates[sensorId].order;
+    // An absent sensor gets a default entry, as an indexing lookup gives it.
+    const FrameContext::SensorState* state = findState(fc, sensorId);
+    currentOrder = state != nullptr ? state->order : fc.sensorStates[sensorId].order;
   }
   // The previous frame is the highest-numbered one prepared earlier in the sensor's order,
   // which need not be the next lower frame number.
