@@ -5,6 +5,10 @@
 #include "CamDeliverLog.h"
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+
+#include <unistd.h>
+#include <chrono>
 
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
@@ -48,6 +52,45 @@ void BM_DebugLineEnabled(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_DebugLineEnabled)->MinTime(kMinTime);
+
+// An enabled line written in logcat layout to stderr, here pointed at /dev/null for the run:
+// the logger's whole write path (stamp, layout, one write under its lock).
+void BM_DebugLineToStderr(benchmark::State& state) {
+  LoggerSetting logger(5, 2);
+  fflush(stderr);
+  int saved = dup(STDERR_FILENO);
+  int devNull = open("/dev/null", O_WRONLY);
+  if (saved < 0 || devNull < 0 || dup2(devNull, STDERR_FILENO) < 0) {
+    state.SkipWithError("cannot point stderr at /dev/null");
+    return;
+  }
+  uint32_t frameNo = 0;
+  auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    CD_LOGD("[%s] [S:%d F:%d] fd(%d)", 1, frameNo, 42);
+    benchmark::DoNotOptimize(++frameNo);
+  }
+  double lineNs =
+      std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() /
+      static_cast<double>(state.iterations());
+  // The floor: one bare write(2) of a line of the same length to the same file.
+  const char line[] =
+      "11-22 03:11:01.985  9402  9402 D OrvCam/Bench: [Bench] [S:1 F:123456] fd(42)\n";
+  constexpr int kWrites = 20000;
+  start = std::chrono::steady_clock::now();
+  for (int i = 0; i < kWrites; ++i)
+    benchmark::DoNotOptimize(write(STDERR_FILENO, line, sizeof(line) - 1));
+  double writeNs =
+      std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() /
+      kWrites;
+  dup2(saved, STDERR_FILENO);
+  close(saved);
+  close(devNull);
+  state.counters["line_ns"] = lineNs;
+  state.counters["write_ns"] = writeNs;
+  state.counters["beyond_write_ns"] = lineNs - writeNs;
+}
+BENCHMARK(BM_DebugLineToStderr)->MinTime(kMinTime);
 
 // 15 frames of one sensor, prepared in frame order; the lookup walks down from the top.
 void BM_GetPreviousFC(benchmark::State& state) {

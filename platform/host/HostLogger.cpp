@@ -1,9 +1,12 @@
 // Host logger: the unified logger's globals and print/flush, the debug-print facility and
 // the fatal assertion of liblog. Every line ends up on stderr in logcat "threadtime" layout,
 // or in the innermost active LogCapture.
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -51,9 +54,12 @@ long envNumber(const char* name, long fallback) {
 
 // Applies the environment before main() and before the library can read the globals from
 // its clients' static initialisers (this library is initialised before its users).
+void onForkChild();
+
 struct EnvSettings {
   EnvSettings() {
     state();
+    pthread_atfork(nullptr, nullptr, onForkChild);
     NSCam::Utils::ULog::ULogger::sDetailsLevel =
         static_cast<int>(envNumber("ORVCAM_ULOG_LEVEL", kDefaultDetailsLevel));
     NSCam::Utils::ULog::ULogger::sNormalDetailsMask =
@@ -63,32 +69,126 @@ struct EnvSettings {
   }
 } gEnvSettings;
 
+// The process id and each thread's id are read once; a forked child reads them again (the
+// generation tells a thread that its cached id belongs to the parent).
+std::atomic<uint32_t> gForkGeneration{0};
+std::atomic<pid_t> gPid{0};
+
+void onForkChild() {
+  gPid.store(static_cast<pid_t>(syscall(SYS_getpid)), std::memory_order_relaxed);
+  gForkGeneration.fetch_add(1, std::memory_order_relaxed);
+}
+
+pid_t currentPid() {
+  pid_t pid = gPid.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    pid = getpid();
+    gPid.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
+
 pid_t currentTid() {
-  thread_local pid_t tid = static_cast<pid_t>(syscall(SYS_gettid));
+  thread_local pid_t tid = 0;
+  thread_local uint32_t generation = 0;
+  uint32_t now = gForkGeneration.load(std::memory_order_relaxed);
+  if (tid == 0 || generation != now) {
+    tid = static_cast<pid_t>(syscall(SYS_gettid));
+    generation = now;
+  }
   return tid;
 }
 
-std::string timestamp() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  tm local{};
-  localtime_r(&now.tv_sec, &local);
-  char buf[32];
-  size_t n = strftime(buf, sizeof(buf), "%m-%d %H:%M:%S", &local);
-  snprintf(buf + n, sizeof(buf) - n, ".%03ld", now.tv_nsec / 1000000L);
-  return buf;
+// "MM-DD HH:MM:SS" of one second, computed again only when the second changes. The logger's
+// own cache is guarded by LoggerState::mutex; formatLogcatLine uses a fresh one per call.
+struct SecondStamp {
+  time_t second = -1;
+  char text[24] = {};
+  size_t length = 0;
+};
+
+SecondStamp& writerStamp() {
+  static SecondStamp* stamp = new SecondStamp;  // leaked like the logger state
+  return *stamp;
 }
 
-// The text a line shows; trailing newlines are dropped (the layout adds its own).
-std::string trimmedMessage(const std::string& message) {
-  size_t end = message.size();
-  while (end > 0 && (message[end - 1] == '\n' || message[end - 1] == '\r')) --end;
-  return message.substr(0, end);
+// Writes "MM-DD HH:MM:SS.mmm" into `out` (at least 32 bytes) and returns its length.
+size_t formatTimestamp(const timespec& now, SecondStamp& cache, char* out) {
+  if (cache.second != now.tv_sec) {
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    cache.length = strftime(cache.text, sizeof(cache.text), "%m-%d %H:%M:%S", &local);
+    cache.second = now.tv_sec;
+  }
+  memcpy(out, cache.text, cache.length);
+  long ms = now.tv_nsec / 1000000L;
+  char* p = out + cache.length;
+  *p++ = '.';
+  *p++ = static_cast<char>('0' + ms / 100);
+  *p++ = static_cast<char>('0' + ms / 10 % 10);
+  *p++ = static_cast<char>('0' + ms % 10);
+  return static_cast<size_t>(p - out);
 }
 
-void writeAll(int fd, const std::string& text) {
-  const char* p = text.data();
-  size_t left = text.size();
+// Appends `value` right-aligned in a field of at least `width` characters, as "%5d" does.
+char* appendNumber(char* p, long value, int width) {
+  char digits[24];
+  int n = 0;
+  bool negative = value < 0;
+  unsigned long v = negative ? 0UL - static_cast<unsigned long>(value) : value;
+  do {
+    digits[n++] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  if (negative) digits[n++] = '-';
+  for (int pad = width - n; pad > 0; --pad) *p++ = ' ';
+  while (n > 0) *p++ = digits[--n];
+  return p;
+}
+
+// Formats the logcat "threadtime" text of one message (every line of it prefixed, trailing
+// newlines dropped) into `out`, with a final newline when `newline` is set. Returns the
+// length the text needs; when that exceeds `capacity` nothing past `capacity` is written and
+// the caller formats again into a buffer of that size.
+size_t formatLogcat(char* out, size_t capacity, const char* stamp, size_t stampLength, char level,
+                    const char* tag, const char* message, size_t length, bool newline) {
+  char head[96];
+  char* h = head;
+  memcpy(h, stamp, stampLength);
+  h += stampLength;
+  *h++ = ' ';
+  h = appendNumber(h, currentPid(), 5);
+  *h++ = ' ';
+  h = appendNumber(h, currentTid(), 5);
+  *h++ = ' ';
+  *h++ = level;
+  *h++ = ' ';
+  const size_t headLength = static_cast<size_t>(h - head);
+  const size_t tagLength = strlen(tag);
+  while (length > 0 && (message[length - 1] == '\n' || message[length - 1] == '\r')) --length;
+
+  size_t used = 0;
+  auto put = [&](const char* text, size_t n) {
+    if (used < capacity) memcpy(out + used, text, std::min(n, capacity - used));
+    used += n;
+  };
+  size_t start = 0;
+  while (true) {
+    const void* found = memchr(message + start, '\n', length - start);
+    size_t end = found ? static_cast<size_t>(static_cast<const char*>(found) - message) : length;
+    put(head, headLength);
+    put(tag, tagLength);
+    put(": ", 2);
+    put(message + start, end - start);
+    if (found == nullptr) break;
+    put("\n", 1);
+    start = end + 1;
+  }
+  if (newline) put("\n", 1);
+  return used;
+}
+
+void writeAll(int fd, const char* p, size_t left) {
   while (left > 0) {
     ssize_t n = ::write(fd, p, left);
     if (n < 0) {
@@ -100,19 +200,34 @@ void writeAll(int fd, const std::string& text) {
   }
 }
 
-// The single entry of every sink. The whole line is written with one write under the
-// logger's lock so that lines of different threads never interleave.
-void writeLine(char level, const char* tag, std::string message, orvcam::host::LogLine::Sink sink) {
-  std::string text = orvcam::host::formatLogcatLine(level, tag ? tag : "", message) + "\n";
+// The single entry of every sink. The line is stamped, formatted and written with one write
+// under the logger's lock, so lines of different threads never interleave and appear in the
+// order of their timestamps. A line that fits the stack buffer allocates nothing.
+void writeLine(char level, const char* tag, const char* message, size_t length,
+               orvcam::host::LogLine::Sink sink) {
+  if (tag == nullptr) tag = "";
   bool isAssert = sink == orvcam::host::LogLine::Sink::Assert;
   LoggerState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   bool toStderr = isAssert || s.capture == nullptr;
   if (s.capture != nullptr) {
     toStderr = toStderr || s.captureEchoes;
-    s.capture->add({level, tag ? tag : "", std::move(message), sink});
+    s.capture->add({level, tag, std::string(message, length), sink});
   }
-  if (toStderr) writeAll(STDERR_FILENO, text);
+  if (!toStderr) return;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  char stamp[32];
+  size_t stampLength = formatTimestamp(now, writerStamp(), stamp);
+  char buf[2048];
+  size_t n = formatLogcat(buf, sizeof(buf), stamp, stampLength, level, tag, message, length, true);
+  if (n <= sizeof(buf)) {
+    writeAll(STDERR_FILENO, buf, n);
+    return;
+  }
+  std::string big(n, '\0');
+  formatLogcat(&big[0], n, stamp, stampLength, level, tag, message, length, true);
+  writeAll(STDERR_FILENO, big.data(), n);
 }
 
 char ulogLevelLetter(int level) {
@@ -147,8 +262,8 @@ int ULogger::sMode = kDefaultMode;
 
 void ULogger::print(uint32_t /*moduleId*/, const char* tag, int level, const char* text,
                     size_t length) {
-  std::string message = text ? std::string(text, strnlen(text, length)) : std::string();
-  writeLine(ulogLevelLetter(level), tag, std::move(message), orvcam::host::LogLine::Sink::ULogger);
+  size_t n = text ? strnlen(text, length) : 0;
+  writeLine(ulogLevelLetter(level), tag, text ? text : "", n, orvcam::host::LogLine::Sink::ULogger);
 }
 
 void ULogger::flush(int /*flag*/) { fflush(stderr); }
@@ -173,7 +288,8 @@ void log_dbg_print(const char* tag, cam_debug_level_t level, const char* fmt, ..
   int n = fmt ? vsnprintf(buf, sizeof(buf), fmt, ap) : 0;
   va_end(ap);
   if (n < 0) return;
-  writeLine(debugLevelLetter(level), tag, buf, orvcam::host::LogLine::Sink::DebugPrint);
+  writeLine(debugLevelLetter(level), tag, buf, strnlen(buf, sizeof(buf)),
+            orvcam::host::LogLine::Sink::DebugPrint);
 }
 
 const char* get_filename_log_control(const char* path) {
@@ -204,7 +320,7 @@ void __android_log_assert(const char* cond, const char* tag, const char* fmt, ..
     }
     va_end(ap);
   }
-  writeLine('F', tag, std::move(message), orvcam::host::LogLine::Sink::Assert);
+  writeLine('F', tag, message.data(), message.size(), orvcam::host::LogLine::Sink::Assert);
   fflush(stderr);
   abort();
 }
@@ -229,21 +345,16 @@ void applyLoggerSettings(const LoggerSettings& settings) {
 }
 
 std::string formatLogcatLine(char level, const std::string& tag, const std::string& message) {
-  char head[96];
-  snprintf(head, sizeof(head), "%s %5d %5d %c ", timestamp().c_str(), static_cast<int>(getpid()),
-           static_cast<int>(currentTid()), level);
-  std::string prefix = std::string(head) + tag + ": ";
-  std::string body = trimmedMessage(message);
-  std::string out;
-  size_t start = 0;
-  while (true) {
-    size_t nl = body.find('\n', start);
-    out += prefix;
-    out.append(body, start, nl == std::string::npos ? std::string::npos : nl - start);
-    if (nl == std::string::npos) break;
-    out += '\n';
-    start = nl + 1;
-  }
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  SecondStamp cache;
+  char stamp[32];
+  size_t stampLength = formatTimestamp(now, cache, stamp);
+  size_t n = formatLogcat(nullptr, 0, stamp, stampLength, level, tag.c_str(), message.data(),
+                          message.size(), false);
+  std::string out(n, '\0');
+  formatLogcat(&out[0], n, stamp, stampLength, level, tag.c_str(), message.data(), message.size(),
+               false);
   return out;
 }
 

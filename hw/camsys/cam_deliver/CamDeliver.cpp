@@ -3,6 +3,7 @@
 #include "CamDeliver.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "CamDeliverLog.h"
 #include "FrameContext.h"
@@ -38,6 +39,34 @@ void giveBack(CamDeliver::IPipeMgr& pipeMgr, std::unique_ptr<CamDeliver::IReques
   static_cast<ILicenseMgr&>(pipeMgr).releaseLicense(license, false, true);
 }
 
+// Distinct sensor ids in ascending order. Up to kInline of them live inside the object;
+// more move to the heap.
+class SensorIds {
+ public:
+  void add(uint32_t id) {
+    if (mSize == kInline && mMore.empty()) mMore.assign(mInline, mInline + kInline);
+    if (!mMore.empty()) {
+      mMore.insert(std::upper_bound(mMore.begin(), mMore.end(), id), id);
+    } else {
+      size_t i = mSize;
+      for (; i > 0 && mInline[i - 1] > id; --i) mInline[i] = mInline[i - 1];
+      mInline[i] = id;
+    }
+    ++mSize;
+  }
+  bool contains(uint32_t id) const { return std::binary_search(begin(), end(), id); }
+  bool empty() const { return mSize == 0; }
+  size_t size() const { return mSize; }
+  const uint32_t* begin() const { return mMore.empty() ? mInline : mMore.data(); }
+  const uint32_t* end() const { return begin() + mSize; }
+
+ private:
+  static constexpr size_t kInline = 16;
+  uint32_t mInline[kInline];
+  size_t mSize = 0;
+  std::vector<uint32_t> mMore;
+};
+
 }  // namespace
 
 CamDeliver::CamDeliver(std::shared_ptr<FrameContextPool> pool) {
@@ -62,14 +91,27 @@ void CamDeliver::prepare(uint32_t sensorId, uint32_t frameNo,
     mPreparedFrames.push_back(frameNo);
     if (mPreparedFrames.size() > kPreparedFramesKept) mPreparedFrames.pop_front();
   }
-  mGuard.prepare(sensorId, frameNo, fc);
+  mGuard.prepare(sensorId, frameNo, std::move(fc));
 }
 
 void CamDeliver::prepareLicense(int32_t frameNo, std::shared_ptr<const FrameContext> fc) {
   std::lock_guard<std::mutex> lock(mLicenseMutex);
   const uint32_t frame = static_cast<uint32_t>(frameNo);
-  std::set<uint32_t> enq = fc->getNeedEnqList();
-  std::set<uint32_t> cfg = fc->getNeedCfgList();
+  // The record's sensor lists, read under its lock in one pass; held sorted on the stack so
+  // that preparing a frame, which other sensors wait for, allocates nothing of its own.
+  SensorIds enq;
+  SensorIds cfg;
+  SensorIds syncList;
+  {
+    std::lock_guard<std::mutex> fcLock(fc->mutex);
+    for (const auto& entry : fc->sensorStates) {
+      if (entry.second.needEnq) enq.add(entry.first);
+      if (entry.second.needCfg) cfg.add(entry.first);
+    }
+    if (cfg.empty()) {
+      for (uint32_t s : fc->syncList) syncList.add(s);
+    }
+  }
 
   if (!cfg.empty()) {
     // A configure licence shares the FD of its sensor's enqueue licence; frame sync is not
@@ -80,17 +122,13 @@ void CamDeliver::prepareLicense(int32_t frameNo, std::shared_ptr<const FrameCont
           mpPipeMgr->acquireLicenseForFD(enqLicense->getFD());
       mLicenseQueue.pushLicense(s | kConfigKeyBase, frame, std::move(cfgLicense));
       mLicenseQueue.pushLicense(s, frame, std::move(enqLicense));
-      enq.erase(s);
     }
-    for (uint32_t s : enq) mLicenseQueue.pushLicense(s, frame, mpPipeMgr->acquireLicense());
+    for (uint32_t s : enq) {
+      if (!cfg.contains(s)) mLicenseQueue.pushLicense(s, frame, mpPipeMgr->acquireLicense());
+    }
     return;
   }
 
-  std::set<uint32_t> syncList;
-  {
-    std::lock_guard<std::mutex> fcLock(fc->mutex);
-    syncList = fc->syncList;
-  }
   if (syncList.size() == 1) CD_FATAL("[F:%d] weird synclist count", frameNo);
   if (syncList.size() >= 2) {
     // One FD for the whole sync group, taken from a group licence that goes back at once.
@@ -98,15 +136,15 @@ void CamDeliver::prepareLicense(int32_t frameNo, std::shared_ptr<const FrameCont
     const int32_t fd = group->getFD();
     for (uint32_t s : syncList) {
       mLicenseQueue.pushLicense(s, frame, mpPipeMgr->acquireLicenseForFD(fd));
-      if (enq.count(s) == 0) {
+      if (!enq.contains(s)) {
         // Sensor first, frame second: integrators match this text as it stands.
         CD_FATAL("[F:%d] sensorId(%d) in synclist but not in enqlist", s, frameNo);
       }
-      enq.erase(s);
     }
     giveBack(*mpPipeMgr, std::move(group));
   }
   for (uint32_t s : enq) {
+    if (syncList.contains(s)) continue;
     std::unique_ptr<IRequestLicense> leader = mpPipeMgr->acquireLicense();
     mLicenseQueue.pushLicense(s, frame, mpPipeMgr->acquireLicenseForFD(leader->getFD()));
     giveBack(*mpPipeMgr, std::move(leader));

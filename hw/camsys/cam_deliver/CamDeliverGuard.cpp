@@ -22,6 +22,15 @@ std::string joinFrames(const std::set<uint32_t>& frames) {
   return text;
 }
 
+// Whether the sensor is enqueued in the record; the caller holds the record's lock. Records
+// hold a handful of sensors, for which scanning the map's nodes is cheaper than hashing.
+bool isEnquedLocked(const FrameContext& fc, uint32_t sensorId) {
+  for (const auto& entry : fc.sensorStates) {
+    if (entry.first == sensorId) return entry.second.isEnqued;
+  }
+  return false;
+}
+
 }  // namespace
 
 CamDeliverGuard::CamDeliverGuard() : logLevel(CamDeliver::mLogLevel) {
@@ -65,15 +74,13 @@ bool CamDeliverGuard::isPreviousSyncFrameFinished(uint32_t sensorId, uint32_t fr
     CD_LOGV(logLevel, "[%s] [S:%d F:%d] previous synced FC not found !", sensorId, frameNo);
     return true;
   }
-  std::set<uint32_t> syncList;
-  {
-    std::lock_guard<std::mutex> fcLock(prev->mutex);
-    syncList = prev->syncList;
-  }
-  for (uint32_t s : syncList) {
-    if (prev->getIsEnqued(s)) continue;
-    std::lock_guard<std::mutex> fcLock(prev->mutex);
-    if (!prev->syncBroken) return false;
+  // Runs under the guard's lock on every wake-up of every waiter, so it reads the record in
+  // one go under the record's lock, without copying its sync list.
+  // A broken sync lets everybody go whatever is enqueued, so it is tested first.
+  std::lock_guard<std::mutex> fcLock(prev->mutex);
+  if (prev->syncBroken) return true;
+  for (uint32_t s : prev->syncList) {
+    if (!isEnquedLocked(*prev, s)) return false;
   }
   return true;
 }
@@ -122,8 +129,11 @@ void CamDeliverGuard::wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
 }
 
 void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
+  // Declared before the lock: when the erase below drops the pool's reference and the client
+  // holds none, the record is destroyed after the guard's lock is released.
+  std::shared_ptr<const FrameContext> pFc;
   std::lock_guard<std::mutex> lock(mutex);
-  std::shared_ptr<const FrameContext> pFc = fcPool->tryGet(frameNo);
+  pFc = fcPool->tryGet(frameNo);
   if (frameNo != kNoFrame && !pFc) {
     CD_LOGW("[%s] [S:%d F:%d] FC not found ! maybe flushed", sensorId, frameNo);
     return;
@@ -134,25 +144,28 @@ void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfi
   if (pFc->getNotEnqCount() == 0) {
     CD_FATAL("[S:%d F:%d] FC already finished, please check it !", sensorId, frameNo);
   }
-  std::string message = std::string(jobLabel(isConfig)) + " finished. ";
+  // The line's text is one of three constants, picked without building anything.
+  const char* message = "ConfigJob finished. ";
   if (isConfig) {
     // A configure job never retires a frame.
     pFc->configured(sensorId);
   } else {
+    message = "EnqJob finished. ";
     pFc->enqued(sensorId);
     if (pFc->getNotEnqCount() == 0) {
-      message += "Is last, erase it.";
+      message = "EnqJob finished. Is last, erase it.";
       fcPool->erase(frameNo);
       eraseCond.notify_all();
     }
   }
-  CD_LOGD("[%s] [S:%d F:%d] %s", sensorId, frameNo, message.c_str());
+  CD_LOGD("[%s] [S:%d F:%d] %s", sensorId, frameNo, message);
   cond.notify_all();
 }
 
 void CamDeliverGuard::drop(uint32_t sensorId, uint32_t frameNo) {
+  std::shared_ptr<const FrameContext> pFc;  // outlives the lock, as in finished()
   std::lock_guard<std::mutex> lock(mutex);
-  std::shared_ptr<const FrameContext> pFc = fcPool->tryGet(frameNo);
+  pFc = fcPool->tryGet(frameNo);
   if (!pFc) {
     CD_LOGW("[%s] [S:%d F:%d] FC not found", sensorId, frameNo);
     return;
@@ -211,9 +224,11 @@ int32_t CamDeliverGuard::waitUntilEnquedEmpty(uint32_t sensorId) {
   std::unique_lock<std::mutex> lock(mutex);
   std::set<uint32_t> pending = fcPool->getEnquedFrames(sensorId);
   if (pending.empty()) return 0;
-  std::string text = "wait until sensorId(" + std::to_string(sensorId) +
-                     ") enqued empty +, wait: " + joinFrames(pending);
-  CD_LOGD("[%s] %s", text.c_str());
+  if (logging::debugEnabled()) {
+    std::string text = "wait until sensorId(" + std::to_string(sensorId) +
+                       ") enqued empty +, wait: " + joinFrames(pending);
+    CD_LOGD("[%s] %s", text.c_str());
+  }
   for (;;) {
     std::set<uint32_t> left;
     for (uint32_t frameNo : pending) {

@@ -10,6 +10,25 @@ namespace NSCam {
 namespace camsys {
 namespace camcoordinator {
 
+namespace {
+
+// A sensor's entry in a record, or null. Records hold a handful of sensors, for which a scan
+// of the map's nodes is cheaper than hashing into its buckets; the walks below do this once
+// per record. The caller holds the record's lock.
+const FrameContext::SensorState* findState(const FrameContext& fc, uint32_t sensorId) {
+  constexpr size_t kScanLimit = 8;
+  if (fc.sensorStates.size() <= kScanLimit) {
+    for (const auto& entry : fc.sensorStates) {
+      if (entry.first == sensorId) return &entry.second;
+    }
+    return nullptr;
+  }
+  auto it = fc.sensorStates.find(sensorId);
+  return it == fc.sensorStates.end() ? nullptr : &it->second;
+}
+
+}  // namespace
+
 FrameContextPool::FrameContextPool() : logLevel(CamDeliver::mLogLevel) {}
 
 void FrameContextPool::emplace(uint32_t frameNo, std::shared_ptr<const FrameContext> fc) {
@@ -52,18 +71,23 @@ std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sen
   {
     const FrameContext& fc = *current->second;
     std::lock_guard<std::mutex> fcLock(fc.mutex);
-    currentOrder = fc.sensorStates[sensorId].order;
+    // An absent sensor gets a default entry, as an indexing lookup gives it.
+    const FrameContext::SensorState* state = findState(fc, sensorId);
+    currentOrder = state != nullptr ? state->order : fc.sensorStates[sensorId].order;
   }
   // The previous frame is the highest-numbered one prepared earlier in the sensor's order,
   // which need not be the next lower frame number.
+  // One lock and one lookup per record: a prepared sensor is present, so its order is read
+  // from the entry found rather than by a second, inserting lookup.
   for (auto it = pool.rbegin(); it != pool.rend(); ++it) {
     if (!it->second) continue;
     const FrameContext& fc = *it->second;
-    if (!fc.getIsPrepared(sensorId)) continue;
     uint64_t order;
     {
       std::lock_guard<std::mutex> fcLock(fc.mutex);
-      order = fc.sensorStates[sensorId].order;
+      const FrameContext::SensorState* state = findState(fc, sensorId);
+      if (state == nullptr || !state->isPrepared) continue;
+      order = state->order;
     }
     if (order < currentOrder) {
       CD_LOGD("[%s] [S:%d F:%d] get previous frameNo(%d) order(%ld) < currentOrder(%ld)", sensorId,
