@@ -39,15 +39,17 @@ class Runner {
   Runner(const Runner&) = delete;
   Runner& operator=(const Runner&) = delete;
 
-  // Runs the scenario to its end. Returns false when the run stalled: `stallReport` then says
-  // where each thread is, the threads are left blocked where they are, and the caller should
-  // end the process.
+  // Runs the scenario to its end; called once, from one thread, and blocks until every client
+  // thread has finished. Returns false when the run stalled: `stallReport` then says where
+  // each thread is. The stuck threads are left blocked where they are; they keep the run's
+  // state (scenario copy, deliverer, pool) alive by themselves, so the Runner may be destroyed
+  // and the caller may go on (a test fails, the program exits).
   bool run(History* history, std::string* stallReport);
 
   struct Impl;
 
  private:
-  std::unique_ptr<Impl> mImpl;
+  std::shared_ptr<Impl> mImpl;
 };
 
 }  // namespace sim
