@@ -62,6 +62,30 @@ TEST(SimRun, DefaultScenarioRunsCleanAndTracesEachSensorThread) {
   EXPECT_GE(phases["pipeline"]["i"], 5);
 }
 
+// A run that makes no progress within the stall timeout (here: jobs far longer than it) is
+// reported as stalled; the test goes on, and the threads, which own the run's state, end by
+// themselves without touching the returned stack frame or the Runner.
+TEST(SimRun, StallIsReportedAndTheThreadsOutliveTheRunSafely) {
+  Scenario scenario;
+  ScenarioError error;
+  ASSERT_TRUE(parseScenario(R"({"frames": 2, "frameIntervalUs": 0,
+      "jobDuration": {"distribution": "fixed", "us": 300000}, "sensors": [{"id": 0}, {"id": 1}],
+      "syncGroups": [{"sensors": [0, 1]}]})",
+                            "slow", &scenario, &error))
+      << error.text();
+  RunOptions options;
+  options.stallTimeout = std::chrono::milliseconds(50);
+  History history;
+  std::string stall;
+  {
+    Runner runner(scenario, options);
+    ASSERT_FALSE(runner.run(&history, &stall));
+    EXPECT_NE(stall.find("the run made no progress for 50 ms:"), std::string::npos) << stall;
+    EXPECT_NE(stall.find("inside sendJobForEnque()"), std::string::npos) << stall;
+    ASSERT_TRUE(runner.awaitThreads(std::chrono::seconds(20))) << "threads did not end";
+  }
+}
+
 }  // namespace
 }  // namespace sim
 }  // namespace orvcam

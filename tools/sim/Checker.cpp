@@ -167,12 +167,8 @@ class Checker {
   void checkOrder() {
     for (const auto& entry : sequence_) {
       uint32_t sensor = entry.first;
-      std::set<uint32_t> seen;
       const JobRecord* last = nullptr;
       for (uint32_t frame : entry.second) {
-        if (!seen.insert(frame).second) {
-          add("order", 0, sf(sensor, frame) + " was prepared twice");
-        }
         for (const JobRecord* j : ranJobs(sensor, frame)) {
           if (last && j->start < last->end) {
             add("order", j->start,
@@ -226,11 +222,12 @@ class Checker {
       std::optional<uint32_t> prev = previousFrame(off, p.frame);
       if (!prev) continue;
       std::optional<Nanos> done = enqueuedAt(off, *prev);
-      std::optional<Nanos> offPrepared = lookup(preparedAt_, SensorFrame{off, p.frame});
+      auto offIt = preparedAt_.find({off, p.frame});
+      Nanos offPrepared = offIt == preparedAt_.end() ? INT64_MAX : offIt->second;
       for (uint32_t sensor : p.sensors) {
         for (const JobRecord* j : ranJobs(sensor, p.frame)) {
           bool held = !done || *done > j->start;
-          if (held && sensor != off && (!offPrepared || *offPrepared > j->sent)) {
+          if (held && sensor != off && offPrepared > j->sent) {
             note(j->sent, jobName(*j) + " was sent on a raw-switch frame before the off sensor S:" +
                               std::to_string(off) +
                               " had prepared it, so the raw-switch rule could not hold it back");
@@ -434,22 +431,22 @@ class Checker {
       for (uint32_t sensor : p.sensors) {
         std::string who = sf(sensor, p.frame);
         if (!prepared.count({sensor, p.frame})) add("delivery", 0, who + " was never prepared");
-        std::optional<Nanos> flushed = lookup(flushed_, SensorFrame{sensor, p.frame});
-        std::optional<Nanos> droppedAt = lookup(dropped_, SensorFrame{sensor, p.frame});
+        constexpr Nanos kNever = INT64_MAX;
+        auto flushIt = flushed_.find({sensor, p.frame});
+        auto dropIt = dropped_.find({sensor, p.frame});
+        Nanos flushed = flushIt == flushed_.end() ? kNever : flushIt->second;
+        Nanos dropped = dropIt == dropped_.end() ? kNever : dropIt->second;
         size_t enqueues = 0, configures = 0;
         auto it = jobs_.find({sensor, p.frame});
         // A drop reported after the sensor's enqueue had run changes nothing.
-        bool lateDrop = false;
-        if (droppedAt && it != jobs_.end()) {
+        if (dropped != kNever && it != jobs_.end()) {
           for (const JobRecord* j : it->second) {
-            lateDrop = lateDrop || (j->kind == JobKind::Enqueue && j->ran && j->end < *droppedAt);
+            if (j->kind == JobKind::Enqueue && j->ran && j->end < dropped) dropped = kNever;
           }
         }
-        std::optional<Nanos> dropped = lateDrop ? std::nullopt : droppedAt;
         for (const JobRecord* j :
              it == jobs_.end() ? std::vector<const JobRecord*>{} : it->second) {
-          bool licenceGone =
-              dropped.value_or(INT64_MAX) < j->end || flushed.value_or(INT64_MAX) < j->end;
+          bool licenceGone = dropped < j->end || flushed < j->end;
           if (j->kind == JobKind::Enqueue && !j->ran && !licenceGone) {
             add("delivery", j->end,
                 who + " EnqJob was not run: the send returned " + std::to_string(j->result) +
@@ -457,14 +454,15 @@ class Checker {
           }
           if (!j->ran) continue;
           (j->kind == JobKind::Enqueue ? enqueues : configures)++;
-          if (flushed && j->start >= *flushed) {
+          if (flushed != kNever && j->start >= flushed) {
             add("delivery", j->start, jobName(*j) + " ran after the frame was flushed");
           }
-          if (dropped && j->kind == JobKind::Enqueue && j->sent > dropEnd(sensor, p.frame)) {
+          if (dropped != kNever && j->kind == JobKind::Enqueue &&
+              j->sent > dropEnd(sensor, p.frame)) {
             note(j->sent, jobName(*j) + " was sent after the frame's drop had been reported");
           }
         }
-        if (flushed || dropped) continue;
+        if (flushed != kNever || dropped != kNever) continue;
         if (enqueues == 0) add("delivery", h_.wallTime, who + " was never enqueued");
         if (enqueues > 1)
           add("delivery", h_.wallTime,

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -56,7 +57,8 @@ const char* outcomeName(Outcome o) {
   // simulator, and it fails the scenario like a violation.
   for (const auto& n : check.notes) std::cout << "client: " << n.message << "\n";
   std::cout.flush();
-  std::_Exit(check.clean() && check.notes.empty() ? 0 : kChildViolation);
+  // A normal exit, so that a sanitizer that found something can still change the exit code.
+  std::exit(check.clean() && check.notes.empty() ? 0 : kChildViolation);
 }
 
 // Runs the scenario in a child process; its output (report, library log) goes to `outPath`.

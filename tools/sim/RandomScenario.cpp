@@ -92,7 +92,7 @@ class Generator {
     for (uint32_t k = chance(0.6) ? uniform(1, 4) : 0; k > 0; --k) {
       ConfigureSetup c;
       c.frame = chance(0.2) ? s.firstFrame : frame(s);
-      const FramePlan& p = plans[c.frame - s.firstFrame];
+      const FramePlan& p = plans[planIndex(plans, c.frame)];
       if (p.sensors.empty()) continue;
       if (chance(0.5)) c.sensors = {p.sensors[uniform(0, p.sensors.size() - 1)]};
       c.viaJob = chance(0.6);
@@ -100,11 +100,16 @@ class Generator {
     }
     events(s, plans);
     for (uint32_t k = chance(0.3) ? uniform(1, 3) : 0; k > 0; --k) {
-      const FramePlan& p = plans[frame(s) - s.firstFrame];
+      const FramePlan& p = plans[planIndex(plans, frame(s))];
       if (p.sensors.empty()) continue;
       s.noFrameSends.push_back({p.sensors[uniform(0, p.sensors.size() - 1)], p.frame});
     }
     s.earlySends = chance(0.5);
+    // Gaps come last: the parser refuses what refers to them and the repair below removes it.
+    for (uint32_t k = chance(0.2) && s.frames > 2 ? uniform(1, 3) : 0; k > 0; --k) {
+      uint32_t f = s.firstFrame + uniform(1, s.frames - 2);
+      if (std::find(s.gaps.begin(), s.gaps.end(), f) == s.gaps.end()) s.gaps.push_back(f);
+    }
 
     Scenario parsed;
     std::string name = "random-" + std::to_string(seed_) + "-" + std::to_string(index_);
@@ -116,6 +121,7 @@ class Generator {
     s.events.clear();
     s.skips.clear();
     s.noFrameSends.clear();
+    s.gaps.clear();
     for (auto& cam : s.sensors) cam.streaming = true;
     ScenarioError error;
     parseScenario(scenarioToJson(s), name, &parsed, &error);
@@ -191,7 +197,7 @@ class Generator {
     for (uint32_t k = 0; k < count; ++k) {
       PlannedEvent e;
       uint32_t f = chance(0.1) ? s.firstFrame : chance(0.1) ? s.lastFrame() : frame(s);
-      const FramePlan& p = plans[f - s.firstFrame];
+      const FramePlan& p = plans[planIndex(plans, f)];
       if (p.sensors.empty()) continue;
       e.frame = f;
       e.sensor = p.sensors[uniform(0, p.sensors.size() - 1)];
@@ -270,6 +276,7 @@ std::vector<Scenario> shrinkCandidates(const Scenario& s) {
   eachWithout(s, &Scenario::configure, &raw);
   eachWithout(s, &Scenario::skips, &raw);
   eachWithout(s, &Scenario::noFrameSends, &raw);
+  eachWithout(s, &Scenario::gaps, &raw);
   if (s.earlySends) {
     Scenario c = s;
     c.earlySends = false;

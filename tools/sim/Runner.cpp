@@ -67,7 +67,7 @@ struct Runner::Impl {
     frames.resize(plans.size());
     for (const auto& cam : scenario.sensors) logs[cam.id] = std::make_unique<SensorLog>();
     for (const auto& e : scenario.events) {
-      size_t idx = e.frame - scenario.firstFrame;
+      size_t idx = planIndex(plans, e.frame);
       if (e.kind == EventKind::Drop) {
         dropsPlanned[{e.sensor, e.frame}] = e.when;
         if (e.when == EventTiming::Racing) racingDrops.push_back({e.sensor, idx});
@@ -578,7 +578,7 @@ struct Runner::Impl {
   std::vector<FramePlan> plans;
   SimClock::time_point t0;
   std::unique_ptr<JobProbe> probe;
-  std::unique_ptr<LicenceLedger> ledger;
+  std::shared_ptr<LicenceLedger> ledger;
   std::shared_ptr<cc::FrameContextPool> pool;
   std::unique_ptr<cc::CamDeliver> deliver;
   std::map<std::pair<uint32_t, uint32_t>, EventTiming> dropsPlanned;  // (sensor, frame)
@@ -611,6 +611,11 @@ Runner::Runner(const Scenario& scenario, RunOptions options)
 
 Runner::~Runner() = default;
 
+bool Runner::awaitThreads(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mImpl->mutex);
+  return mImpl->cond.wait_for(lock, timeout, [this] { return mImpl->running.load() == 0; });
+}
+
 bool Runner::run(History* history, std::string* stallReport) {
   std::shared_ptr<Impl> impl = mImpl;
   Impl& d = *impl;
@@ -619,11 +624,10 @@ bool Runner::run(History* history, std::string* stallReport) {
   pipeMgr->reset();
   d.t0 = SimClock::now();
   d.probe = std::make_unique<JobProbe>(d.t0, d.options.trace);
-  d.ledger = std::make_unique<LicenceLedger>(d.t0);
-  // The observer keeps the run's state alive: after a stall, stuck threads may still hand
-  // licences back when the process ends.
-  pipeMgr->setObserver([impl](host::LicenseEvent event, uint64_t serial, int32_t fd) {
-    impl->ledger->record(event, serial, fd);
+  d.ledger = std::make_shared<LicenceLedger>(d.t0);
+  // The observer owns the ledger: after a stall, stuck threads may still hand licences back.
+  pipeMgr->setObserver([ledger = d.ledger](host::LicenseEvent event, uint64_t serial, int32_t fd) {
+    ledger->record(event, serial, fd);
   });
   d.pool = std::make_shared<cc::FrameContextPool>();
   d.deliver = std::make_unique<cc::CamDeliver>(d.pool);
@@ -635,8 +639,10 @@ bool Runner::run(History* history, std::string* stallReport) {
     ++d.running;
     threads.emplace_back([fn, impl] {
       fn(*impl);
-      --impl->running;
       impl->touch();
+      std::lock_guard<std::mutex> lock(impl->mutex);
+      --impl->running;
+      impl->cond.notify_all();
     });
   };
   start([](Impl& i) { i.pipelineLoop(); });

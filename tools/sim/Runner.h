@@ -46,6 +46,10 @@ class Runner {
   // and the caller may go on (a test fails, the program exits).
   bool run(History* history, std::string* stallReport);
 
+  // After a stalled run: waits up to `timeout` for the client threads to end by themselves
+  // (a run that was only slow). True when none is left. Any thread.
+  bool awaitThreads(std::chrono::milliseconds timeout);
+
   struct Impl;
 
  private:

@@ -156,7 +156,7 @@ class Parser {
     checkKeys(root, "",
               {"description", "frames", "firstFrame", "frameIntervalUs", "maxInFlight", "seed",
                "jobDuration", "sensors", "syncGroups", "configure", "rawSwitches", "events",
-               "skips", "noFrameSends", "earlySends"});
+               "skips", "noFrameSends", "earlySends", "gaps"});
     if (const json* d = find(root, "description")) s_.description = asString(*d, "description");
     s_.frames = uint32_t(asUint(require(root, "", "frames"), "frames", 1, kMaxFrames));
     s_.firstFrame = uint32_t(getUint(root, "", "firstFrame", 0, 0xFFFFFFFEull - s_.frames, 1));
@@ -174,6 +174,17 @@ class Parser {
     parseList(root, "skips", [this](const json& j, const std::string& p) { skip(j, p); });
     parseList(root, "noFrameSends",
               [this](const json& j, const std::string& p) { noFrameSend(j, p); });
+    if (const json* v = find(root, "gaps")) {
+      if (!v->is_array()) fail("gaps", "must be an array of frame numbers");
+      for (size_t i = 0; i < v->size(); ++i) {
+        uint32_t f = frame((*v)[i], at("gaps", i));
+        if (std::find(s_.gaps.begin(), s_.gaps.end(), f) != s_.gaps.end()) {
+          fail(at("gaps", i), "frame " + std::to_string(f) + " is listed twice");
+        }
+        s_.gaps.push_back(f);
+      }
+      if (s_.gaps.size() >= s_.frames) fail("gaps", "leaves no frame");
+    }
     if (const json* v = find(root, "earlySends")) {
       if (!v->is_boolean()) fail("earlySends", "must be true or false");
       s_.earlySends = v->get<bool>();
@@ -369,6 +380,20 @@ class Parser {
 
   // Rules that need the frames planned: who streams when, who takes part in which frame.
   void crossCheck() {
+    std::set<uint32_t> gaps(s_.gaps.begin(), s_.gaps.end());
+    auto notGap = [&](uint32_t f, const std::string& field) {
+      if (gaps.count(f)) fail(field, "frame " + std::to_string(f) + " is a gap");
+    };
+    for (size_t i = 0; i < s_.rawSwitches.size(); ++i)
+      notGap(s_.rawSwitches[i].frame, rawPaths_[i] + ".frame");
+    for (size_t i = 0; i < s_.configure.size(); ++i)
+      notGap(s_.configure[i].frame, configurePaths_[i]);
+    for (size_t i = 0; i < s_.events.size(); ++i)
+      notGap(s_.events[i].frame, eventPaths_[i] + ".frame");
+    for (size_t i = 0; i < s_.skips.size(); ++i)
+      notGap(s_.skips[i].frame, skipPaths_[i] + ".frame");
+    for (size_t i = 0; i < s_.noFrameSends.size(); ++i)
+      notGap(s_.noFrameSends[i].after, noFramePaths_[i] + ".after");
     std::vector<size_t> order(s_.rawSwitches.size());
     for (size_t i = 0; i < order.size(); ++i) order[i] = i;
     std::sort(order.begin(), order.end(), [this](size_t a, size_t b) {
@@ -405,7 +430,7 @@ class Parser {
     skipCheck.run();
 
     std::vector<FramePlan> plans = planFrames(s_);
-    auto plan = [&](uint32_t f) -> const FramePlan& { return plans[f - s_.firstFrame]; };
+    auto plan = [&](uint32_t f) -> const FramePlan& { return plans[planIndex(plans, f)]; };
 
     std::set<std::pair<uint32_t, uint32_t>> configured;
     for (size_t i = 0; i < s_.configure.size(); ++i) {
@@ -487,7 +512,7 @@ class Parser {
       for (const auto& p : plans) left[p.frame] = p.sensors.size();
       for (size_t i = 0; i < s.skips.size(); ++i) {
         const SkipSetup& k = s.skips[i];
-        if (!plans[k.frame - s.firstFrame].participates(k.sensor)) {
+        if (!plans[planIndex(plans, k.frame)].participates(k.sensor)) {
           fail(paths[i] + ".sensor", "sensor " + std::to_string(k.sensor) +
                                          " does not stream at frame " + std::to_string(k.frame));
         }
@@ -586,6 +611,12 @@ bool FramePlan::participates(uint32_t sensor) const {
   return std::binary_search(sensors.begin(), sensors.end(), sensor);
 }
 
+size_t planIndex(const std::vector<FramePlan>& plans, uint32_t frame) {
+  auto it = std::lower_bound(plans.begin(), plans.end(), frame,
+                             [](const FramePlan& p, uint32_t f) { return p.frame < f; });
+  return it != plans.end() && it->frame == frame ? size_t(it - plans.begin()) : SIZE_MAX;
+}
+
 std::vector<FramePlan> planFrames(const Scenario& s) {
   std::map<uint32_t, const RawSwitchSetup*> switches;
   for (const auto& r : s.rawSwitches) switches[r.frame] = &r;
@@ -611,6 +642,7 @@ std::vector<FramePlan> planFrames(const Scenario& s) {
     for (const auto& k : s.skips) {
       if (k.frame == f) taking.erase(k.sensor);
     }
+    if (std::find(s.gaps.begin(), s.gaps.end(), f) != s.gaps.end()) continue;
     p.sensors.assign(taking.begin(), taking.end());
     for (const auto& g : s.syncGroups) {
       if (f < g.fromFrame || f > g.toFrame) continue;
@@ -701,6 +733,7 @@ std::string scenarioToJson(const Scenario& s) {
     j["noFrameSends"].push_back({{"sensor", n.sensor}, {"after", n.after}});
   }
   if (s.earlySends) j["earlySends"] = true;
+  if (!s.gaps.empty()) j["gaps"] = s.gaps;
   return j.dump(1);
 }
 

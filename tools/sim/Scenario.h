@@ -94,6 +94,9 @@ struct Scenario {
   std::vector<PlannedEvent> events;
   std::vector<SkipSetup> skips;
   std::vector<NoFrameSendSetup> noFrameSends;
+  // Frame numbers between the first and the last frame that the pipeline never uses: no record,
+  // no preparation, no send; nothing may refer to them.
+  std::vector<uint32_t> gaps;
   // A sensor sends as soon as it has prepared a frame itself, without waiting for the other
   // sensors of the frame to prepare it (on a raw-switch frame it still waits for the off
   // sensor's preparation, which the raw-switch rule relies on).
@@ -122,8 +125,10 @@ const char* defaultScenarioText();
 // The scenario as JSON that parseScenario reads back to the same scenario.
 std::string scenarioToJson(const Scenario& scenario);
 
-// The request of every frame, ascending. Only for a validated scenario.
+// The request of every frame, ascending, gaps left out. Only for a validated scenario.
 std::vector<FramePlan> planFrames(const Scenario& scenario);
+// The position of `frame` in planFrames()'s result, or SIZE_MAX for a gap or a frame outside.
+size_t planIndex(const std::vector<FramePlan>& plans, uint32_t frame);
 
 }  // namespace sim
 }  // namespace orvcam
