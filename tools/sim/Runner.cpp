@@ -50,12 +50,14 @@ struct Runner::Impl {
     std::shared_ptr<const cc::FrameContext> fc;
     bool emplaced = false;
     bool flushed = false;
-    bool firstPrepareStarted = false;  // a sensor has been chosen to prepare it first
-    bool firstPrepareDone = false;     // and that call has returned
-    bool syncBroken = false;           // named by an in-flight report with value 0
-    bool racingSent = false;           // the sensor with a racing drop has issued its send
-    std::set<uint32_t> prepared;       // prepare() returned
-    std::set<uint32_t> done;           // enqueued, dropped or flushed, as the client sees it
+    bool firstPrepareStarted = false;   // a sensor has been chosen to prepare it first
+    bool firstPrepareDone = false;      // and that call has returned
+    bool syncBroken = false;            // named by an in-flight report with value 0
+    std::set<uint32_t> racing;          // sensors with a racing drop in this frame
+    std::set<uint32_t> racingSent;      // of those: issued the enqueue send
+    std::set<uint32_t> racingReturned;  // of those: the send returned
+    std::set<uint32_t> prepared;        // prepare() returned
+    std::set<uint32_t> done;            // enqueued, dropped or flushed, as the client sees it
     std::set<uint32_t> dropReported;
   };
 
@@ -70,7 +72,10 @@ struct Runner::Impl {
       size_t idx = planIndex(plans, e.frame);
       if (e.kind == EventKind::Drop) {
         dropsPlanned[{e.sensor, e.frame}] = e.when;
-        if (e.when == EventTiming::Racing) racingDrops.push_back({e.sensor, idx});
+        if (e.when == EventTiming::Racing) {
+          racingDrops.push_back({e.sensor, idx});
+          frames[idx].racing.insert(e.sensor);
+        }
         if (e.when == EventTiming::Late) lateDrops.push_back({e.sensor, idx});
       } else {
         eventsAt[idx].push_back(&e);
@@ -147,8 +152,13 @@ struct Runner::Impl {
                !f.prepared.count(uint32_t(p.offSensor))) {
       return false;
     }
-    for (const auto& r : racingDrops) {
-      if (r.second == idx && r.first != sensor && !f.dropReported.count(r.first)) return false;
+    // A sensor without a racing drop of its own keeps the frame in the pool until every racing
+    // sensor's send has returned and its drop has been reported: the racing send must find the
+    // frame when it enters the deliverer, whatever the drop did meanwhile.
+    if (!f.racing.count(sensor)) {
+      for (uint32_t r : f.racing) {
+        if (!f.racingReturned.count(r) || !f.dropReported.count(r)) return false;
+      }
     }
     return true;
   }
@@ -218,12 +228,18 @@ struct Runner::Impl {
       requestDrop(log, sensor, idx, false);
       return false;
     }
-    if (drop && *drop == EventTiming::Racing) {
+    bool racing = drop && *drop == EventTiming::Racing;
+    if (racing) {
       std::lock_guard<std::mutex> lock(mutex);
-      frames[idx].racingSent = true;
+      frames[idx].racingSent.insert(sensor);
       cond.notify_all();
     }
     enqueue(log, sensor, p.frame, rng, duration);
+    if (racing) {
+      std::lock_guard<std::mutex> lock(mutex);
+      frames[idx].racingReturned.insert(sensor);
+      cond.notify_all();
+    }
     return true;
   }
 
@@ -347,7 +363,7 @@ struct Runner::Impl {
       FrameState& f = frames[it->second];
       if (f.flushed) {
         it = racingDrops.erase(it);
-      } else if (f.racingSent && !f.dropReported.count(it->first)) {
+      } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
         auto request = *it;
         it = racingDrops.erase(it);
         reportDropLocked(lock, request.first, request.second);
