@@ -241,14 +241,74 @@ TEST(SimChecker, CatchesFramesNotDeliveredOrLeftInThePool) {
   Recording extra({0, 1});
   extra.h = h;
   extra.nextSerial = 100;
-  extra.enq(1, 3, 11, 36, 37);  // an enqueue of a dropped frame
-  extra.enq(0, 8, 51, 95, 96);  // and of a flushed one
-  EXPECT_EQ(rules(extra.done()), (Rules{{"delivery", 2}}));
+  extra.enq(1, 3, 11, 38, 39);  // an enqueue sent after its frame's drop: the client's fault
+  extra.enq(0, 8, 51, 95, 96);  // and one run after a flush: the library's
+  CheckResult result = checkHistory(extra.done());
+  ASSERT_EQ(result.violations.size(), 1u);
+  EXPECT_EQ(result.violations[0].message, "S:0 F:8 EnqJob ran after the frame was flushed");
+  ASSERT_EQ(result.notes.size(), 1u);
+  EXPECT_EQ(result.notes[0].message,
+            "S:1 F:3 EnqJob was sent after the frame's drop had been reported");
 
   h = goodHistory();
   h.plans[0].needCfg.insert(2);
   h.plans[0].sensors.push_back(2);  // a sensor that never prepared, configured or enqueued
   EXPECT_EQ(rules(h), (Rules{{"delivery", 3}}));
+}
+
+// A raw-switch send made before the off sensor prepared the frame voids the raw-switch rule:
+// the early start is the client's doing, a note and not a violation.
+TEST(SimChecker, RawSwitchSendBeforeOffSensorPreparedIsAClientNote) {
+  History h = goodHistory();
+  retime(h, findJob(h, 0, 7), 75, 86);  // before the off sensor's F:6 was enqueued at 78
+  EXPECT_EQ(rules(h), (Rules{{"raw-switch", 1}}));
+  for (auto& p : h.prepares) {
+    if (p.sensor == 1 && p.frame == 7) p.at = 70, p.end = 76;  // prepared after S:0's send
+  }
+  CheckResult result = checkHistory(h);
+  EXPECT_TRUE(result.violations.empty());
+  ASSERT_EQ(result.notes.size(), 1u);
+  EXPECT_EQ(result.notes[0].rule, "client");
+  EXPECT_EQ(result.notes[0].message,
+            "S:0 F:7 EnqJob was sent on a raw-switch frame before the off sensor S:1 had "
+            "prepared it, so the raw-switch rule could not hold it back");
+}
+
+// Drops that race the sensor's own enqueue (which then returns -1) or come after the frame
+// finished are legal; neither is a violation.
+TEST(SimChecker, RacingAndLateDropsAreNotViolations) {
+  History h = goodHistory();
+  findJob(h, 0, 4).ran = false;
+  findJob(h, 0, 4).result = -1;
+  h.events.insert(h.events.begin() + 1, EventRecord{EventKind::Drop, 0, 4, 0, 51, 52, {}});
+  h.events.push_back(EventRecord{EventKind::Drop, 0, 2, 0, 92, 93, {}});  // F:2 long finished
+  CheckResult result = checkHistory(h);
+  for (const auto& v : result.violations) ADD_FAILURE() << v.rule << ": " << v.message;
+  EXPECT_TRUE(result.notes.empty());
+  findJob(h, 0, 4).ran = true;  // without a drop before it ended, a -1 is the library's fault
+  h.events.erase(h.events.begin() + 1);
+  findJob(h, 0, 4).ran = false;  // and its partners wait for nothing
+  EXPECT_EQ(rules(h), (Rules{{"delivery", 2}, {"sync", 2}}));
+}
+
+// The client prepared a frame after 20 other frames had been first prepared since its first
+// preparation: the deliverer would fetch its licences again.
+TEST(SimChecker, NotesAPreparationOutsideTheRecentWindow) {
+  History h;
+  h.prepares.push_back({0, 1, 1, 2});
+  for (uint32_t f = 2; f <= 20; ++f) h.prepares.push_back({1, f, f * 10, f * 10 + 1});
+  h.prepares.push_back({1, 1, 300, 301});  // 19 others: still inside
+  EXPECT_TRUE(clientProtocolNotes(h).empty());
+  h.prepares.back() = {1, 21, 300, 301};
+  h.prepares.push_back({1, 1, 400, 401});  // 20 others: outside
+  h.prepares.push_back({0, 1, 500, 501});  // and prepared twice by S:0
+  std::vector<Violation> notes = clientProtocolNotes(h);
+  ASSERT_EQ(notes.size(), 2u);
+  EXPECT_EQ(notes[0].message,
+            "S:1 F:1 was prepared after 20 other frames had been first prepared since the "
+            "frame's own first preparation; the deliverer fetches its licences again and ends "
+            "the process");
+  EXPECT_EQ(notes[1].message, "S:0 F:1 was prepared twice");
 }
 
 }  // namespace

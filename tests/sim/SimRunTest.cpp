@@ -62,6 +62,57 @@ TEST(SimRun, DefaultScenarioRunsCleanAndTracesEachSensorThread) {
   EXPECT_GE(phases["pipeline"]["i"], 5);
 }
 
+// Two drops racing their sensors' own enqueues on one frame: the third sensor keeps the frame
+// in the pool until both racing sends have returned, so neither send finds the frame gone.
+// Timing decides which side takes each licence; every run must come out clean.
+TEST(SimRun, RacingDropsNeverLeaveASendWithoutItsFrame) {
+  Scenario scenario;
+  ScenarioError error;
+  ASSERT_TRUE(parseScenario(R"({"frames": 3, "frameIntervalUs": 0, "earlySends": true,
+      "jobDuration": {"distribution": "fixed", "us": 0},
+      "sensors": [{"id": 1}, {"id": 14}, {"id": 12}],
+      "events": [{"frame": 1, "type": "Drop", "sensor": 14, "when": "racing"},
+                 {"frame": 1, "type": "Drop", "sensor": 1, "when": "racing"},
+                 {"frame": 2, "type": "Drop", "sensor": 12, "when": "racing"}]})",
+                            "racing", &scenario, &error))
+      << error.text();
+  for (int i = 0; i < 30; ++i) {
+    RunOptions options;
+    options.stallTimeout = std::chrono::seconds(20);
+    Runner runner(scenario, options);
+    History history;
+    std::string stall;
+    ASSERT_TRUE(runner.run(&history, &stall)) << stall;
+    CheckResult check = checkHistory(history);
+    for (const auto& v : check.violations) ADD_FAILURE() << v.rule << ": " << v.message;
+    EXPECT_TRUE(check.notes.empty());
+  }
+}
+
+// A run that makes no progress within the stall timeout (here: jobs far longer than it) is
+// reported as stalled; the test goes on, and the threads, which own the run's state, end by
+// themselves without touching the returned stack frame or the Runner.
+TEST(SimRun, StallIsReportedAndTheThreadsOutliveTheRunSafely) {
+  Scenario scenario;
+  ScenarioError error;
+  ASSERT_TRUE(parseScenario(R"({"frames": 2, "frameIntervalUs": 0,
+      "jobDuration": {"distribution": "fixed", "us": 300000}, "sensors": [{"id": 0}, {"id": 1}],
+      "syncGroups": [{"sensors": [0, 1]}]})",
+                            "slow", &scenario, &error))
+      << error.text();
+  RunOptions options;
+  options.stallTimeout = std::chrono::milliseconds(50);
+  History history;
+  std::string stall;
+  {
+    Runner runner(scenario, options);
+    ASSERT_FALSE(runner.run(&history, &stall));
+    EXPECT_NE(stall.find("the run made no progress for 50 ms:"), std::string::npos) << stall;
+    EXPECT_NE(stall.find("inside sendJobForEnque()"), std::string::npos) << stall;
+    ASSERT_TRUE(runner.awaitThreads(std::chrono::seconds(20))) << "threads did not end";
+  }
+}
+
 }  // namespace
 }  // namespace sim
 }  // namespace orvcam

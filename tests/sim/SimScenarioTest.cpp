@@ -21,7 +21,7 @@ TEST(SimScenario, RefusalNamesTheFileTheFieldAndTheProblem) {
   EXPECT_EQ(refusal("{" + base + R"(, "framez": 3})"),
             "x.json: field \"framez\": unknown field (expected one of: description, frames, "
             "firstFrame, frameIntervalUs, maxInFlight, seed, jobDuration, sensors, syncGroups, "
-            "configure, rawSwitches, events)");
+            "configure, rawSwitches, events, skips, noFrameSends, earlySends, gaps)");
   EXPECT_EQ(refusal("{" + base + R"(, "maxInFlight": 20})"),
             "x.json: field \"maxInFlight\": is 20, must be between 1 and 19");
   EXPECT_EQ(refusal("{" + base + R"(, "syncGroups": [{"sensors": [0]}]})"),
@@ -45,6 +45,45 @@ TEST(SimScenario, RefusalNamesTheFileTheFieldAndTheProblem) {
                                                         "maxUs": 3}})"),
             "x.json: field \"jobDuration.maxUs\": is below minUs");
   EXPECT_NE(refusal("{\"frames\": 10,}").find("x.json: not valid JSON: "), std::string::npos);
+}
+
+// The free call orders are refused where the client could not keep the protocol.
+TEST(SimScenario, FreeCallOrdersAreRefusedWhereTheyCannotBeKept) {
+  const std::string base = R"("frames": 10, "sensors": [{"id": 0}, {"id": 1}])";
+  EXPECT_EQ(refusal("{" + base + R"(, "gaps": [4], "events": [{"frame": 4, "type": "Flush",
+                                                                 "sensor": 0}]})"),
+            "x.json: field \"events[0].frame\": frame 4 is a gap");
+  EXPECT_EQ(refusal("{" + base + R"(, "skips": [{"sensor": 0, "frame": 3},
+                                                  {"sensor": 1, "frame": 3}]})"),
+            "x.json: field \"skips[1]\": frame 3 would have no sensor left");
+  EXPECT_EQ(refusal("{" + base + R"(, "events": [{"frame": 3, "type": "Drop", "sensor": 0,
+      "when": "racing"}, {"frame": 3, "type": "Drop", "sensor": 1}]})"),
+            "x.json: field \"events[0].when\": a racing drop needs another sensor in frame 3 "
+            "that keeps the frame in the pool until the drop is reported");
+  EXPECT_EQ(refusal("{" + base + R"(, "events": [{"frame": 3, "type": "Flush", "sensor": 0,
+      "when": "racing"}]})"),
+            "x.json: field \"events[0].when\": is \"racing\"; a Drop takes usual, "
+            "beforeConfigure, racing or late, an InformInflight with value 0 takes usual or "
+            "whileRunning, other events only usual");
+  EXPECT_EQ(refusal(R"({"frames": 10, "sensors": [{"id": 0}, {"id": 1, "streaming": false}],
+      "rawSwitches": [{"frame": 5, "off": 0, "on": 1}], "skips": [{"sensor": 1, "frame": 5}]})"),
+            "x.json: field \"skips[0]\": sensor 1 switches at frame 5 and must take part in it");
+
+  Scenario s;
+  ScenarioError e;
+  ASSERT_TRUE(parseScenario("{" + base + R"(, "gaps": [2, 3], "skips": [{"sensor": 1,
+      "frame": 5}], "noFrameSends": [{"sensor": 0, "after": 4}], "earlySends": true})",
+                            "x.json", &s, &e))
+      << e.text();
+  std::vector<FramePlan> plans = planFrames(s);
+  ASSERT_EQ(plans.size(), 8u);
+  EXPECT_EQ(plans[1].frame, 4u);
+  EXPECT_EQ(planIndex(plans, 5), 2u);
+  EXPECT_EQ(planIndex(plans, 3), SIZE_MAX);
+  EXPECT_EQ(plans[2].sensors, (std::vector<uint32_t>{0}));
+  Scenario again;
+  ASSERT_TRUE(parseScenario(scenarioToJson(s), "again.json", &again, &e)) << e.text();
+  EXPECT_EQ(scenarioToJson(again), scenarioToJson(s));
 }
 
 TEST(SimScenario, FramesFollowSyncGroupsRawSwitchesAndConfiguration) {

@@ -1,6 +1,7 @@
 #include "Checker.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -66,8 +67,10 @@ class Checker {
       add("pool", h_.wallTime,
           "the frame pool still holds frame(s) " + frameList(h_.framesLeftInPool) + " at the end");
     }
-    std::stable_sort(result_.violations.begin(), result_.violations.end(),
-                     [](const Violation& a, const Violation& b) { return a.at < b.at; });
+    for (Violation& n : clientProtocolNotes(h_)) result_.notes.push_back(std::move(n));
+    auto byTime = [](const Violation& a, const Violation& b) { return a.at < b.at; };
+    std::stable_sort(result_.violations.begin(), result_.violations.end(), byTime);
+    std::stable_sort(result_.notes.begin(), result_.notes.end(), byTime);
     return std::move(result_);
   }
 
@@ -76,9 +79,16 @@ class Checker {
     result_.violations.push_back({rule, std::move(message), at});
   }
 
+  void note(Nanos at, std::string message) {
+    result_.notes.push_back({"client", std::move(message), at});
+  }
+
   void index() {
     for (const auto& p : h_.plans) plans_[p.frame] = &p;
-    for (const auto& p : h_.prepares) sequence_[p.sensor].push_back(p.frame);
+    for (const auto& p : h_.prepares) {
+      sequence_[p.sensor].push_back(p.frame);
+      keepEarliest(preparedAt_, SensorFrame{p.sensor, p.frame}, p.end > 0 ? p.end : p.at);
+    }
     for (const auto& j : h_.jobs) {
       jobs_[{j.sensor, j.frame}].push_back(&j);
       if (j.ran) ++result_.jobsChecked;
@@ -93,7 +103,10 @@ class Checker {
         for (uint32_t f : e.frames) keepEarliest(flushed_, {e.sensor, f}, e.begin);
       }
       if (e.kind == EventKind::InformInflight && e.value == 0) {
-        for (uint32_t f : e.frames) keepEarliest(broken_, f, e.begin);
+        for (uint32_t f : e.frames) {
+          keepEarliest(broken_, f, e.begin);
+          keepEarliest(brokenEnd_, f, e.end);
+        }
       }
     }
   }
@@ -154,12 +167,8 @@ class Checker {
   void checkOrder() {
     for (const auto& entry : sequence_) {
       uint32_t sensor = entry.first;
-      std::set<uint32_t> seen;
       const JobRecord* last = nullptr;
       for (uint32_t frame : entry.second) {
-        if (!seen.insert(frame).second) {
-          add("order", 0, sf(sensor, frame) + " was prepared twice");
-        }
         for (const JobRecord* j : ranJobs(sensor, frame)) {
           if (last && j->start < last->end) {
             add("order", j->start,
@@ -171,6 +180,7 @@ class Checker {
       }
     }
     for (const auto& entry : jobs_) {
+      if (entry.first.second == kNoFrame) continue;  // no frame: nothing to prepare
       const auto& seq = sequence_[entry.first.first];
       if (std::find(seq.begin(), seq.end(), entry.first.second) == seq.end()) {
         add("order", entry.second.front()->sent,
@@ -212,8 +222,17 @@ class Checker {
       std::optional<uint32_t> prev = previousFrame(off, p.frame);
       if (!prev) continue;
       std::optional<Nanos> done = enqueuedAt(off, *prev);
+      auto offIt = preparedAt_.find({off, p.frame});
+      Nanos offPrepared = offIt == preparedAt_.end() ? INT64_MAX : offIt->second;
       for (uint32_t sensor : p.sensors) {
         for (const JobRecord* j : ranJobs(sensor, p.frame)) {
+          bool held = !done || *done > j->start;
+          if (held && sensor != off && offPrepared > j->sent) {
+            note(j->sent, jobName(*j) + " was sent on a raw-switch frame before the off sensor S:" +
+                              std::to_string(off) +
+                              " had prepared it, so the raw-switch rule could not hold it back");
+            continue;
+          }
           if (!done) {
             add("raw-switch", j->start,
                 jobName(*j) +
@@ -255,12 +274,16 @@ class Checker {
         continue;
       }
       bool broken = broken_.count(p.frame) > 0;
+      // After the report, a licence still queued has a descriptor of its own; a job that began
+      // after the report ended took its licence after it.
+      Nanos reportEnd = broken ? brokenEnd_.at(p.frame) : 0;
       const JobRecord* first = nullptr;
       for (const auto& a : enq) {
         for (const auto& b : enq) {
           if (a.first >= b.first || a.second->fd != b.second->fd) continue;
           bool bothSync = p.syncList.count(a.first) && p.syncList.count(b.first);
-          if (!bothSync || broken) {
+          bool after = a.second->start > reportEnd || b.second->start > reportEnd;
+          if (!bothSync || (broken && after)) {
             add("fd", b.second->start,
                 sf(a.first, p.frame) + " and " + sf(b.first, p.frame) + " share FD " +
                     std::to_string(a.second->fd) +
@@ -268,7 +291,7 @@ class Checker {
                             : " although they are not in one sync group"));
           }
         }
-        if (!broken && p.syncList.count(a.first)) {
+        if (p.syncList.count(a.first) && (!broken || a.second->end < broken_.at(p.frame))) {
           if (!first) {
             first = a.second;
           } else if (first->fd != a.second->fd) {
@@ -408,27 +431,38 @@ class Checker {
       for (uint32_t sensor : p.sensors) {
         std::string who = sf(sensor, p.frame);
         if (!prepared.count({sensor, p.frame})) add("delivery", 0, who + " was never prepared");
-        std::optional<Nanos> flushed = lookup(flushed_, SensorFrame{sensor, p.frame});
-        std::optional<Nanos> dropped = lookup(dropped_, SensorFrame{sensor, p.frame});
+        constexpr Nanos kNever = INT64_MAX;
+        auto flushIt = flushed_.find({sensor, p.frame});
+        auto dropIt = dropped_.find({sensor, p.frame});
+        Nanos flushed = flushIt == flushed_.end() ? kNever : flushIt->second;
+        Nanos dropped = dropIt == dropped_.end() ? kNever : dropIt->second;
         size_t enqueues = 0, configures = 0;
         auto it = jobs_.find({sensor, p.frame});
+        // A drop reported after the sensor's enqueue had run changes nothing.
+        if (dropped != kNever && it != jobs_.end()) {
+          for (const JobRecord* j : it->second) {
+            if (j->kind == JobKind::Enqueue && j->ran && j->end < dropped) dropped = kNever;
+          }
+        }
         for (const JobRecord* j :
              it == jobs_.end() ? std::vector<const JobRecord*>{} : it->second) {
-          if (j->kind == JobKind::Enqueue && !j->ran) {
+          bool licenceGone = dropped < j->end || flushed < j->end;
+          if (j->kind == JobKind::Enqueue && !j->ran && !licenceGone) {
             add("delivery", j->end,
                 who + " EnqJob was not run: the send returned " + std::to_string(j->result) +
                     " (no licence for it)");
           }
           if (!j->ran) continue;
           (j->kind == JobKind::Enqueue ? enqueues : configures)++;
-          if (flushed && j->start >= *flushed) {
+          if (flushed != kNever && j->start >= flushed) {
             add("delivery", j->start, jobName(*j) + " ran after the frame was flushed");
           }
-          if (dropped && j->kind == JobKind::Enqueue) {
-            add("delivery", j->start, jobName(*j) + " ran although the frame was dropped");
+          if (dropped != kNever && j->kind == JobKind::Enqueue &&
+              j->sent > dropEnd(sensor, p.frame)) {
+            note(j->sent, jobName(*j) + " was sent after the frame's drop had been reported");
           }
         }
-        if (flushed || dropped) continue;
+        if (flushed != kNever || dropped != kNever) continue;
         if (enqueues == 0) add("delivery", h_.wallTime, who + " was never enqueued");
         if (enqueues > 1)
           add("delivery", h_.wallTime,
@@ -450,6 +484,18 @@ class Checker {
   std::map<SensorFrame, Nanos> dropped_;
   std::map<SensorFrame, Nanos> flushed_;
   std::map<uint32_t, Nanos> broken_;
+  std::map<uint32_t, Nanos> brokenEnd_;
+  std::map<SensorFrame, Nanos> preparedAt_;  // first preparation returned
+
+  Nanos dropEnd(uint32_t sensor, uint32_t frame) const {
+    Nanos end = 0;
+    for (const auto& e : h_.events) {
+      if (e.kind == EventKind::Drop && e.sensor == sensor && e.frame == frame) {
+        end = std::max(end, e.end);
+      }
+    }
+    return end;
+  }
 };
 
 }  // namespace

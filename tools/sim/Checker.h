@@ -19,12 +19,19 @@ struct Violation {
 
 struct CheckResult {
   std::vector<Violation> violations;  // by time
+  // Places where the client's own call order broke a precondition of the library, so that the
+  // guarantee concerned did not apply (rule "client"); not violations of the library.
+  std::vector<Violation> notes;
   size_t jobsChecked = 0;
   size_t licencesChecked = 0;
   bool clean() const { return violations.empty(); }
 };
 
 CheckResult checkHistory(const History& history);
+
+// The client's side of the protocol (ClientProtocol.cpp): notes where a recorded call order
+// broke a precondition the library relies on.
+std::vector<Violation> clientProtocolNotes(const History& history);
 
 // "12.345 ms"
 std::string formatTime(Nanos at);

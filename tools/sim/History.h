@@ -44,10 +44,14 @@ struct FramePlan {
   bool isRawSwitch() const { return offSensor >= 0; }
 };
 
+// The frame number that stands for "no frame".
+constexpr uint32_t kNoFrame = 0xFFFFFFFF;
+
 struct PrepareRecord {
   uint32_t sensor = 0;
   uint32_t frame = 0;
-  Nanos at = 0;
+  Nanos at = 0;   // just before the call
+  Nanos end = 0;  // just after it returned (0: not known)
 };
 
 struct SetConfiguredRecord {

@@ -14,87 +14,82 @@
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
-#include "ReqJob.h"
+#include "Instrumentation.h"
 
 namespace orvcam {
 namespace sim {
 
-namespace cc = NSCam::camsys::camcoordinator;
-using Clock = std::chrono::steady_clock;
-using host::IPipeMgr;
-using host::IRequestLicense;
-
 namespace {
 
 constexpr size_t kNoGate = SIZE_MAX;
-
-// The sensor the client is calling for on this thread (setConfigured, a drop), so that a
-// licence handed back meanwhile can be put down to it.
-thread_local int32_t tContext = -1;
-
-struct ContextScope {
-  explicit ContextScope(uint32_t sensor) { tContext = int32_t(sensor); }
-  ~ContextScope() { tContext = -1; }
-};
-
-std::string sf(uint32_t sensor, uint32_t frame) {
-  return "S:" + std::to_string(sensor) + " F:" + std::to_string(frame);
-}
-
-// What a sensor thread is doing, for the stall report.
-enum class Activity : uint32_t { Idle, Preparing, Configuring, Enqueuing, SetConfigured, Done };
-
-const char* activityText(Activity a) {
-  switch (a) {
-    case Activity::Idle: return "waiting for its next frame (held by the client)";
-    case Activity::Preparing: return "inside prepare()";
-    case Activity::Configuring: return "inside sendJobForConfigure()";
-    case Activity::Enqueuing: return "inside sendJobForEnque()";
-    case Activity::SetConfigured: return "inside setConfigured()";
-    case Activity::Done: return "finished";
-  }
-  return "?";
-}
+// The deliverer fetches a frame's licences when the frame's number is not among the 20 it
+// first prepared most recently. The client keeps every frame's preparations inside that
+// window: first preparations go in frame order, and a frame is emplaced only once the frame
+// this many places before it has been prepared by all of its sensors.
+constexpr size_t kPreparedWindow = 20;
 
 }  // namespace
 
+// The client model: a pipeline thread that emplaces frames and reports events, and one request
+// thread per sensor that prepares and sends. The observers it uses (licence ledger, job probe,
+// watchdog) are in Instrumentation.h.
+//
+// Threads and locks:
+// - `mutex` guards the client's shared state: `frames`, `gate`, `inFlight`, `framesEmplaced`,
+//   `framesDone`, `nextFirstPrepare`, `firstPrepareBusy`, `dropRequests`, `racingDrops`,
+//   `lateDrops`. It is never held while the deliverer or the pool is called (every library
+//   call is made with it released), so it has no order against the library's locks; `cond`
+//   goes with it and every change is announced with notify_all.
+// - The ledger's mutex is a leaf taken inside the library's calls (Instrumentation.h).
+// - The pool's own mutex is read by run() only after every client thread has finished.
+// - `logs` entries are each written by one sensor thread; `events` by the pipeline thread;
+//   both are read by run() after the threads have been joined.
+// Helpers named ...Locked expect `mutex` held by the caller.
 struct Runner::Impl {
   struct FrameState {
     std::shared_ptr<const cc::FrameContext> fc;
     bool emplaced = false;
     bool flushed = false;
-    std::set<uint32_t> prepared;
-    std::set<uint32_t> done;
+    bool firstPrepareStarted = false;   // a sensor has been chosen to prepare it first
+    bool firstPrepareDone = false;      // and that call has returned
+    bool syncBroken = false;            // named by an in-flight report with value 0
+    std::set<uint32_t> racing;          // sensors with a racing drop in this frame
+    std::set<uint32_t> racingSent;      // of those: issued the enqueue send
+    std::set<uint32_t> racingReturned;  // of those: the send returned
+    std::set<uint32_t> prepared;        // prepare() returned
+    std::set<uint32_t> done;            // enqueued, dropped or flushed, as the client sees it
+    std::set<uint32_t> dropReported;
   };
 
-  // Written only by its own sensor thread until the run ends.
-  struct SensorLog {
-    std::vector<PrepareRecord> prepares;
-    std::vector<SetConfiguredRecord> setConfigured;
-    std::deque<JobRecord> jobs;
-    std::atomic<uint64_t> activity{uint64_t(Activity::Idle) << 32};
-  };
-
-  Impl(const Scenario& s, RunOptions o) : scenario(s), options(std::move(o)), plans(planFrames(s)) {
+  Impl(const Scenario& s, RunOptions o)
+      : scenario(s),
+        options(std::move(o)),
+        plans(planFrames(scenario)),
+        watchdog(options.stallTimeout) {
     frames.resize(plans.size());
     for (const auto& cam : scenario.sensors) logs[cam.id] = std::make_unique<SensorLog>();
     for (const auto& e : scenario.events) {
+      size_t idx = planIndex(plans, e.frame);
       if (e.kind == EventKind::Drop) {
-        dropsPlanned.insert({e.sensor, e.frame});
+        dropsPlanned[{e.sensor, e.frame}] = e.when;
+        if (e.when == EventTiming::Racing) {
+          racingDrops.push_back({e.sensor, idx});
+          frames[idx].racing.insert(e.sensor);
+        }
+        if (e.when == EventTiming::Late) lateDrops.push_back({e.sensor, idx});
       } else {
-        eventsAt[e.frame - scenario.firstFrame].push_back(&e);
+        eventsAt[idx].push_back(&e);
       }
     }
+    for (const auto& n : scenario.noFrameSends) noFrameAfter.insert({n.sensor, n.after});
   }
 
-  Nanos now() const {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count();
-  }
-
-  void touch() { activity.fetch_add(1, std::memory_order_relaxed); }
+  Nanos now() const { return probe->now(); }
+  void touch() { watchdog.touch(); }
 
   static bool gated(const PlannedEvent& e) {
-    return e.kind == EventKind::Flush || (e.kind == EventKind::InformInflight && e.value == 0);
+    return (e.kind == EventKind::Flush || (e.kind == EventKind::InformInflight && e.value == 0)) &&
+           e.when == EventTiming::Usual;
   }
 
   bool hasGatedEvent(size_t idx) const {
@@ -104,14 +99,31 @@ struct Runner::Impl {
                        [](const PlannedEvent* e) { return gated(*e); });
   }
 
-  bool complete(size_t idx) const {
+  bool hasWhileRunningEvent(size_t idx) const {
+    auto it = eventsAt.find(idx);
+    if (it == eventsAt.end()) return false;
+    return std::any_of(it->second.begin(), it->second.end(),
+                       [](const PlannedEvent* e) { return e->when == EventTiming::WhileRunning; });
+  }
+
+  bool completeLocked(size_t idx) const {
     return frames[idx].flushed || frames[idx].done.size() == plans[idx].sensors.size();
   }
 
-  // Caller holds `mutex`.
-  void markDone(uint32_t sensor, size_t idx) {
-    frames[idx].done.insert(sensor);
-    if (complete(idx)) {
+  bool fullyPreparedLocked(size_t idx) const {
+    return frames[idx].flushed || frames[idx].prepared.size() == plans[idx].sensors.size();
+  }
+
+  // A frame may be emplaced once the frame kPreparedWindow places before it is prepared by all
+  // of its sensors; with first preparations in frame order, no frame can then drop out of the
+  // deliverer's window of recently prepared frames while a sensor still has to prepare it.
+  bool mayEmplaceLocked(size_t idx) const {
+    return idx < kPreparedWindow || fullyPreparedLocked(idx - kPreparedWindow);
+  }
+
+  void markDoneLocked(uint32_t sensor, size_t idx) {
+    if (!frames[idx].done.insert(sensor).second || frames[idx].flushed) return;
+    if (completeLocked(idx)) {
       --inFlight;
       ++framesDone;
     }
@@ -119,142 +131,120 @@ struct Runner::Impl {
     cond.notify_all();
   }
 
-  // ---- jobs ------------------------------------------------------------------------------
-
-  void observeLicence(JobRecord& rec, const IRequestLicense* licence) {
-    rec.fd = licence ? licence->getFD() : -1;
-    if (auto* hostLicence = dynamic_cast<const host::HostLicense*>(licence)) {
-      rec.serial = hostLicence->serial();
-    }
+  const EventTiming* dropFor(uint32_t sensor, uint32_t frame) const {
+    auto it = dropsPlanned.find({sensor, frame});
+    return it == dropsPlanned.end() ? nullptr : &it->second;
   }
-
-  void jobBegins(JobRecord& rec) {
-    rec.ran = true;
-    rec.start = now();
-    if (options.trace)
-      host::traceBegin(std::string(jobKindName(rec.kind)) + " " + sf(rec.sensor, rec.frame));
-  }
-
-  void jobEnds(JobRecord& rec) {
-    rec.end = now();
-    if (options.trace)
-      host::traceEnd(std::string(jobKindName(rec.kind)) + " " + sf(rec.sensor, rec.frame));
-  }
-
-  static void sleepFor(Nanos ns) {
-    if (ns > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(ns));
-  }
-
-  // An enqueue request. The simulated pipeline is done with it when execute() returns, so it
-  // hands the request's licence back to the pipe manager then.
-  class EnqueueJob : public cc::ReqBaseJob {
-   public:
-    EnqueueJob(Impl& impl, JobRecord& rec, Nanos duration)
-        : mImpl(impl), mRec(rec), mDuration(duration) {}
-    int32_t assignLicense(std::unique_ptr<IRequestLicense> license) override {
-      mImpl.observeLicence(mRec, license.get());
-      return ReqBaseJob::assignLicense(std::move(license));
-    }
-    int32_t execute() override {
-      mImpl.jobBegins(mRec);
-      sleepFor(mDuration);
-      if (mpLicense) IPipeMgr::getInstance()->releaseLicense(mpLicense, false, true);
-      mpLicense.reset();
-      mImpl.jobEnds(mRec);
-      return 0;
-    }
-
-   private:
-    Impl& mImpl;
-    JobRecord& mRec;
-    Nanos mDuration;
-  };
-
-  // A configure request: the library's configure job, timed and observed.
-  class ConfigureJob : public cc::ReqCfgJob {
-   public:
-    ConfigureJob(Impl& impl, JobRecord& rec, Nanos duration,
-                 std::shared_ptr<host::ConfigParam> config)
-        : ReqCfgJob(IPipeMgr::getInstance(), std::move(config)),
-          mImpl(impl),
-          mRec(rec),
-          mDuration(duration) {}
-    int32_t assignLicense(std::unique_ptr<IRequestLicense> license) override {
-      mImpl.observeLicence(mRec, license.get());
-      return ReqCfgJob::assignLicense(std::move(license));
-    }
-    int32_t execute() override {
-      mImpl.jobBegins(mRec);
-      sleepFor(mDuration);
-      int32_t rc = ReqCfgJob::execute();
-      mImpl.jobEnds(mRec);
-      return rc;
-    }
-
-   private:
-    Impl& mImpl;
-    JobRecord& mRec;
-    Nanos mDuration;
-  };
 
   // ---- sensor threads --------------------------------------------------------------------
 
-  void setActivity(SensorLog& log, Activity a, uint32_t frame) {
-    log.activity.store((uint64_t(a) << 32) | frame, std::memory_order_relaxed);
-  }
-
-  // Sends the frame's configure step and enqueue job. False when the frame is to be dropped:
-  // the pipeline thread reports the drop and marks it done.
-  bool sendFrame(uint32_t sensor, size_t idx, SensorLog& log, std::mt19937_64& rng,
-                 const DurationModel& duration) {
+  // Whether the sensor may send frame `idx` now: it prepared it itself; the pipeline does not
+  // hold the frame; the other sensors prepared it (with early sends: on a raw-switch frame,
+  // the off sensor did); a racing drop of another sensor of the frame has been reported.
+  bool maySendLocked(uint32_t sensor, size_t idx) const {
+    if (idx >= gate) return false;
     const FramePlan& p = plans[idx];
-    if (p.needCfg.count(sensor)) {
-      if (p.cfgByJob.count(sensor)) {
-        JobRecord& rec = newJob(log, sensor, p.frame, JobKind::Configure);
-        auto config = std::make_shared<host::ConfigParam>();
-        config->sensorId = sensor;
-        config->frameNo = p.frame;
-        auto job = std::make_shared<ConfigureJob>(*this, rec, duration.sample(rng), config);
-        setActivity(log, Activity::Configuring, p.frame);
-        rec.sent = now();
-        deliver->sendJobForConfigure(sensor, p.frame, job);
-        if (!rec.ran) rec.end = now();
-        ++jobsRun;
-      } else {
-        setActivity(log, Activity::SetConfigured, p.frame);
-        log.setConfigured.push_back({sensor, p.frame, now()});
-        ContextScope context(sensor);
-        deliver->setConfigured(sensor, p.frame);
-      }
-      touch();
-    }
-    if (dropsPlanned.count({sensor, p.frame})) {
-      std::lock_guard<std::mutex> lock(mutex);
-      dropRequests.push_back({sensor, idx});
-      cond.notify_all();
+    const FrameState& f = frames[idx];
+    if (!f.prepared.count(sensor)) return false;
+    if (!scenario.earlySends) {
+      if (f.prepared.size() < p.sensors.size()) return false;
+    } else if (p.isRawSwitch() && uint32_t(p.offSensor) != sensor &&
+               !f.prepared.count(uint32_t(p.offSensor))) {
       return false;
     }
-    JobRecord& rec = newJob(log, sensor, p.frame, JobKind::Enqueue);
-    auto job = std::make_shared<EnqueueJob>(*this, rec, duration.sample(rng));
-    setActivity(log, Activity::Enqueuing, p.frame);
-    rec.sent = now();
-    rec.result = deliver->sendJobForEnque(sensor, p.frame, job);
-    if (!rec.ran) rec.end = now();
-    ++jobsRun;
+    // A sensor without a racing drop of its own keeps the frame in the pool until every racing
+    // sensor's send has returned and its drop has been reported: the racing send must find the
+    // frame when it enters the deliverer, whatever the drop did meanwhile.
+    if (!f.racing.count(sensor)) {
+      for (uint32_t r : f.racing) {
+        if (!f.racingReturned.count(r) || !f.dropReported.count(r)) return false;
+      }
+    }
     return true;
   }
 
-  JobRecord& newJob(SensorLog& log, uint32_t sensor, uint32_t frame, JobKind kind) {
-    log.jobs.emplace_back();
-    JobRecord& rec = log.jobs.back();
-    rec.sensor = sensor;
-    rec.frame = frame;
-    rec.kind = kind;
-    return rec;
+  // Asks the pipeline thread to report the sensor's drop of frame `idx`; with `wait`, returns
+  // once it has been reported.
+  void requestDrop(SensorLog& log, uint32_t sensor, size_t idx, bool wait) {
+    std::unique_lock<std::mutex> lock(mutex);
+    dropRequests.push_back({sensor, idx});
+    cond.notify_all();
+    if (!wait) return;
+    log.set(Activity::WaitingForDrop, plans[idx].frame);
+    cond.wait(lock, [&] { return frames[idx].dropReported.count(sensor) > 0; });
   }
 
-  // Prepares every frame of the sensor as soon as it is emplaced, and sends them in order: a
-  // frame goes once every sensor of it has prepared it, unless the pipeline holds it.
+  void configureStep(SensorLog& log, uint32_t sensor, const FramePlan& p, bool byJob,
+                     std::mt19937_64& rng, const DurationModel& duration) {
+    if (byJob) {
+      JobRecord& rec = log.newJob(sensor, p.frame, JobKind::Configure);
+      auto config = std::make_shared<host::ConfigParam>();
+      config->sensorId = sensor;
+      config->frameNo = p.frame;
+      auto job = std::make_shared<ProbedConfigureJob>(*probe, rec, duration.sample(rng), config);
+      log.set(Activity::Configuring, p.frame);
+      rec.sent = now();
+      deliver->sendJobForConfigure(sensor, p.frame, job);
+      if (!rec.ran) rec.end = now();
+      ++jobsRun;
+    } else {
+      log.set(Activity::SetConfigured, p.frame);
+      log.setConfigured.push_back({sensor, p.frame, now()});
+      LicenceLedger::Scope scope(sensor);
+      deliver->setConfigured(sensor, p.frame);
+    }
+    touch();
+  }
+
+  int32_t enqueue(SensorLog& log, uint32_t sensor, uint32_t frame, std::mt19937_64& rng,
+                  const DurationModel& duration) {
+    JobRecord& rec = log.newJob(sensor, frame, JobKind::Enqueue);
+    auto job = std::make_shared<ProbedEnqueueJob>(*probe, rec, duration.sample(rng));
+    log.set(Activity::Enqueuing, frame);
+    rec.sent = now();
+    rec.result = deliver->sendJobForEnque(sensor, frame, job);
+    if (!rec.ran) rec.end = now();
+    ++jobsRun;
+    touch();
+    return rec.result;
+  }
+
+  // Sends the frame's configure step and enqueue job, or has it dropped. True when the sensor
+  // itself is done with the frame; false when the pipeline thread marks it done with the drop.
+  bool sendFrame(uint32_t sensor, size_t idx, SensorLog& log, std::mt19937_64& rng,
+                 const DurationModel& duration) {
+    const FramePlan& p = plans[idx];
+    const EventTiming* drop = dropFor(sensor, p.frame);
+    bool needCfg = p.needCfg.count(sensor) > 0;
+    if (drop && *drop == EventTiming::BeforeConfigure) {
+      requestDrop(log, sensor, idx, true);
+      // The frame may have left the pool with the drop: the unused configure licence goes back
+      // by setConfigured, which tolerates that, never by a configure job.
+      if (needCfg) configureStep(log, sensor, p, false, rng, duration);
+      return false;
+    }
+    if (needCfg) configureStep(log, sensor, p, p.cfgByJob.count(sensor) > 0, rng, duration);
+    if (drop && *drop == EventTiming::Usual) {
+      requestDrop(log, sensor, idx, false);
+      return false;
+    }
+    bool racing = drop && *drop == EventTiming::Racing;
+    if (racing) {
+      std::lock_guard<std::mutex> lock(mutex);
+      frames[idx].racingSent.insert(sensor);
+      cond.notify_all();
+    }
+    enqueue(log, sensor, p.frame, rng, duration);
+    if (racing) {
+      std::lock_guard<std::mutex> lock(mutex);
+      frames[idx].racingReturned.insert(sensor);
+      cond.notify_all();
+    }
+    return true;
+  }
+
+  // Prepares every frame of the sensor as soon as the client allows it, and sends them in
+  // order once maySendLocked() lets it.
   void sensorLoop(const SensorSetup& cam) {
     if (options.trace) host::traceThreadName("sensor " + std::to_string(cam.id));
     SensorLog& log = *logs[cam.id];
@@ -269,13 +259,29 @@ struct Runner::Impl {
     while (sendPos < mine.size()) {
       while (prepPos < mine.size() && frames[mine[prepPos]].emplaced) {
         size_t idx = mine[prepPos];
-        std::shared_ptr<const cc::FrameContext> fc = frames[idx].fc;
+        FrameState& f = frames[idx];
+        bool first = !f.firstPrepareStarted;
+        if (first) {
+          if (idx != nextFirstPrepare || firstPrepareBusy) break;
+          f.firstPrepareStarted = true;
+          firstPrepareBusy = true;
+        }
+        std::shared_ptr<const cc::FrameContext> fc = f.fc;
         lock.unlock();
-        setActivity(log, Activity::Preparing, plans[idx].frame);
-        log.prepares.push_back({cam.id, plans[idx].frame, now()});
+        log.set(Activity::Preparing, plans[idx].frame);
+        PrepareRecord rec{cam.id, plans[idx].frame, now(), 0};
         deliver->prepare(cam.id, plans[idx].frame, fc);
+        rec.end = now();
+        log.prepares.push_back(rec);
         lock.lock();
-        frames[idx].prepared.insert(cam.id);
+        f.prepared.insert(cam.id);
+        if (first) {
+          f.firstPrepareDone = true;
+          firstPrepareBusy = false;
+          while (nextFirstPrepare < frames.size() && frames[nextFirstPrepare].firstPrepareDone) {
+            ++nextFirstPrepare;
+          }
+        }
         ++prepPos;
         touch();
         cond.notify_all();
@@ -285,19 +291,21 @@ struct Runner::Impl {
         ++sendPos;
         continue;
       }
-      setActivity(log, Activity::Idle, plans[idx].frame);
-      if (sendPos >= prepPos || idx >= gate ||
-          frames[idx].prepared.size() < plans[idx].sensors.size()) {
+      log.set(Activity::Idle, plans[idx].frame);
+      if (!maySendLocked(cam.id, idx)) {
         cond.wait(lock);
         continue;
       }
       lock.unlock();
       bool sent = sendFrame(cam.id, idx, log, rng, duration);
+      if (noFrameAfter.count({cam.id, plans[idx].frame})) {
+        enqueue(log, cam.id, kNoFrame, rng, duration);
+      }
       lock.lock();
-      if (sent) markDone(cam.id, idx);
+      if (sent) markDoneLocked(cam.id, idx);
       ++sendPos;
     }
-    setActivity(log, Activity::Done, 0);
+    log.set(Activity::Done, 0);
   }
 
   // ---- pipeline thread -------------------------------------------------------------------
@@ -315,15 +323,15 @@ struct Runner::Impl {
   // Caller holds `lock`; it is released around the deliverer's call.
   void notify(std::unique_lock<std::mutex>& lock, EventRecord& e) {
     if (options.trace) {
-      host::traceInstant(std::string(eventKindName(e.kind)) + " " + sf(e.sensor, e.frame) +
-                         " value:" + std::to_string(e.value));
+      host::traceInstant(std::string(eventKindName(e.kind)) + " " +
+                         sensorFrameName(e.sensor, e.frame) + " value:" + std::to_string(e.value));
     }
     lock.unlock();
     e.begin = now();
     if (e.kind == EventKind::QueueFlush) {
       deliver->flush(e.sensor);
     } else if (e.kind == EventKind::Drop) {
-      ContextScope context(e.sensor);
+      LicenceLedger::Scope scope(e.sensor);
       deliver->notifyEvent(cc::CamDeliver::EventType(e.kind), e.sensor, e.frame, e.value);
     } else {
       deliver->notifyEvent(cc::CamDeliver::EventType(e.kind), e.sensor, e.frame, e.value);
@@ -333,19 +341,60 @@ struct Runner::Impl {
     touch();
   }
 
-  // Waits for `pred` and, when given, for `deadline`, reporting the drops that the sensor
-  // threads ask for meanwhile.
-  template <typename Pred>
-  void waitUntil(std::unique_lock<std::mutex>& lock, Clock::time_point deadline, Pred pred) {
-    for (;;) {
-      while (!dropRequests.empty()) {
-        auto request = dropRequests.front();
-        dropRequests.pop_front();
+  void reportDropLocked(std::unique_lock<std::mutex>& lock, uint32_t sensor, size_t idx) {
+    EventRecord& e = newEvent(EventKind::Drop, sensor, plans[idx].frame, 0);
+    notify(lock, e);
+    frames[idx].dropReported.insert(sensor);
+    markDoneLocked(sensor, idx);
+    cond.notify_all();
+  }
+
+  // Reports the drops that are due: those the sensor threads ask for, racing drops whose send
+  // has been issued, late drops whose frame has finished. True when it reported any.
+  bool reportDueDropsLocked(std::unique_lock<std::mutex>& lock) {
+    bool any = false;
+    while (!dropRequests.empty()) {
+      auto request = dropRequests.front();
+      dropRequests.pop_front();
+      reportDropLocked(lock, request.first, request.second);
+      any = true;
+    }
+    for (auto it = racingDrops.begin(); it != racingDrops.end();) {
+      FrameState& f = frames[it->second];
+      if (f.flushed) {
+        it = racingDrops.erase(it);
+      } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
+        auto request = *it;
+        it = racingDrops.erase(it);
+        reportDropLocked(lock, request.first, request.second);
+        any = true;
+        it = racingDrops.begin();
+      } else {
+        ++it;
+      }
+    }
+    for (auto it = lateDrops.begin(); it != lateDrops.end();) {
+      if (completeLocked(it->second)) {
+        auto request = *it;
+        it = lateDrops.erase(it);
         EventRecord& e = newEvent(EventKind::Drop, request.first, plans[request.second].frame, 0);
         notify(lock, e);
-        markDone(request.first, request.second);
+        any = true;
+        it = lateDrops.begin();
+      } else {
+        ++it;
       }
-      bool due = Clock::now() >= deadline;
+    }
+    return any;
+  }
+
+  // Waits for `pred` and, when given, for `deadline`, reporting the due drops meanwhile.
+  template <typename Pred>
+  void waitUntilLocked(std::unique_lock<std::mutex>& lock, SimClock::time_point deadline,
+                       Pred pred) {
+    for (;;) {
+      if (reportDueDropsLocked(lock)) continue;
+      bool due = SimClock::now() >= deadline;
       if (due && pred()) return;
       if (!due) {
         cond.wait_until(lock, deadline);
@@ -355,13 +404,49 @@ struct Runner::Impl {
     }
   }
 
-  void emplaceFrame(std::unique_lock<std::mutex>& lock, size_t idx) {
+  // The frames the deliverer may name for an in-flight report of `sensor`: those in flight
+  // that hold the sensor in their sync list and are not yet broken.
+  std::vector<size_t> syncFramesLocked(uint32_t sensor) const {
+    std::vector<size_t> out;
+    for (size_t i = 0; i < frames.size(); ++i) {
+      if (frames[i].emplaced && !completeLocked(i) && !frames[i].syncBroken &&
+          plans[i].syncList.count(sensor)) {
+        out.push_back(i);
+      }
+    }
+    return out;
+  }
+
+  // An in-flight report with value 0 while sends go on. Its preconditions: every frame it
+  // will name has its licences queued (is first-prepared) and none of them is a configure
+  // frame, whose configure licences must not meet a descriptor change.
+  void reportWhileRunningLocked(std::unique_lock<std::mutex>& lock, const PlannedEvent& ev) {
+    waitUntilLocked(lock, SimClock::time_point::min(), [&] {
+      for (size_t i : syncFramesLocked(ev.sensor)) {
+        if (!frames[i].firstPrepareDone || !plans[i].needCfg.empty()) return false;
+      }
+      return true;
+    });
+    std::vector<size_t> named = syncFramesLocked(ev.sensor);
+    EventRecord& e = newEvent(ev.kind, ev.sensor, ev.frame, ev.value);
+    for (size_t i : named) {
+      e.frames.push_back(plans[i].frame);
+      frames[i].syncBroken = true;
+    }
+    notify(lock, e);
+  }
+
+  void emplaceFrameLocked(std::unique_lock<std::mutex>& lock, size_t idx) {
     const FramePlan& p = plans[idx];
     auto it = eventsAt.find(idx);
     if (it != eventsAt.end()) {
       for (const PlannedEvent* ev : it->second) {
         if (gated(*ev)) continue;
-        notify(lock, newEvent(ev->kind, ev->sensor, ev->frame, ev->value));
+        if (ev->when == EventTiming::WhileRunning) {
+          reportWhileRunningLocked(lock, *ev);
+        } else {
+          notify(lock, newEvent(ev->kind, ev->sensor, ev->frame, ev->value));
+        }
       }
     }
     std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
@@ -376,7 +461,9 @@ struct Runner::Impl {
     std::set<uint32_t> all(p.sensors.begin(), p.sensors.end());
     auto fc = std::make_shared<const cc::FrameContext>(p.frame, p.syncList, all, std::move(states),
                                                        p.isRawSwitch());
+    lock.unlock();
     pool->emplace(p.frame, fc);
+    lock.lock();
     frames[idx].fc = fc;
     frames[idx].emplaced = true;
     ++inFlight;
@@ -385,36 +472,37 @@ struct Runner::Impl {
     cond.notify_all();
   }
 
-  // A flush or an in-flight report: hold every send from this frame on, let the earlier frames
-  // finish, emplace the next frames and let every sensor prepare them, then report with no
-  // thread inside the deliverer.
-  void runHeldEvents(std::unique_lock<std::mutex>& lock, size_t idx) {
+  // A flush or an in-flight report at a barrier: hold every send from this frame on, let the
+  // earlier frames finish, emplace the next frames and let every sensor prepare them, then
+  // report with no thread inside the deliverer.
+  void runHeldEventsLocked(std::unique_lock<std::mutex>& lock, size_t idx) {
     const std::vector<const PlannedEvent*>& evs = eventsAt[idx];
     uint32_t frameNo = plans[idx].frame;
     if (options.trace) host::traceBegin("hold sends from F:" + std::to_string(frameNo));
     gate = idx;
     cond.notify_all();
-    waitUntil(lock, Clock::time_point::min(), [&] {
+    waitUntilLocked(lock, SimClock::time_point::min(), [&] {
       for (size_t i = 0; i < idx; ++i) {
-        if (!complete(i)) return false;
+        if (!completeLocked(i)) return false;
       }
       return true;
     });
     std::set<uint32_t> reporting;
     for (const PlannedEvent* e : evs) {
-      if (e->kind == EventKind::InformInflight && e->value == 0) reporting.insert(e->sensor);
+      if (gated(*e) && e->kind == EventKind::InformInflight) reporting.insert(e->sensor);
     }
     size_t end = idx;
-    while (end < plans.size() && inFlight < scenario.maxInFlight) {
-      if (end > idx && hasGatedEvent(end)) break;
+    while (end < plans.size() && inFlight < scenario.maxInFlight && mayEmplaceLocked(end)) {
+      // An in-flight report while sends go on may wait for frames this barrier holds.
+      if (end > idx && (hasGatedEvent(end) || hasWhileRunningEvent(end))) break;
       // A configure licence must not meet a frame-descriptor change.
       bool configures = std::any_of(reporting.begin(), reporting.end(), [&](uint32_t s) {
         return !plans[end].needCfg.empty() && plans[end].syncList.count(s);
       });
       if (configures) break;
-      emplaceFrame(lock, end++);
+      emplaceFrameLocked(lock, end++);
     }
-    waitUntil(lock, Clock::time_point::min(), [&] {
+    waitUntilLocked(lock, SimClock::time_point::min(), [&] {
       for (size_t i = idx; i < end; ++i) {
         if (frames[i].prepared.size() < plans[i].sensors.size()) return false;
       }
@@ -424,7 +512,7 @@ struct Runner::Impl {
       if (!gated(*ev)) continue;
       std::vector<uint32_t> pending;
       for (size_t i = idx; i < end; ++i) {
-        if (complete(i)) continue;
+        if (completeLocked(i)) continue;
         if (ev->kind == EventKind::Flush || plans[i].syncList.count(ev->sensor)) {
           pending.push_back(plans[i].frame);
         }
@@ -432,6 +520,9 @@ struct Runner::Impl {
       if (ev->kind == EventKind::InformInflight) {
         EventRecord& e = newEvent(ev->kind, ev->sensor, frameNo, ev->value);
         e.frames = pending;
+        for (size_t i = idx; i < end; ++i) {
+          if (plans[i].syncList.count(ev->sensor)) frames[i].syncBroken = true;
+        }
         notify(lock, e);
         continue;
       }
@@ -450,7 +541,7 @@ struct Runner::Impl {
       q.frames = pending;
       notify(lock, q);
       for (size_t i = idx; i < end; ++i) {
-        if (complete(i)) continue;
+        if (completeLocked(i)) continue;
         frames[i].flushed = true;
         --inFlight;
         ++framesDone;
@@ -467,28 +558,28 @@ struct Runner::Impl {
     auto interval = std::chrono::microseconds(scenario.frameIntervalUs);
     for (size_t idx = 0; idx < plans.size(); ++idx) {
       if (frames[idx].emplaced) continue;
-      waitUntil(lock, t0 + interval * int64_t(idx),
-                [&] { return inFlight < scenario.maxInFlight; });
+      waitUntilLocked(lock, t0 + interval * int64_t(idx),
+                      [&] { return inFlight < scenario.maxInFlight && mayEmplaceLocked(idx); });
       if (hasGatedEvent(idx)) {
-        runHeldEvents(lock, idx);
+        runHeldEventsLocked(lock, idx);
       } else {
-        emplaceFrame(lock, idx);
+        emplaceFrameLocked(lock, idx);
       }
     }
-    waitUntil(lock, Clock::time_point::min(), [&] { return framesDone == plans.size(); });
-    pipelineDone = true;
+    waitUntilLocked(lock, SimClock::time_point::min(),
+                    [&] { return framesDone == plans.size() && lateDrops.empty(); });
   }
 
   // ---- the run ---------------------------------------------------------------------------
 
   std::string stallReport() {
     std::string out =
-        "the run made no progress for " + std::to_string(options.stallTimeout.count()) + " ms:\n";
+        "the run made no progress for " + std::to_string(watchdog.timeout().count()) + " ms:\n";
     for (const auto& entry : logs) {
       uint64_t a = entry.second->activity.load();
       Activity kind = Activity(a >> 32);
       out += "  S:" + std::to_string(entry.first) + " " + activityText(kind);
-      if (kind != Activity::Done) out += " at F:" + std::to_string(uint32_t(a));
+      if (kind != Activity::Done) out += " at F:" + std::to_string(int32_t(uint32_t(a)));
       out += "\n";
     }
     std::lock_guard<std::mutex> lock(mutex);
@@ -497,12 +588,23 @@ struct Runner::Impl {
     return out;
   }
 
-  const Scenario& scenario;
+  // Set before the threads start, read-only afterwards.
+  const Scenario scenario;  // a copy: stuck threads of a stalled run may outlive the caller's
   RunOptions options;
   std::vector<FramePlan> plans;
-  Clock::time_point t0;
+  SimClock::time_point t0;
+  std::unique_ptr<JobProbe> probe;
+  std::shared_ptr<LicenceLedger> ledger;
   std::shared_ptr<cc::FrameContextPool> pool;
   std::unique_ptr<cc::CamDeliver> deliver;
+  std::map<std::pair<uint32_t, uint32_t>, EventTiming> dropsPlanned;  // (sensor, frame)
+  std::map<size_t, std::vector<const PlannedEvent*>> eventsAt;        // all but drops
+  std::set<std::pair<uint32_t, uint32_t>> noFrameAfter;               // (sensor, frame)
+  std::map<uint32_t, std::unique_ptr<SensorLog>> logs;
+
+  Watchdog watchdog;
+  std::atomic<uint64_t> jobsRun{0};
+  std::atomic<size_t> running{0};  // client threads not yet finished
 
   std::mutex mutex;
   std::condition_variable cond;
@@ -511,66 +613,64 @@ struct Runner::Impl {
   size_t inFlight = 0;
   uint32_t framesEmplaced = 0;
   uint32_t framesDone = 0;
-  bool pipelineDone = false;
-  std::deque<std::pair<uint32_t, size_t>> dropRequests;
+  size_t nextFirstPrepare = 0;  // the frame whose first preparation comes next
+  bool firstPrepareBusy = false;
+  std::deque<std::pair<uint32_t, size_t>> dropRequests;  // (sensor, frame index)
+  std::vector<std::pair<uint32_t, size_t>> racingDrops;  // not yet reported
+  std::vector<std::pair<uint32_t, size_t>> lateDrops;    // not yet reported
 
-  std::set<std::pair<uint32_t, uint32_t>> dropsPlanned;         // (sensor, frame)
-  std::map<size_t, std::vector<const PlannedEvent*>> eventsAt;  // all but drops
-  std::map<uint32_t, std::unique_ptr<SensorLog>> logs;
   std::deque<EventRecord> events;  // pipeline thread only
-
-  std::mutex licenceMutex;
-  std::vector<LicenceRecord> licences;
-
-  std::atomic<uint64_t> activity{0};
-  std::atomic<uint64_t> jobsRun{0};
 };
 
 Runner::Runner(const Scenario& scenario, RunOptions options)
-    : mImpl(std::make_unique<Impl>(scenario, std::move(options))) {}
+    : mImpl(std::make_shared<Impl>(scenario, std::move(options))) {}
 
 Runner::~Runner() = default;
 
+bool Runner::awaitThreads(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mImpl->mutex);
+  return mImpl->cond.wait_for(lock, timeout, [this] { return mImpl->running.load() == 0; });
+}
+
 bool Runner::run(History* history, std::string* stallReport) {
-  Impl& d = *mImpl;
+  std::shared_ptr<Impl> impl = mImpl;
+  Impl& d = *impl;
   host::setPipeMgrInstance(nullptr);
   std::shared_ptr<host::HostPipeMgr> pipeMgr = host::hostPipeMgr();
   pipeMgr->reset();
-  d.t0 = Clock::now();
-  pipeMgr->setObserver([&d](host::LicenseEvent event, uint64_t serial, int32_t fd) {
-    LicenceRecord r;
-    r.kind = event == host::LicenseEvent::Acquired   ? LicenceEventKind::Acquired
-             : event == host::LicenseEvent::Released ? LicenceEventKind::Released
-                                                     : LicenceEventKind::Destroyed;
-    r.serial = serial;
-    r.fd = fd;
-    r.at = d.now();
-    r.context = tContext;
-    std::lock_guard<std::mutex> lock(d.licenceMutex);
-    d.licences.push_back(r);
+  d.t0 = SimClock::now();
+  d.probe = std::make_unique<JobProbe>(d.t0, d.options.trace);
+  d.ledger = std::make_shared<LicenceLedger>(d.t0);
+  // The observer owns the ledger: after a stall, stuck threads may still hand licences back.
+  pipeMgr->setObserver([ledger = d.ledger](host::LicenseEvent event, uint64_t serial, int32_t fd) {
+    ledger->record(event, serial, fd);
   });
   d.pool = std::make_shared<cc::FrameContextPool>();
   d.deliver = std::make_unique<cc::CamDeliver>(d.pool);
 
+  // Each thread owns a reference to the run's state, so a thread left stuck by a stall never
+  // refers to this stack frame or to a destroyed Runner.
   std::vector<std::thread> threads;
-  std::atomic<size_t> running{0};
-  auto start = [&](std::function<void()> fn) {
-    ++running;
-    threads.emplace_back([fn, &running] {
-      fn();
-      --running;
+  auto start = [&](std::function<void(Impl&)> fn) {
+    ++d.running;
+    threads.emplace_back([fn, impl] {
+      fn(*impl);
+      impl->touch();
+      std::lock_guard<std::mutex> lock(impl->mutex);
+      --impl->running;
+      impl->cond.notify_all();
     });
   };
-  start([&d] { d.pipelineLoop(); });
-  for (const auto& cam : d.scenario.sensors) start([&d, &cam] { d.sensorLoop(cam); });
+  start([](Impl& i) { i.pipelineLoop(); });
+  for (const auto& cam : d.scenario.sensors) {
+    start([&cam](Impl& i) { i.sensorLoop(cam); });
+  }
 
-  uint64_t lastActivity = ~0ull;
-  auto lastChange = Clock::now();
-  auto lastReport = Clock::now();
-  while (running.load() > 0) {
+  auto lastReport = SimClock::now();
+  while (d.running.load() > 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (d.options.onProgress && Clock::now() - lastReport >= std::chrono::milliseconds(100)) {
-      lastReport = Clock::now();
+    if (d.options.onProgress && SimClock::now() - lastReport >= std::chrono::milliseconds(100)) {
+      lastReport = SimClock::now();
       RunProgress p;
       {
         std::lock_guard<std::mutex> lock(d.mutex);
@@ -581,11 +681,7 @@ bool Runner::run(History* history, std::string* stallReport) {
       p.jobsRun = d.jobsRun.load();
       d.options.onProgress(p);
     }
-    uint64_t a = d.activity.load();
-    if (a != lastActivity) {
-      lastActivity = a;
-      lastChange = Clock::now();
-    } else if (Clock::now() - lastChange > d.options.stallTimeout) {
+    if (d.watchdog.stalled()) {
       *stallReport = d.stallReport();
       for (auto& t : threads) t.detach();
       return false;
@@ -616,14 +712,14 @@ bool Runner::run(History* history, std::string* stallReport) {
   h.account = totals;
 
   for (auto& entry : d.logs) {
-    Impl::SensorLog& log = *entry.second;
+    SensorLog& log = *entry.second;
     h.prepares.insert(h.prepares.end(), log.prepares.begin(), log.prepares.end());
     h.setConfigured.insert(h.setConfigured.end(), log.setConfigured.begin(),
                            log.setConfigured.end());
     h.jobs.insert(h.jobs.end(), log.jobs.begin(), log.jobs.end());
   }
   h.events.assign(d.events.begin(), d.events.end());
-  h.licences = std::move(d.licences);
+  h.licences = d.ledger->take();
   d.pool.reset();
   return true;
 }

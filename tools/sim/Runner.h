@@ -39,15 +39,21 @@ class Runner {
   Runner(const Runner&) = delete;
   Runner& operator=(const Runner&) = delete;
 
-  // Runs the scenario to its end. Returns false when the run stalled: `stallReport` then says
-  // where each thread is, the threads are left blocked where they are, and the caller should
-  // end the process.
+  // Runs the scenario to its end; called once, from one thread, and blocks until every client
+  // thread has finished. Returns false when the run stalled: `stallReport` then says where
+  // each thread is. The stuck threads are left blocked where they are; they keep the run's
+  // state (scenario copy, deliverer, pool) alive by themselves, so the Runner may be destroyed
+  // and the caller may go on (a test fails, the program exits).
   bool run(History* history, std::string* stallReport);
+
+  // After a stalled run: waits up to `timeout` for the client threads to end by themselves
+  // (a run that was only slow). True when none is left. Any thread.
+  bool awaitThreads(std::chrono::milliseconds timeout);
 
   struct Impl;
 
  private:
-  std::unique_ptr<Impl> mImpl;
+  std::shared_ptr<Impl> mImpl;
 };
 
 }  // namespace sim

@@ -155,7 +155,8 @@ class Parser {
     requireObject(root, "");
     checkKeys(root, "",
               {"description", "frames", "firstFrame", "frameIntervalUs", "maxInFlight", "seed",
-               "jobDuration", "sensors", "syncGroups", "configure", "rawSwitches", "events"});
+               "jobDuration", "sensors", "syncGroups", "configure", "rawSwitches", "events",
+               "skips", "noFrameSends", "earlySends", "gaps"});
     if (const json* d = find(root, "description")) s_.description = asString(*d, "description");
     s_.frames = uint32_t(asUint(require(root, "", "frames"), "frames", 1, kMaxFrames));
     s_.firstFrame = uint32_t(getUint(root, "", "firstFrame", 0, 0xFFFFFFFEull - s_.frames, 1));
@@ -170,6 +171,24 @@ class Parser {
     parseList(root, "rawSwitches",
               [this](const json& j, const std::string& p) { rawSwitch(j, p); });
     parseList(root, "events", [this](const json& j, const std::string& p) { event(j, p); });
+    parseList(root, "skips", [this](const json& j, const std::string& p) { skip(j, p); });
+    parseList(root, "noFrameSends",
+              [this](const json& j, const std::string& p) { noFrameSend(j, p); });
+    if (const json* v = find(root, "gaps")) {
+      if (!v->is_array()) fail("gaps", "must be an array of frame numbers");
+      for (size_t i = 0; i < v->size(); ++i) {
+        uint32_t f = frame((*v)[i], at("gaps", i));
+        if (std::find(s_.gaps.begin(), s_.gaps.end(), f) != s_.gaps.end()) {
+          fail(at("gaps", i), "frame " + std::to_string(f) + " is listed twice");
+        }
+        s_.gaps.push_back(f);
+      }
+      if (s_.gaps.size() >= s_.frames) fail("gaps", "leaves no frame");
+    }
+    if (const json* v = find(root, "earlySends")) {
+      if (!v->is_boolean()) fail("earlySends", "must be true or false");
+      s_.earlySends = v->get<bool>();
+    }
     crossCheck();
   }
 
@@ -300,7 +319,7 @@ class Parser {
   }
 
   void event(const json& j, const std::string& path) {
-    checkKeys(j, path, {"frame", "type", "sensor", "value"});
+    checkKeys(j, path, {"frame", "type", "sensor", "value", "when"});
     PlannedEvent e;
     e.frame = frame(require(j, path, "frame"), join(path, "frame"));
     std::string type = asString(require(j, path, "type"), join(path, "type"));
@@ -315,12 +334,66 @@ class Parser {
     } else {
       e.value = uint32_t(getUint(j, path, "value", 0, 0xFFFFFFFF, 0));
     }
+    if (const json* v = find(j, "when")) {
+      std::string when = asString(*v, join(path, "when"));
+      bool drop = e.kind == EventKind::Drop;
+      bool inflight = e.kind == EventKind::InformInflight && e.value == 0;
+      if (when == "usual") {
+        e.when = EventTiming::Usual;
+      } else if (drop && when == "beforeConfigure") {
+        e.when = EventTiming::BeforeConfigure;
+      } else if (drop && when == "racing") {
+        e.when = EventTiming::Racing;
+      } else if (drop && when == "late") {
+        e.when = EventTiming::Late;
+      } else if (inflight && when == "whileRunning") {
+        e.when = EventTiming::WhileRunning;
+      } else {
+        fail(
+            join(path, "when"),
+            "is \"" + when +
+                "\"; a Drop takes usual, beforeConfigure, racing or late, an "
+                "InformInflight with value 0 takes usual or whileRunning, other events only usual");
+      }
+    }
     s_.events.push_back(e);
     eventPaths_.push_back(path);
   }
 
+  void skip(const json& j, const std::string& path) {
+    checkKeys(j, path, {"sensor", "frame"});
+    SkipSetup k;
+    k.sensor = sensorRef(require(j, path, "sensor"), join(path, "sensor"));
+    k.frame = frame(require(j, path, "frame"), join(path, "frame"));
+    s_.skips.push_back(k);
+    skipPaths_.push_back(path);
+  }
+
+  void noFrameSend(const json& j, const std::string& path) {
+    checkKeys(j, path, {"sensor", "after"});
+    NoFrameSendSetup n;
+    n.sensor = sensorRef(require(j, path, "sensor"), join(path, "sensor"));
+    n.after = frame(require(j, path, "after"), join(path, "after"));
+    s_.noFrameSends.push_back(n);
+    noFramePaths_.push_back(path);
+  }
+
   // Rules that need the frames planned: who streams when, who takes part in which frame.
   void crossCheck() {
+    std::set<uint32_t> gaps(s_.gaps.begin(), s_.gaps.end());
+    auto notGap = [&](uint32_t f, const std::string& field) {
+      if (gaps.count(f)) fail(field, "frame " + std::to_string(f) + " is a gap");
+    };
+    for (size_t i = 0; i < s_.rawSwitches.size(); ++i)
+      notGap(s_.rawSwitches[i].frame, rawPaths_[i] + ".frame");
+    for (size_t i = 0; i < s_.configure.size(); ++i)
+      notGap(s_.configure[i].frame, configurePaths_[i]);
+    for (size_t i = 0; i < s_.events.size(); ++i)
+      notGap(s_.events[i].frame, eventPaths_[i] + ".frame");
+    for (size_t i = 0; i < s_.skips.size(); ++i)
+      notGap(s_.skips[i].frame, skipPaths_[i] + ".frame");
+    for (size_t i = 0; i < s_.noFrameSends.size(); ++i)
+      notGap(s_.noFrameSends[i].after, noFramePaths_[i] + ".after");
     std::vector<size_t> order(s_.rawSwitches.size());
     for (size_t i = 0; i < order.size(); ++i) order[i] = i;
     std::sort(order.begin(), order.end(), [this](size_t a, size_t b) {
@@ -340,8 +413,24 @@ class Parser {
       active.insert(r.on);
     }
 
+    std::set<std::pair<uint32_t, uint32_t>> skipped;
+    for (size_t i = 0; i < s_.skips.size(); ++i) {
+      const SkipSetup& k = s_.skips[i];
+      for (const auto& r : s_.rawSwitches) {
+        if (r.frame == k.frame && (r.off == k.sensor || r.on == k.sensor)) {
+          fail(skipPaths_[i], "sensor " + std::to_string(k.sensor) + " switches at frame " +
+                                  std::to_string(k.frame) + " and must take part in it");
+        }
+      }
+      if (!skipped.insert({k.sensor, k.frame}).second) {
+        fail(skipPaths_[i], "skipped twice");
+      }
+    }
+    SkipCheck skipCheck{s_, skipPaths_};
+    skipCheck.run();
+
     std::vector<FramePlan> plans = planFrames(s_);
-    auto plan = [&](uint32_t f) -> const FramePlan& { return plans[f - s_.firstFrame]; };
+    auto plan = [&](uint32_t f) -> const FramePlan& { return plans[planIndex(plans, f)]; };
 
     std::set<std::pair<uint32_t, uint32_t>> configured;
     for (size_t i = 0; i < s_.configure.size(); ++i) {
@@ -376,6 +465,22 @@ class Parser {
                                    std::to_string(e.sensor) + " is dropped twice");
         }
       }
+      if (e.when == EventTiming::Racing) {
+        bool partner = false;
+        for (uint32_t other : p.sensors) {
+          bool droppedToo = false;
+          for (const auto& d : s_.events) {
+            droppedToo = droppedToo ||
+                         (d.kind == EventKind::Drop && d.frame == e.frame && d.sensor == other);
+          }
+          partner = partner || (other != e.sensor && !droppedToo);
+        }
+        if (!partner) {
+          fail(eventPaths_[i] + ".when",
+               "a racing drop needs another sensor in frame " + std::to_string(e.frame) +
+                   " that keeps the frame in the pool until the drop is reported");
+        }
+      }
       if (e.kind == EventKind::InformInflight && e.value == 0 && !p.needCfg.empty() &&
           p.syncList.count(e.sensor)) {
         fail(eventPaths_[i] + ".frame",
@@ -385,9 +490,42 @@ class Parser {
                  "configuration");
       }
     }
+    for (size_t i = 0; i < s_.noFrameSends.size(); ++i) {
+      const NoFrameSendSetup& n = s_.noFrameSends[i];
+      if (!plan(n.after).participates(n.sensor)) {
+        fail(noFramePaths_[i] + ".after", "sensor " + std::to_string(n.sensor) +
+                                              " does not take part in frame " +
+                                              std::to_string(n.after));
+      }
+    }
   }
 
+  // Every frame keeps at least one sensor, and every skipped sensor streams at its frame.
+  struct SkipCheck {
+    const Scenario& s;
+    const std::vector<std::string>& paths;
+    void run() {
+      Scenario unskipped = s;
+      unskipped.skips.clear();
+      std::vector<FramePlan> plans = planFrames(unskipped);
+      std::map<uint32_t, size_t> left;
+      for (const auto& p : plans) left[p.frame] = p.sensors.size();
+      for (size_t i = 0; i < s.skips.size(); ++i) {
+        const SkipSetup& k = s.skips[i];
+        if (!plans[planIndex(plans, k.frame)].participates(k.sensor)) {
+          fail(paths[i] + ".sensor", "sensor " + std::to_string(k.sensor) +
+                                         " does not stream at frame " + std::to_string(k.frame));
+        }
+        if (--left[k.frame] == 0) {
+          fail(paths[i], "frame " + std::to_string(k.frame) + " would have no sensor left");
+        }
+      }
+    }
+  };
+
   Scenario& s_;
+  std::vector<std::string> skipPaths_;
+  std::vector<std::string> noFramePaths_;
   std::vector<std::string> configurePaths_;
   std::vector<std::string> rawPaths_;
   std::vector<std::string> eventPaths_;
@@ -473,6 +611,12 @@ bool FramePlan::participates(uint32_t sensor) const {
   return std::binary_search(sensors.begin(), sensors.end(), sensor);
 }
 
+size_t planIndex(const std::vector<FramePlan>& plans, uint32_t frame) {
+  auto it = std::lower_bound(plans.begin(), plans.end(), frame,
+                             [](const FramePlan& p, uint32_t f) { return p.frame < f; });
+  return it != plans.end() && it->frame == frame ? size_t(it - plans.begin()) : SIZE_MAX;
+}
+
 std::vector<FramePlan> planFrames(const Scenario& s) {
   std::map<uint32_t, const RawSwitchSetup*> switches;
   for (const auto& r : s.rawSwitches) switches[r.frame] = &r;
@@ -495,6 +639,10 @@ std::vector<FramePlan> planFrames(const Scenario& s) {
       active.erase(sw->second->off);
       active.insert(sw->second->on);
     }
+    for (const auto& k : s.skips) {
+      if (k.frame == f) taking.erase(k.sensor);
+    }
+    if (std::find(s.gaps.begin(), s.gaps.end(), f) != s.gaps.end()) continue;
     p.sensors.assign(taking.begin(), taking.end());
     for (const auto& g : s.syncGroups) {
       if (f < g.fromFrame || f > g.toFrame) continue;
@@ -515,6 +663,78 @@ std::vector<FramePlan> planFrames(const Scenario& s) {
     plans.push_back(std::move(p));
   }
   return plans;
+}
+
+namespace {
+
+json durationJson(const DurationModel& d) {
+  switch (d.kind) {
+    case DurationModel::Kind::Fixed: return {{"distribution", "fixed"}, {"us", d.a}};
+    case DurationModel::Kind::Uniform:
+      return {{"distribution", "uniform"}, {"minUs", d.a}, {"maxUs", d.b}};
+    case DurationModel::Kind::Normal:
+      return {{"distribution", "normal"}, {"meanUs", d.a}, {"stddevUs", d.b}};
+    case DurationModel::Kind::Exponential:
+      return {{"distribution", "exponential"}, {"meanUs", d.a}};
+  }
+  return {};
+}
+
+const char* timingName(EventTiming t) {
+  switch (t) {
+    case EventTiming::Usual: return "usual";
+    case EventTiming::BeforeConfigure: return "beforeConfigure";
+    case EventTiming::Racing: return "racing";
+    case EventTiming::Late: return "late";
+    case EventTiming::WhileRunning: return "whileRunning";
+  }
+  return "usual";
+}
+
+}  // namespace
+
+std::string scenarioToJson(const Scenario& s) {
+  json j = json::object();
+  if (!s.description.empty()) j["description"] = s.description;
+  j["frames"] = s.frames;
+  j["firstFrame"] = s.firstFrame;
+  j["frameIntervalUs"] = s.frameIntervalUs;
+  j["maxInFlight"] = s.maxInFlight;
+  j["seed"] = s.seed;
+  j["jobDuration"] = durationJson(s.jobDuration);
+  j["sensors"] = json::array();
+  for (const auto& cam : s.sensors) {
+    json c = {{"id", cam.id}, {"streaming", cam.streaming}};
+    if (cam.hasOwnDuration) c["jobDuration"] = durationJson(cam.jobDuration);
+    j["sensors"].push_back(c);
+  }
+  for (const auto& g : s.syncGroups) {
+    j["syncGroups"].push_back(
+        {{"sensors", g.sensors}, {"fromFrame", g.fromFrame}, {"toFrame", g.toFrame}});
+  }
+  for (const auto& c : s.configure) {
+    json e = {{"frame", c.frame}, {"via", c.viaJob ? "job" : "setConfigured"}};
+    if (!c.sensors.empty()) e["sensors"] = c.sensors;
+    j["configure"].push_back(e);
+  }
+  for (const auto& r : s.rawSwitches) {
+    j["rawSwitches"].push_back({{"frame", r.frame}, {"off", r.off}, {"on", r.on}});
+  }
+  for (const auto& e : s.events) {
+    json ev = {{"frame", e.frame},
+               {"type", eventKindName(e.kind)},
+               {"sensor", e.sensor},
+               {"value", e.value}};
+    if (e.when != EventTiming::Usual) ev["when"] = timingName(e.when);
+    j["events"].push_back(ev);
+  }
+  for (const auto& k : s.skips) j["skips"].push_back({{"sensor", k.sensor}, {"frame", k.frame}});
+  for (const auto& n : s.noFrameSends) {
+    j["noFrameSends"].push_back({{"sensor", n.sensor}, {"after", n.after}});
+  }
+  if (s.earlySends) j["earlySends"] = true;
+  if (!s.gaps.empty()) j["gaps"] = s.gaps;
+  return j.dump(1);
 }
 
 }  // namespace sim

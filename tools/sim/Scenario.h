@@ -46,11 +46,35 @@ struct RawSwitchSetup {
   uint32_t on = 0;
 };
 
+// When, in the client's call order, an event is reported.
+enum class EventTiming {
+  Usual,            // a drop replaces the sensor's enqueue; a flush or an in-flight report with
+                    // value 0 is reported at a quiet barrier; anything else when the frame arrives
+  BeforeConfigure,  // Drop: after the sensor prepared the frame, before its configure step
+  Racing,           // Drop: as soon as the sensor has issued its enqueue send
+  Late,             // Drop: after the whole frame has finished
+  WhileRunning,     // InformInflight with value 0: when the frame arrives, with jobs running
+};
+
 struct PlannedEvent {
   EventKind kind = EventKind::ResumeDone;
   uint32_t frame = 0;
   uint32_t sensor = 0;
   uint32_t value = 0;
+  EventTiming when = EventTiming::Usual;
+};
+
+// A sensor streaming at `frame` that does not take part in it.
+struct SkipSetup {
+  uint32_t sensor = 0;
+  uint32_t frame = 0;
+};
+
+// An enqueue send for the no-frame number 0xFFFFFFFF, made by `sensor` right after its own
+// frame `after`.
+struct NoFrameSendSetup {
+  uint32_t sensor = 0;
+  uint32_t after = 0;
 };
 
 struct Scenario {
@@ -68,6 +92,15 @@ struct Scenario {
   std::vector<ConfigureSetup> configure;
   std::vector<RawSwitchSetup> rawSwitches;
   std::vector<PlannedEvent> events;
+  std::vector<SkipSetup> skips;
+  std::vector<NoFrameSendSetup> noFrameSends;
+  // Frame numbers between the first and the last frame that the pipeline never uses: no record,
+  // no preparation, no send; nothing may refer to them.
+  std::vector<uint32_t> gaps;
+  // A sensor sends as soon as it has prepared a frame itself, without waiting for the other
+  // sensors of the frame to prepare it (on a raw-switch frame it still waits for the off
+  // sensor's preparation, which the raw-switch rule relies on).
+  bool earlySends = false;
 
   uint32_t lastFrame() const { return firstFrame + frames - 1; }
   const SensorSetup* sensor(uint32_t id) const;
@@ -89,9 +122,13 @@ bool loadScenarioFile(const std::string& path, Scenario* out, ScenarioError* err
 // The scenario used when no file is given (scenarios/default.json, compiled in).
 bool loadDefaultScenario(Scenario* out, ScenarioError* error);
 const char* defaultScenarioText();
+// The scenario as JSON that parseScenario reads back to the same scenario.
+std::string scenarioToJson(const Scenario& scenario);
 
-// The request of every frame, ascending. Only for a validated scenario.
+// The request of every frame, ascending, gaps left out. Only for a validated scenario.
 std::vector<FramePlan> planFrames(const Scenario& scenario);
+// The position of `frame` in planFrames()'s result, or SIZE_MAX for a gap or a frame outside.
+size_t planIndex(const std::vector<FramePlan>& plans, uint32_t frame);
 
 }  // namespace sim
 }  // namespace orvcam

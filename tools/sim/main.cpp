@@ -11,6 +11,7 @@
 
 #include "Checker.h"
 #include "HostPlatform.h"
+#include "RandomRuns.h"
 #include "Report.h"
 #include "Runner.h"
 #include "Scenario.h"
@@ -56,6 +57,18 @@ int main(int argc, char** argv) {
   std::string historyPath;
   uint64_t seed = 0;
   int stallSeconds = 10;
+  uint64_t randomCount = 0;
+  uint32_t maxSensors = 6;
+  std::string keepDir;
+  auto* randomOption = app.add_option(
+      "--random", randomCount,
+      "Run N generated scenarios (each in a child process), check each and print counts by "
+      "outcome; --seed picks the batch");
+  app.add_option("--max-sensors", maxSensors, "With --random: at most K sensors (1-6, default 6)")
+      ->check(CLI::Range(1, 6));
+  app.add_option("--keep", keepDir,
+                 "With --random: write every failing scenario, its output and its shrunk form "
+                 "to DIR");
   app.add_option("scenario", scenarioPath, "Scenario JSON file (default: the built-in scenario)");
   app.add_option("--log-level", logLevel,
                  "Host logger level: off, error, warning, info, debug, verbose (debug plus the "
@@ -75,6 +88,25 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     int rc = app.exit(e);
     return rc == 0 ? 0 : kExitUsage;
+  }
+
+  if (*randomOption) {
+    if (!scenarioPath.empty()) {
+      std::cerr << "camdeliver-sim: --random generates its scenarios; do not give a file\n";
+      return kExitUsage;
+    }
+    if (logLevel.empty() && !std::getenv("ORVCAM_ULOG_LEVEL")) {
+      host::LoggerSettings settings = host::loggerSettings();
+      settings.detailsLevel = 1;
+      host::applyLoggerSettings(settings);
+    }
+    sim::RandomRunOptions random;
+    random.count = randomCount;
+    random.seed = *seedOption ? seed : 1;
+    random.maxSensors = maxSensors;
+    random.keepDir = keepDir;
+    random.stallSeconds = stallSeconds;
+    return sim::runRandomScenarios(random);
   }
 
   // Everything is checked before any thread starts.
