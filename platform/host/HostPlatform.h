@@ -3,6 +3,8 @@
 // logger, debug print, properties, tracing, assertion and a simulated pipe manager. This
 // header is the host's own control surface for tests, tools and the simulator; the library
 // never includes it.
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -58,6 +60,13 @@ class LogCapture {
   bool has(const std::string& message) const;
   // How many messages equal `message` exactly.
   size_t count(const std::string& message) const;
+  // Waits until at least `n` messages equal `message` exactly, for at most `limit`; true when
+  // they are there. This is how a test learns that another thread has reached the point that
+  // writes the line: the guard, for example, writes its wait lines under its lock right before
+  // the thread sleeps, so once a test has seen one, every guard call it makes afterwards finds
+  // that thread asleep.
+  bool waitFor(const std::string& message, size_t n = 1,
+               std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) const;
   void clear();
 
   // Internal: called by the logger.
@@ -65,6 +74,7 @@ class LogCapture {
 
  private:
   mutable std::mutex mMutex;
+  mutable std::condition_variable mAdded;  // notified by add(), under mMutex's protection
   std::vector<LogLine> mLines;
   bool mEcho;
   LogCapture* mOuter;
