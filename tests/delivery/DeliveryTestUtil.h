@@ -124,6 +124,33 @@ struct Sleeper {
   }
 };
 
+// Holds a job inside execute() until the test opens it: the job has its licence and has not
+// reported completion yet. Both waits are bounded.
+class Gate {
+ public:
+  void hold() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    mEntered = true;
+    mCond.notify_all();
+    mCond.wait_for(lock, kReleaseBound, [this] { return mOpen; });
+  }
+  bool entered() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    return mCond.wait_for(lock, kReleaseBound, [this] { return mEntered; });
+  }
+  void open() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mOpen = true;
+    mCond.notify_all();
+  }
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mCond;
+  bool mEntered = false;
+  bool mOpen = false;
+};
+
 // An enqueue job that remembers the FD of the licence it was given and whether it ran.
 class RecordingJob : public cc::ReqBaseJob {
  public:
