@@ -5,6 +5,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -325,6 +326,7 @@ TEST_F(DeliverFlow, NothingInFlightWaitsForAnEnqueueBetweenLicenceAndCompletion)
     if (m == done || m == frames) seen.push_back(m);
   }
   EXPECT_EQ(seen, (std::vector<std::string>{done, frames}));
+  EXPECT_TRUE(deliver->mGuard.getSyncFrames(1).empty());  // frame 2 is out of sync
   EXPECT_NE(frame2Fd, queuedFd(0, 2));
   EXPECT_NE(frame2Fd, queuedFd(1, 2));
   EXPECT_NE(queuedFd(0, 2), queuedFd(1, 2));
@@ -443,6 +445,33 @@ TEST_F(DeliverFlow, EventsThatOnlyLogChangeNothing) {
                                                   deliver->mGuard.orderMap.end())));
   EXPECT_FALSE(fc->getIsEnqued(0) || fc->getIsEnqued(1));
   EXPECT_EQ(0, send(0, 1).result + send(1, 1).result);
+  expectDrained();
+}
+
+// The pipe manager's observer runs on the library's thread while the library holds its own
+// locks: the deliverer's licence lock while a frame is prepared, the licence queue's lock
+// while it is cleared. Another thread finds them taken.
+TEST_F(DeliverFlow, LicenceObserverRunsWhileTheLibraryHoldsItsLocks) {
+  std::mutex* watched = nullptr;
+  std::vector<bool> takenSeen;
+  pipeMgr->setObserver([&](host::LicenseEvent, uint64_t, int32_t) {
+    if (watched == nullptr) return;
+    std::mutex& m = *watched;
+    takenSeen.push_back(std::async(std::launch::async, [&m] {
+                          if (!m.try_lock()) return true;
+                          m.unlock();
+                          return false;
+                        }).get());
+  });
+  watched = &deliver->mLicenseMutex;
+  prepareAll(1, {{0}, {1}}, {0, 1});  // the group's leader, two licences, the leader back
+  watched = &deliver->mLicenseQueue.mutex;
+  deliver->flush(0);  // two licences back
+  watched = nullptr;
+  pipeMgr->setObserver(nullptr);
+  EXPECT_EQ(takenSeen, std::vector<bool>(6, true));
+  deliver->notifyEvent(CamDeliver::Flush, 0, 0, 0);
+  deliver->notifyEvent(CamDeliver::Flush, 1, 0, 0);
   expectDrained();
 }
 
