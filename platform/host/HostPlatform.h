@@ -27,9 +27,10 @@ namespace host {
 // unified logger only). Each accepts decimal or 0x-prefixed hex.
 //
 // Threads. Any thread may write lines at any time. Each line is written whole, with a single
-// write, so lines of different threads never interleave. The settings below (applyLoggerSettings, setDebugPrintEnabled) are
-// plain globals that the library reads without a lock on every line: change them only while
-// no other thread logs. A LogCapture may begin and end while other threads log.
+// write, so lines of different threads never interleave. The settings below
+// (applyLoggerSettings, setDebugPrintEnabled) are plain globals that the library reads
+// without a lock on every line: change them only while no other thread logs. A LogCapture
+// may begin and end while other threads log.
 
 struct LoggerSettings {
   int detailsLevel;
