@@ -413,6 +413,16 @@ size_t LogCapture::count(const std::string& message) const {
   return n;
 }
 
+bool LogCapture::waitFor(const std::string& message, size_t n,
+                         std::chrono::milliseconds limit) const {
+  std::unique_lock<std::mutex> lock(mMutex);
+  return mAdded.wait_for(lock, limit, [&] {
+    size_t seen = 0;
+    for (const LogLine& line : mLines) seen += line.message == message ? 1 : 0;
+    return seen >= n;
+  });
+}
+
 void LogCapture::clear() {
   std::lock_guard<std::mutex> lock(mMutex);
   mLines.clear();
@@ -421,6 +431,7 @@ void LogCapture::clear() {
 void LogCapture::add(LogLine line) {
   std::lock_guard<std::mutex> lock(mMutex);
   mLines.push_back(std::move(line));
+  mAdded.notify_all();
 }
 
 }  // namespace host

@@ -65,10 +65,13 @@ HostLicense::~HostLicense() {
 
 HostPipeMgr::HostPipeMgr() : mState(std::make_shared<detail::PipeMgrState>()) {}
 
+// An observer goes out of the state under the lock but dies after it: it may own licences of
+// this manager, whose destructors take the lock.
 HostPipeMgr::~HostPipeMgr() {
+  std::shared_ptr<const Observer> old;
   std::lock_guard<std::mutex> lock(mState->mutex);
   mState->managerAlive = false;
-  mState->observer.reset();
+  old.swap(mState->observer);
 }
 
 std::unique_ptr<IRequestLicense> HostPipeMgr::acquireLicense() {
@@ -142,7 +145,7 @@ std::vector<ConfigureCall> HostPipeMgr::configureCalls() const {
 void HostPipeMgr::setObserver(std::function<void(LicenseEvent, uint64_t, int32_t)> observer) {
   auto shared = observer ? std::make_shared<const Observer>(std::move(observer)) : nullptr;
   std::lock_guard<std::mutex> lock(mState->mutex);
-  mState->observer = std::move(shared);
+  shared.swap(mState->observer);  // the old one dies in `shared`, after the lock
 }
 
 void HostPipeMgr::reset() {

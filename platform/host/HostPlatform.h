@@ -3,6 +3,8 @@
 // logger, debug print, properties, tracing, assertion and a simulated pipe manager. This
 // header is the host's own control surface for tests, tools and the simulator; the library
 // never includes it.
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -23,6 +25,12 @@ namespace host {
 // Settings are read once at start-up from ORVCAM_ULOG_LEVEL (detail level, default 2: errors
 // and warnings), ORVCAM_ULOG_MASK (default 0x401000) and ORVCAM_ULOG_MODE (default 2: the
 // unified logger only). Each accepts decimal or 0x-prefixed hex.
+//
+// Threads. Any thread may write lines at any time. Each line is written whole, with a single
+// write, so lines of different threads never interleave. The settings below
+// (applyLoggerSettings, setDebugPrintEnabled) are plain globals that the library reads
+// without a lock on every line: change them only while no other thread logs. A LogCapture
+// may begin and end while other threads log.
 
 struct LoggerSettings {
   int detailsLevel;
@@ -58,6 +66,13 @@ class LogCapture {
   bool has(const std::string& message) const;
   // How many messages equal `message` exactly.
   size_t count(const std::string& message) const;
+  // Waits until at least `n` messages equal `message` exactly, for at most `limit`; true when
+  // they are there. This is how a test learns that another thread has reached the point that
+  // writes the line: the guard, for example, writes its wait lines under its lock right before
+  // the thread sleeps, so once a test has seen one, every guard call it makes afterwards finds
+  // that thread asleep.
+  bool waitFor(const std::string& message, size_t n = 1,
+               std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) const;
   void clear();
 
   // Internal: called by the logger.
@@ -65,6 +80,7 @@ class LogCapture {
 
  private:
   mutable std::mutex mMutex;
+  mutable std::condition_variable mAdded;  // notified by add(), under mMutex's protection
   std::vector<LogLine> mLines;
   bool mEcho;
   LogCapture* mOuter;
@@ -159,8 +175,17 @@ struct ConfigureCall {
 // What happened to a licence, for observers.
 enum class LicenseEvent { Acquired, Released, Destroyed };
 
-// Thread-safe simulated pipe manager. FDs come from a counter starting at 1; a licence for
-// an FD carries that FD. releaseLicense takes the licence out of the caller's pointer.
+// Simulated pipe manager. FDs come from a counter starting at 1; a licence for an FD carries
+// that FD. releaseLicense takes the licence out of the caller's pointer.
+//
+// Threads. acquireLicense, acquireLicenseForFD, releaseLicense, configure, account and
+// configureCalls may be called from any thread at once, also while the caller holds locks of
+// its own (the library calls them under its licence lock and its licence queue's lock); none
+// of them calls back into the library. The manager's own lock is a leaf: it is held only to
+// update the counters, and no licence is ever destroyed and no observer called while it is
+// held. So a licence may die anywhere: inside an observer, inside another manager's
+// releaseLicense, or after its manager is gone (it is then counted nowhere).
+// setObserver and reset must be called while no other thread uses the manager.
 class HostPipeMgr : public IPipeMgr {
  public:
   HostPipeMgr();
@@ -168,6 +193,8 @@ class HostPipeMgr : public IPipeMgr {
 
   std::unique_ptr<IRequestLicense> acquireLicense() override;
   std::unique_ptr<IRequestLicense> acquireLicenseForFD(int32_t fd) override;
+  // A licence of another manager (or of no host manager) is taken out of `license` and
+  // destroyed: its own manager counts it destroyed without release; this one counts nothing.
   void releaseLicense(std::unique_ptr<IRequestLicense>& license, bool flag1, bool flag2) override;
   std::map<uint32_t, std::tuple<uint32_t, int32_t, int32_t>> configure(
       const std::shared_ptr<ConfigParam>& config,
@@ -175,12 +202,16 @@ class HostPipeMgr : public IPipeMgr {
 
   LicenseAccount account() const;
   std::vector<ConfigureCall> configureCalls() const;
-  // Called (under no lock of the manager) for every acquire, release and destruction
-  // without release, with the licence's serial and FD. Set before use; not thread-safe to
-  // change while licences are in flight.
+  // Called for every acquire, release and destruction without release, with the licence's
+  // serial and FD, on the thread that did it, under no lock of the manager. That thread may
+  // hold the library's locks (an acquire inside prepare, a release inside an FD change or a
+  // flush): an observer must not call into the library nor wait for a thread that may be
+  // inside it. It may use the manager, and acquire, release or destroy licences. Set before
+  // use, while no other thread uses the manager.
   void setObserver(std::function<void(LicenseEvent, uint64_t serial, int32_t fd)> observer);
-  // Back to a fresh state: counters, FD counter and recorded calls. Licences handed out
-  // before the reset are no longer counted when they are released or destroyed.
+  // Back to a fresh state: counters, FD counter and recorded calls. Licences alive at the
+  // reset are forgotten: their release or destruction afterwards is neither counted nor
+  // observed. Call while no other thread uses the manager.
   void reset();
 
  private:

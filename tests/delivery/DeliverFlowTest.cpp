@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
+#include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -33,10 +36,11 @@ class DeliverFlow : public ::testing::Test {
     return fc;
   }
   // An enqueue send on its own thread; the job, and the licence it holds, die with the call.
-  std::unique_ptr<BlockingCall> sendAsync(uint32_t s, uint32_t f, Sent& out, int32_t result = 0) {
+  std::unique_ptr<BlockingCall> sendAsync(uint32_t s, uint32_t f, Sent& out, int32_t result = 0,
+                                          std::function<void()> onExecute = {}) {
     return std::make_unique<BlockingCall>(
         "sendJobForEnque S:" + std::to_string(s) + " F:" + std::to_string(f), [=, &out] {
-          auto job = std::make_shared<RecordingJob>(result);
+          auto job = std::make_shared<RecordingJob>(result, onExecute);
           out.result = deliver->sendJobForEnque(s, f, job);
           out.fd = job->fd;
           out.executed = job->executed;
@@ -53,6 +57,11 @@ class DeliverFlow : public ::testing::Test {
     BlockingCall call("sendJobForConfigure", [=] { deliver->sendJobForConfigure(s, f, job); });
     EXPECT_TRUE(call.returnedWithin(kReleaseBound)) << "S:" << s << " F:" << f;
   }
+  // A send asleep in the guard, told by the guard's own lines.
+  Sleeper asleep(const BlockingCall& call, std::string checkLine, std::string passLine = "") {
+    return {capture, deliver->mGuard, call, std::move(checkLine), std::move(passLine)};
+  }
+  void wakeEverybody() { deliver->mGuard.breakFrameSync(9, {}); }  // and change nothing
   int32_t queuedFd(uint32_t key, uint32_t f) {
     return deliver->mLicenseQueue.mQueue.at(f).at(key)->getFD();
   }
@@ -120,7 +129,11 @@ TEST_F(DeliverFlow, RawSwitchFrameWaitsForTheOffSensor) {
   prepareAll(2, {{0, true, false, 0}, {2, true, false, 1}});
   Sent on;
   auto waiting = sendAsync(0, 2, on);
-  EXPECT_TRUE(waiting->stillBlockedAfter(kHoldTime));
+  // Each check of the raw-switch rule looks the off sensor's previous frame up.
+  const Sleeper sleeper =
+      asleep(*waiting, previousFrameLine(2, 2, 1, 0, 1), offSensorLine(0, 2, 2, false, '-'));
+  ASSERT_TRUE(sleeper.checkedAndAsleep());
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] { wakeEverybody(); }));
   EXPECT_EQ(0, send(2, 1).result);
   ASSERT_TRUE(waiting->returnedWithin(kReleaseBound));
   EXPECT_EQ(0, on.result);
@@ -143,7 +156,7 @@ TEST_F(DeliverFlow, DropReturnsTheLicenceAndCountsTheSensorAsEnqueued) {
 
   Sent next;
   auto waiting = sendAsync(1, 2, next);
-  EXPECT_TRUE(waiting->stillBlockedAfter(kHoldTime));  // frame 1 still waits for sensor 0
+  ASSERT_TRUE(asleep(*waiting, syncWaitLine(1, 2)).checkedAndAsleep());  // frame 1 lacks sensor 0
   EXPECT_EQ(0, send(0, 1).result);
   ASSERT_TRUE(waiting->returnedWithin(kReleaseBound));
   EXPECT_EQ(0, next.result + send(0, 2).result);
@@ -155,11 +168,15 @@ TEST_F(DeliverFlow, FlushOfOneSensorClearsEverySensorsLicences) {
   EXPECT_EQ(0, send(0, 1).result);
   Sent late;
   auto waiting = sendAsync(0, 2, late);
-  EXPECT_TRUE(waiting->stillBlockedAfter(kHoldTime));
+  const Sleeper sleeper = asleep(*waiting, syncWaitLine(0, 2));
+  ASSERT_TRUE(sleeper.checkedAndAsleep());
 
-  deliver->flush(1);
+  // Clearing the licences does not let anybody go.
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] {
+    deliver->flush(1);
+    wakeEverybody();
+  }));
   EXPECT_TRUE(deliver->mLicenseQueue.mQueue.empty());
-  EXPECT_TRUE(waiting->stillBlockedAfter(kHoldTime));  // clearing licences wakes nobody
   deliver->notifyEvent(CamDeliver::Flush, 1, 0, 0);
   ASSERT_TRUE(waiting->returnedWithin(kReleaseBound));
   EXPECT_EQ(-1, late.result);
@@ -179,9 +196,12 @@ TEST_F(DeliverFlow, NothingInFlightMovesSyncFramesToOwnFdsAndBreaksTheirSync) {
 
   Sent ahead;
   auto waiting = sendAsync(0, 2, ahead);
-  EXPECT_TRUE(waiting->stillBlockedAfter(kHoldTime));
-  deliver->notifyEvent(CamDeliver::InformInflight, 1, 0, 1);  // still in flight: nothing
-  EXPECT_TRUE(waiting->stillBlockedAfter(kHoldTime));
+  const Sleeper sleeper = asleep(*waiting, syncWaitLine(0, 2));
+  ASSERT_TRUE(sleeper.checkedAndAsleep());
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] {
+    deliver->notifyEvent(CamDeliver::InformInflight, 1, 0, 1);  // still in flight: nothing
+    wakeEverybody();
+  }));
   deliver->notifyEvent(CamDeliver::InformInflight, 1, 0, 0);
   ASSERT_TRUE(waiting->returnedWithin(kReleaseBound));
   EXPECT_EQ(0, ahead.result);
@@ -204,7 +224,7 @@ TEST_F(DeliverFlow, NoFrameNumberTakesAFreshLicenceOutsideTheQueue) {
   const uint64_t acquired = pipeMgr->account().acquired;
   Sent loose;
   auto waiting = sendAsync(0, kNoFrame, loose, 7);
-  EXPECT_TRUE(waiting->stillBlockedAfter(kHoldTime));
+  ASSERT_TRUE(asleep(*waiting, syncWaitLine(0, kNoFrame)).checkedAndAsleep());
   EXPECT_EQ(0, send(1, 1).result);
   ASSERT_TRUE(waiting->returnedWithin(kReleaseBound));
   EXPECT_EQ(7, loose.result);
@@ -250,6 +270,8 @@ TEST_F(DeliverFlow, SensorThreadsNeverEnqueueAheadOfThePreviousSyncGroup) {
         started[{s, f}] = next++;
       });
       deliver->sendJobForEnque(s, f, job);  // a job that does not run is missed below
+      // Now and then a sensor is slower to come back: only the timing changes, nothing is
+      // decided by it.
       if ((s + f) % 4 == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
   };
@@ -272,6 +294,184 @@ TEST_F(DeliverFlow, SensorThreadsNeverEnqueueAheadOfThePreviousSyncGroup) {
     }
   }
   EXPECT_EQ(kFrames / 5, pipeMgr->configureCalls().size());
+  expectDrained();
+}
+
+// ---- Events that meet a send half-way -----------------------------------------------------
+
+// An in-flight report with value 0 that comes while an enqueue holds its licence and has not
+// reported completion waits for it: otherwise the report would find the frame still in the
+// pool with none of its licences queued. Afterwards only licences still queued move.
+TEST_F(DeliverFlow, NothingInFlightWaitsForAnEnqueueBetweenLicenceAndCompletion) {
+  for (uint32_t f : {1u, 2u}) prepareAll(f, {{0}, {1}}, {0, 1});
+  const int32_t frame1Fd = queuedFd(1, 1), frame2Fd = queuedFd(0, 2);
+  EXPECT_EQ(0, send(0, 1).result);
+  Gate gate;
+  Sent last;
+  auto sender = sendAsync(1, 1, last, 0, [&gate] { gate.hold(); });
+  ASSERT_TRUE(gate.entered());
+  BlockingCall report("InformInflight S:0",
+                      [this] { deliver->notifyEvent(CamDeliver::InformInflight, 0, 0, 0); });
+  // Written on entry, before the report takes the job lock.
+  ASSERT_TRUE(capture.waitFor("[notifyEvent] [S:0 F:0] type(InformInflight), value(0)"));
+  gate.open();
+  ASSERT_TRUE(sender->returnedWithin(kReleaseBound));
+  ASSERT_TRUE(report.returnedWithin(kReleaseBound));
+
+  EXPECT_EQ(frame1Fd, last.fd);
+  const std::string done = "[finished] [S:1 F:1] EnqJob finished. Is last, erase it.";
+  const std::string frames = "[getSyncFrames] [S:0] frame list: 2 ";
+  std::vector<std::string> seen;
+  for (const std::string& m : capture.messages()) {
+    if (m == done || m == frames) seen.push_back(m);
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{done, frames}));
+  EXPECT_TRUE(deliver->mGuard.getSyncFrames(1).empty());  // frame 2 is out of sync
+  EXPECT_NE(frame2Fd, queuedFd(0, 2));
+  EXPECT_NE(frame2Fd, queuedFd(1, 2));
+  EXPECT_NE(queuedFd(0, 2), queuedFd(1, 2));
+  EXPECT_EQ(0, send(0, 2).result + send(1, 2).result);
+  expectDrained();
+}
+
+// The pipeline drops a sensor's request while that sensor's send for the frame, the frame's
+// last enqueue, is under way. Whatever the moment, nothing aborts: the drop or the completion
+// finds the frame gone and says so.
+TEST_F(DeliverFlow, DropRacingTheLastEnqueueOfAFrame) {
+  // Asleep in the guard: sensor 1's frame 2 waits for sensor 0 in frame 1. The drop retires
+  // frame 2; the send wakes, finds no licence and returns -1 without running its job.
+  prepareAll(1, {{0}, {1}}, {0, 1});
+  prepareAll(2, {{1}});
+  EXPECT_EQ(0, send(1, 1).result);
+  Sent asleepSend;
+  auto waiting = sendAsync(1, 2, asleepSend);
+  ASSERT_TRUE(asleep(*waiting, syncWaitLine(1, 2)).checkedAndAsleep());
+  deliver->notifyEvent(CamDeliver::Drop, 1, 2, 0);
+  ASSERT_TRUE(waiting->returnedWithin(kReleaseBound));
+  EXPECT_EQ(-1, asleepSend.result);
+  EXPECT_FALSE(asleepSend.executed);
+  EXPECT_TRUE(capture.has("[drop] [S:1 F:2] is last, erase"));
+  EXPECT_EQ(0, send(0, 1).result);
+
+  // Running its job: the licence is already taken, the drop retires the frame, and the
+  // completion that follows finds it gone.
+  prepareAll(3, {{0}, {1}});
+  EXPECT_EQ(0, send(0, 3).result);
+  Gate gate;
+  Sent running;
+  auto sender = sendAsync(1, 3, running, 5, [&gate] { gate.hold(); });
+  ASSERT_TRUE(gate.entered());
+  deliver->notifyEvent(CamDeliver::Drop, 1, 3, 0);
+  EXPECT_TRUE(capture.has("[releaseLicense] Cam 1 NOT have F:3 in licenseQueue"));
+  EXPECT_TRUE(capture.has("[drop] [S:1 F:3] is last, erase"));
+  gate.open();
+  ASSERT_TRUE(sender->returnedWithin(kReleaseBound));
+  EXPECT_EQ(5, running.result);
+  EXPECT_TRUE(capture.has("[finished] [S:1 F:3] FC not found ! maybe flushed"));
+
+  // Done: the drop finds nothing.
+  prepareAll(4, {{0}, {1}});
+  EXPECT_EQ(0, send(0, 4).result + send(1, 4).result);
+  deliver->notifyEvent(CamDeliver::Drop, 1, 4, 0);
+  EXPECT_TRUE(capture.has("[drop] [S:1 F:4] FC not found"));
+  expectDrained();
+}
+
+// ---- Preparation memory, configure licences, events that only log ---------------------------
+
+TEST_F(DeliverFlow, TwentyFirstPreparedFrameEvictsTheOldestFromThePreparedList) {
+  for (uint32_t f = 1; f <= 21; ++f) {
+    prepareAll(f, {{0}});
+    EXPECT_EQ(0, send(0, f).result) << "F:" << f;
+  }
+  EXPECT_EQ(deliver->mPreparedFrames,
+            (std::deque<uint32_t>{2,  3,  4,  5,  6,  7,  8,  9,  10, 11,
+                                  12, 13, 14, 15, 16, 17, 18, 19, 20, 21}));
+  // Frame 1 is new again: a second record under that number gets licences of its own.
+  const uint64_t acquired = pipeMgr->account().acquired;
+  prepareAll(1, {{0}});
+  EXPECT_EQ(acquired + 2, pipeMgr->account().acquired);  // a leader and the queued licence
+  EXPECT_FALSE(capture.has("[prepare] [F:1] coming before, skip prepare license"));
+  Sent again = send(0, 1);
+  EXPECT_TRUE(again.executed);
+  // Frame 21 is still remembered: a new record under it gets no licence.
+  prepareAll(21, {{0}});
+  EXPECT_TRUE(capture.has("[prepare] [F:21] coming before, skip prepare license"));
+  EXPECT_EQ(-1, send(0, 21).result);
+  deliver->notifyEvent(CamDeliver::Drop, 0, 21, 0);
+  expectDrained();
+}
+
+TEST_F(DeliverFlow, DropOnAConfigureFrameLeavesTheConfigureLicenceQueued) {
+  prepareAll(1, {{0, true, true}, {1}});
+  deliver->notifyEvent(CamDeliver::Drop, 0, 1, 0);
+  EXPECT_FALSE(deliver->mLicenseQueue.isLicenseExist(0, 1));
+  EXPECT_TRUE(deliver->mLicenseQueue.isLicenseExist(0xFF00, 1));
+  EXPECT_EQ(0, send(1, 1).result);
+  EXPECT_EQ(0u, poolSize(*pool));  // the drop counted sensor 0 as enqueued
+  EXPECT_TRUE(deliver->mLicenseQueue.isLicenseExist(0xFF00, 1));
+  // The client hands it back with setConfigured; the guard no longer knows the frame.
+  const uint64_t released = pipeMgr->account().released;
+  deliver->setConfigured(0, 1);
+  EXPECT_EQ(released + 1, pipeMgr->account().released);
+  EXPECT_TRUE(capture.has("[setConfigured] [S:0 F:1] FC not found ! maybe flushed"));
+  expectDrained();
+}
+
+TEST_F(DeliverFlow, EventsThatOnlyLogChangeNothing) {
+  FcPtr fc = prepareAll(1, {{0}, {1}}, {0, 1});
+  const int32_t fd0 = queuedFd(0, 1), fd1 = queuedFd(1, 1);
+  const host::LicenseAccount before = pipeMgr->account();
+  const std::map<uint32_t, uint64_t> orders(deliver->mGuard.orderMap.begin(),
+                                            deliver->mGuard.orderMap.end());
+  const std::pair<CamDeliver::EventType, std::string> events[] = {
+      {CamDeliver::ResumeDone, "ResumeDone"},
+      {CamDeliver::Suspend, "Suspend"},
+      {CamDeliver::LicenseRelease, "LicenseRelease"},
+      {CamDeliver::RawSwitch, "RawSwitch"},
+      {static_cast<CamDeliver::EventType>(7), "UNKNOWN"},
+      {static_cast<CamDeliver::EventType>(0xFFFFFFFF), "UNKNOWN"}};
+  for (const auto& event : events) {
+    capture.clear();
+    deliver->notifyEvent(event.first, 0, 1, 0);
+    EXPECT_EQ(capture.messages(), (std::vector<std::string>{"[notifyEvent] [S:0 F:1] type(" +
+                                                            event.second + "), value(0)"}));
+  }
+  const host::LicenseAccount after = pipeMgr->account();
+  EXPECT_EQ(std::make_tuple(before.acquired, before.released, before.destroyed),
+            std::make_tuple(after.acquired, after.released, after.destroyed));
+  EXPECT_EQ(std::make_pair(fd0, fd1), std::make_pair(queuedFd(0, 1), queuedFd(1, 1)));
+  EXPECT_EQ(orders, (std::map<uint32_t, uint64_t>(deliver->mGuard.orderMap.begin(),
+                                                  deliver->mGuard.orderMap.end())));
+  EXPECT_FALSE(fc->getIsEnqued(0) || fc->getIsEnqued(1));
+  EXPECT_EQ(0, send(0, 1).result + send(1, 1).result);
+  expectDrained();
+}
+
+// The pipe manager's observer runs on the library's thread while the library holds its own
+// locks: the deliverer's licence lock while a frame is prepared, the licence queue's lock
+// while it is cleared. Another thread finds them taken.
+TEST_F(DeliverFlow, LicenceObserverRunsWhileTheLibraryHoldsItsLocks) {
+  std::mutex* watched = nullptr;
+  std::vector<bool> takenSeen;
+  pipeMgr->setObserver([&](host::LicenseEvent, uint64_t, int32_t) {
+    if (watched == nullptr) return;
+    std::mutex& m = *watched;
+    takenSeen.push_back(std::async(std::launch::async, [&m] {
+                          if (!m.try_lock()) return true;
+                          m.unlock();
+                          return false;
+                        }).get());
+  });
+  watched = &deliver->mLicenseMutex;
+  prepareAll(1, {{0}, {1}}, {0, 1});  // the group's leader, two licences, the leader back
+  watched = &deliver->mLicenseQueue.mutex;
+  deliver->flush(0);  // two licences back
+  watched = nullptr;
+  pipeMgr->setObserver(nullptr);
+  EXPECT_EQ(takenSeen, std::vector<bool>(6, true));
+  deliver->notifyEvent(CamDeliver::Flush, 0, 0, 0);
+  deliver->notifyEvent(CamDeliver::Flush, 1, 0, 0);
   expectDrained();
 }
 

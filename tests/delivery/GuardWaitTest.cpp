@@ -1,10 +1,10 @@
 // A sensor thread blocked in the guard leaves exactly when the change it waits for happens.
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <algorithm>
 #include <map>
 #include <string>
-#include <thread>
+#include <vector>
 
 #include "CamDeliverGuard.h"
 #include "DeliveryTestUtil.h"
@@ -28,12 +28,9 @@ class GuardWait : public ::testing::Test {
     guard.finished(0, 1, false);
   }
   void expectReleasedOnlyBy(const std::function<void()>& release);
-  // Bounded wait for a line a blocking call writes under the guard's lock before it sleeps.
-  bool logged(const std::string& line) {
-    for (int i = 0; i < 1000 && !capture.has(line); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return capture.has(line);
+  // Sensor 0's wait for frame 2, asleep until sensor 1 has enqueued frame 1.
+  Sleeper frame2Waiter(const BlockingCall& call) {
+    return {capture, guard, call, syncWaitLine(0, 2), ""};
   }
 
   std::shared_ptr<FrameContextPool> pool = std::make_shared<FrameContextPool>();
@@ -43,15 +40,18 @@ class GuardWait : public ::testing::Test {
   host::LogCapture capture;
 };
 
-// The waiter on sensor 0's frame 2 sleeps through notifications that change nothing it
-// depends on, and leaves on `release`.
+// The waiter on sensor 0's frame 2 checks again on notifications that change nothing it
+// depends on and sleeps on, and leaves on `release`.
 void GuardWait::expectReleasedOnlyBy(const std::function<void()>& release) {
   syncPairWithPartnerBehind();
   BlockingCall waiter("wait S:0 F:2", [this] { guard.wait(0, 2, false); });
-  EXPECT_TRUE(waiter.stillBlockedAfter(kHoldTime));
-  guard.finished(1, 1, true);
-  guard.breakFrameSync(1, {});
-  EXPECT_TRUE(waiter.stillBlockedAfter(kHoldTime));
+  const Sleeper sleeper = frame2Waiter(waiter);
+  ASSERT_TRUE(sleeper.checkedAndAsleep());
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] { guard.finished(1, 1, true); }));
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] { guard.breakFrameSync(1, {}); }));
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] {
+    guard.prepare(1, 3, addFrame(*pool, 3, {{0}, {1}}, {0, 1}));  // a later frame of the partner
+  }));
   release();
   EXPECT_TRUE(waiter.returnedWithin(kReleaseBound));
 }
@@ -80,14 +80,21 @@ TEST_F(GuardWait, SyncBreakReleasesWaiter) {
 TEST_F(GuardWait, SetConfiguredWakesNobody) {
   syncPairWithPartnerBehind();
   BlockingCall waiter("wait S:0 F:2", [this] { guard.wait(0, 2, false); });
-  // After a failed check the waiter only looks again when notified.
-  ASSERT_TRUE(logged("[operator()] [S:0 F:2][EnqJob] wait previous syncframe enque ..."));
+  ASSERT_TRUE(frame2Waiter(waiter).checkedAndAsleep());
   // Frame 1 becomes complete behind the guard's back: only a notifier lets the waiter see it.
   fcs[1]->enqued(1);
   guard.setConfigured(1, 2);
-  EXPECT_TRUE(waiter.stillBlockedAfter(kHoldTime));
-  guard.breakFrameSync(1, {});
+  guard.breakFrameSync(1, {});  // wakes everybody and changes nothing
   EXPECT_TRUE(waiter.returnedWithin(kReleaseBound));
+  // Each check looks frame 2's previous frame up. The waiter checked twice: on arrival and
+  // after the wake-up, not in between after setConfigured.
+  const std::string check = previousFrameLine(0, 2, 1, 0, 1);
+  const std::string wakeUp = "[breakFrameSync] [S:1] break all frameSync, notify_all!";
+  std::vector<std::string> seen;
+  for (const std::string& m : capture.messages()) {
+    if (m == check || m == wakeUp) seen.push_back(m);
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{check, wakeUp, check}));
 }
 
 TEST_F(GuardWait, RawSwitchWaitsForTheOffSensorsPreviousEnqueue) {
@@ -99,15 +106,18 @@ TEST_F(GuardWait, RawSwitchWaitsForTheOffSensorsPreviousEnqueue) {
   guard.prepare(0, 2, fcs[2]);
 
   BlockingCall waiter("configure wait S:0 F:2", [this] { guard.wait(0, 2, true); });
-  EXPECT_TRUE(waiter.stillBlockedAfter(kHoldTime));
-  guard.finished(3, 1, false);   // a sensor that is not switching off
-  guard.breakFrameSync(0, {1});  // sync has no say in the raw-switch rule
-  EXPECT_TRUE(waiter.stillBlockedAfter(kHoldTime));
+  // Each check of the raw-switch rule looks the off sensor's previous frame up.
+  const Sleeper sleeper{capture, guard, waiter, previousFrameLine(2, 2, 1, 0, 1),
+                        offSensorLine(0, 2, 2, true, '-')};
+  ASSERT_TRUE(sleeper.checkedAndAsleep());
+  // A sensor that is not switching off; sync has no say in the raw-switch rule.
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] { guard.finished(3, 1, false); }));
+  EXPECT_TRUE(sleeper.staysAsleepThrough([this] { guard.breakFrameSync(0, {1}); }));
   guard.finished(2, 1, false);
   EXPECT_TRUE(waiter.returnedWithin(kReleaseBound));
 
-  EXPECT_EQ(1u, capture.count("[wait] [S:0 F:2][ConfigJob] wait offSensor(2) enqed +"));
-  EXPECT_EQ(1u, capture.count("[wait] [S:0 F:2][ConfigJob] wait offSensor(2) enqed -"));
+  EXPECT_EQ(1u, capture.count(offSensorLine(0, 2, 2, true, '+')));
+  EXPECT_EQ(1u, capture.count(offSensorLine(0, 2, 2, true, '-')));
 }
 
 TEST_F(GuardWait, DrainReturnsOnceTheFramesEnqueuedAtTheCallHaveLeft) {
@@ -121,15 +131,25 @@ TEST_F(GuardWait, DrainReturnsOnceTheFramesEnqueuedAtTheCallHaveLeft) {
 
   int32_t result = -1;
   BlockingCall drain("waitUntilEnquedEmpty S:1", [&] { result = guard.waitUntilEnquedEmpty(1); });
-  ASSERT_TRUE(logged("[waitUntilEnquedEmpty] wait until sensorId(1) enqued empty +, wait: 12 13 "));
+  ASSERT_TRUE(capture.waitFor(
+      "[waitUntilEnquedEmpty] wait until sensorId(1) enqued empty +, wait: 12 13 "));
   guard.finished(1, 14, false);  // enqueued after the call: not waited for
   guard.finished(0, 12, false);
-  EXPECT_TRUE(drain.stillBlockedAfter(kHoldTime));
   guard.drop(0, 13);
   EXPECT_TRUE(drain.returnedWithin(kReleaseBound));
   EXPECT_EQ(0, result);
   EXPECT_TRUE(pool->exist(14));
-  EXPECT_TRUE(capture.has("[waitUntilEnquedEmpty] wait until sensorId(1) enqued empty -"));
+  // The drain looks again on each erase but writes nothing then: its end line must come after
+  // the erase of frame 13, the last frame it waited for.
+  const std::vector<std::string> order = {
+      "[finished] [S:0 F:12] EnqJob finished. Is last, erase it.",
+      "[drop] [S:0 F:13] is last, erase",
+      "[waitUntilEnquedEmpty] wait until sensorId(1) enqued empty -"};
+  std::vector<std::string> seen;
+  for (const std::string& m : capture.messages()) {
+    if (std::find(order.begin(), order.end(), m) != order.end()) seen.push_back(m);
+  }
+  EXPECT_EQ(seen, order);
 }
 
 }  // namespace

@@ -110,6 +110,21 @@ TEST_F(LicenseQueueTest, ReleaseByKeyAlwaysWarnsAndHandsBackWhatItFinds) {
   EXPECT_EQ(hostPipeMgr()->account().released, 1u);
 }
 
+// A manager that leaves a released licence in the caller's pointer gets it once, and the
+// queue destroys what it was left with.
+TEST_F(LicenseQueueTest, ReleaseByKeyHandsTheLicenceBackOnce) {
+  auto mock = useMock();
+  auto q = makeQueue();
+  q->pushLicense(3, 10, fake(7));
+  const IRequestLicense* raw = q->mQueue.at(10).at(3).get();
+  EXPECT_CALL(*mock, releaseLicense(testing::Truly([raw](Licence& l) { return l.get() == raw; }),
+                                    false, true));
+  q->releaseLicense(3, 10);
+  testing::Mock::VerifyAndClearExpectations(mock.get());
+  EXPECT_EQ(destroyed, 1);
+  EXPECT_THAT(q->mQueue, IsEmpty());
+}
+
 // Licences are fake(100 + 10 * (frame - 10) + key); the mock leaves released ones to the queue.
 TEST_F(LicenseQueueTest, ChangeFramesFDReleasesEachLicenceBeforeAcquiringItsReplacement) {
   auto mock = useMock();

@@ -221,3 +221,70 @@ TEST(HostPipeMgr, GetInstanceAnswersTheInstalledReplacement) {
   setPipeMgrInstance(nullptr);
   EXPECT_EQ(IPipeMgr::getInstance(), hostPipeMgr());
 }
+
+TEST(HostPipeMgr, ForeignLicenceIsDestroyedAndCountedByItsOwnManager) {
+  HostPipeMgr own, other;
+  std::vector<Event> ownEvents, otherEvents;
+  own.setObserver(
+      [&](LicenseEvent e, uint64_t s, int32_t fd) { ownEvents.emplace_back(e, s, fd); });
+  other.setObserver(
+      [&](LicenseEvent e, uint64_t s, int32_t fd) { otherEvents.emplace_back(e, s, fd); });
+  auto license = own.acquireLicense();
+  const uint64_t serial = serialOf(license);
+  other.releaseLicense(license, false, true);
+  EXPECT_EQ(license, nullptr);  // taken out of the caller's pointer all the same
+  LicenseAccount a = own.account(), b = other.account();
+  EXPECT_EQ(std::make_tuple(a.acquired, a.released, a.destroyed), std::make_tuple(1u, 0u, 1u));
+  EXPECT_EQ(std::make_tuple(b.acquired, b.released, b.destroyed), std::make_tuple(0u, 0u, 0u));
+  EXPECT_EQ(ownEvents, (std::vector<Event>{{LicenseEvent::Acquired, serial, 1},
+                                           {LicenseEvent::Destroyed, serial, 1}}));
+  EXPECT_TRUE(otherEvents.empty());
+}
+
+TEST(HostPipeMgr, ResetForgetsTheLicencesAliveAtTheReset) {
+  HostPipeMgr mgr;
+  std::vector<Event> events;
+  mgr.setObserver([&](LicenseEvent e, uint64_t s, int32_t fd) { events.emplace_back(e, s, fd); });
+  auto released = mgr.acquireLicense();
+  auto destroyed = mgr.acquireLicenseForFD(released->getFD());
+  mgr.reset();
+  events.clear();
+  mgr.releaseLicense(released, false, true);
+  destroyed.reset();
+  EXPECT_EQ(released, nullptr);
+  LicenseAccount acc = mgr.account();
+  EXPECT_EQ(std::make_tuple(acc.acquired, acc.released, acc.destroyed),
+            std::make_tuple(0u, 0u, 0u));
+  EXPECT_TRUE(events.empty());
+  auto fresh = mgr.acquireLicense();  // counting starts again, FDs too
+  EXPECT_EQ(fresh->getFD(), 1);
+  EXPECT_EQ(mgr.account().live(), 1u);
+  mgr.releaseLicense(fresh, false, true);
+  EXPECT_TRUE(mgr.account().balanced());
+}
+
+// The manager's lock is never held around a licence's death or an observer, so an observer
+// may use the manager and let licences go, and an observer may own licences itself.
+TEST(HostPipeMgr, ObserverMayUseTheManagerAndLetLicencesGo) {
+  auto mgr = std::make_shared<HostPipeMgr>();
+  std::unique_ptr<IRequestLicense> held = mgr->acquireLicense();
+  std::vector<uint64_t> liveSeen;
+  mgr->setObserver([&](LicenseEvent e, uint64_t, int32_t) {
+    liveSeen.push_back(mgr->account().live());
+    if (e == LicenseEvent::Released && held) held.reset();  // dies inside the observer
+  });
+  test::BlockingCall calls("observer calling back", [&] {
+    auto license = mgr->acquireLicense();
+    mgr->releaseLicense(license, false, true);
+    // A new observer owning a licence of the manager; replacing it destroys that licence.
+    auto owned = std::make_shared<std::unique_ptr<IRequestLicense>>(mgr->acquireLicense());
+    mgr->setObserver([owned](LicenseEvent, uint64_t, int32_t) {});
+    owned.reset();
+    mgr->setObserver(nullptr);
+  });
+  ASSERT_TRUE(calls.returnedWithin(test::kReleaseBound));
+  EXPECT_EQ(liveSeen, (std::vector<uint64_t>{2, 1, 0, 1}));
+  LicenseAccount acc = mgr->account();
+  EXPECT_EQ(std::make_tuple(acc.acquired, acc.released, acc.destroyed),
+            std::make_tuple(3u, 1u, 2u));
+}

@@ -53,10 +53,6 @@ bool BlockingCall::returnedWithin(std::chrono::milliseconds limit) {
   return mCond.wait_for(lock, limit, [this] { return mDone; });
 }
 
-bool BlockingCall::stillBlockedAfter(std::chrono::milliseconds hold) {
-  return !returnedWithin(hold);
-}
-
 bool BlockingCall::returned() const {
   std::lock_guard<std::mutex> lock(mMutex);
   return mDone;

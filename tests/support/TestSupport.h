@@ -1,6 +1,8 @@
 #pragma once
 // Helpers shared by the test programs: logger set-up, exact-message death tests and bounded
-// waits on threads that may block inside the library.
+// waits on threads that may block inside the library. Whether such a thread is blocked is
+// learnt from a line it writes where it goes to sleep (LogCapture::waitFor), never by
+// watching it for a while.
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -45,9 +47,6 @@ class BlockingCall {
   BlockingCall& operator=(const BlockingCall&) = delete;
 
   bool returnedWithin(std::chrono::milliseconds limit);
-  // True when the call is still blocked after `hold`: the "not before" half of a release
-  // test. Keep `hold` short (tens of milliseconds).
-  bool stillBlockedAfter(std::chrono::milliseconds hold);
   bool returned() const;
 
  private:
@@ -58,10 +57,8 @@ class BlockingCall {
   std::thread mThread;
 };
 
-// The bound a test waits for a release it expects.
+// The bound a test waits for a release or a line it expects.
 constexpr std::chrono::milliseconds kReleaseBound{5000};
-// How long a test watches a thread that must stay blocked.
-constexpr std::chrono::milliseconds kHoldTime{50};
 
 }  // namespace test
 }  // namespace orvcam

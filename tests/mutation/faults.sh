@@ -1,0 +1,61 @@
+# shellcheck shell=bash
+# Seeded faults of the mutation check (sourced by run.sh). Each one edits one library source:
+#   fault NAME FILE FUNCTION OLD NEW
+# In FILE, inside the definition of FUNCTION (from the line that starts the definition, at
+# column 0, to the next "}" at column 0), the text OLD must occur exactly once; it becomes NEW
+# (empty: deleted). A fault that no longer matches the code stops the check instead of
+# passing unnoticed. Faults of one file follow each other, so each costs one recompile.
+
+guard=hw/camsys/cam_deliver/CamDeliverGuard.cpp
+deliver=hw/camsys/cam_deliver/CamDeliver.cpp
+queue=hw/camsys/cam_deliver/LicenseQueue.cpp
+
+# A sensor no longer waits for the sync group of its previous frame.
+fault sync-check-always-true "$guard" "CamDeliverGuard::isPreviousSyncFrameFinished(" \
+  "if (!prev->syncBroken) return false;" \
+  "if (!prev->syncBroken) return true;"
+
+# A raw-switch frame no longer waits for the off sensor's previous frame.
+fault off-sensor-check-always-true "$guard" "CamDeliverGuard::waitOffSensorPreviousFrameEnqued(" \
+  "if (prev) return prev->getIsEnqued(offSensor);" \
+  "if (prev) return true;"
+
+# A completed job wakes nobody: waiters sleep on until some other change.
+fault finished-wakes-nobody "$guard" "CamDeliverGuard::finished(" \
+  "cond.notify_all();" \
+  ""
+
+# The last enqueue of a frame leaves its record in the pool.
+fault last-enqueue-keeps-record "$guard" "CamDeliverGuard::finished(" \
+  "fcPool->erase(frameNo);" \
+  ""
+
+# A drop hands out the sensor's next stamp without moving the counter on.
+fault drop-keeps-order-counter "$guard" "CamDeliverGuard::drop(" \
+  "next = order + 1;" \
+  ""
+
+# A flush leaves the sensor's order counter where it was.
+fault flush-keeps-order-counter "$guard" "CamDeliverGuard::flush(" \
+  "orderMap[sensorId] = 0;" \
+  ""
+
+# A sync group's licences each get an FD of their own.
+fault sync-group-own-fds "$deliver" "CamDeliver::prepareLicense(" \
+  "mLicenseQueue.pushLicense(s, frame, mpPipeMgr->acquireLicenseForFD(fd));" \
+  "mLicenseQueue.pushLicense(s, frame, mpPipeMgr->acquireLicense());"
+
+# An in-flight report moves the frames to new FDs but leaves them in sync.
+fault inflight-keeps-sync "$deliver" "CamDeliver::notifyEvent(" \
+  "mGuard.breakFrameSync(sensorId, frames);" \
+  ""
+
+# clear() drops the queued licences without handing them back.
+fault clear-keeps-licences "$queue" "LicenseQueue::clear(" \
+  "releaseLicense(std::move(entry.second));" \
+  ""
+
+# A licence released by key is handed to the pipe manager twice.
+fault release-hands-back-twice "$queue" "LicenseQueue::releaseLicense(uint32_t" \
+  "license.reset();" \
+  "static_cast<pipemgr::isp7::ILicenseMgr&>(*mpPipeMgr).releaseLicense(license, false, true); license.reset();"
