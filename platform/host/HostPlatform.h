@@ -26,8 +26,9 @@ namespace host {
 // and warnings), ORVCAM_ULOG_MASK (default 0x401000) and ORVCAM_ULOG_MODE (default 2: the
 // unified logger only). Each accepts decimal or 0x-prefixed hex.
 //
-// Threads. Any thread may write lines at any time. Each line is written whole, with a single
-// write, so lines of different threads never interleave. The settings below
+// Threads. Any thread may write lines at any time. Each line is stamped, laid out and written
+// whole, with a single write, under one lock: lines of different threads never interleave and
+// appear in the order of their time stamps. The settings below
 // (applyLoggerSettings, setDebugPrintEnabled) are plain globals that the library reads
 // without a lock on every line: change them only while no other thread logs. A LogCapture
 // may begin and end while other threads log.

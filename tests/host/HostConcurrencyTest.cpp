@@ -96,7 +96,7 @@ TEST(HostTraceConcurrency, TraceFileIsJsonWithMatchedSectionsPerThread) {
   EXPECT_EQ(events[0].at("args").at("name").get<std::string>().rfind("worker \"", 0), 0u);
 }
 
-TEST(HostLoggerConcurrency, LinesOfManyThreadsNeverInterleave) {
+TEST(HostLoggerConcurrency, LinesOfManyThreadsAreWholeAndInTimeOrder) {
   constexpr int kThreads = 6, kLines = 100;
   const std::string payload(900, 'x');
   testing::internal::CaptureStderr();
@@ -109,11 +109,17 @@ TEST(HostLoggerConcurrency, LinesOfManyThreadsNeverInterleave) {
   std::istringstream out(testing::internal::GetCapturedStderr());
   const std::string head = " W OrvCam/T: t";
   int count = 0;
+  std::string previousStamp;
   for (std::string text; std::getline(out, text); ++count) {
     size_t at = text.find(head);  // one header, then exactly one whole message
     ASSERT_TRUE(at != std::string::npos && text.size() == at + head.size() + 2 + payload.size() &&
                 text.compare(at + head.size() + 2, std::string::npos, payload) == 0)
         << text.substr(0, 80);
+    // "MM-DD HH:MM:SS.mmm": stamped under the lock that orders the writes, so never earlier
+    // than the line before (the run does not cross midnight of a new year).
+    const std::string stamp = text.substr(0, 18);
+    EXPECT_LE(previousStamp, stamp) << "line " << count << " is stamped before the one above it";
+    previousStamp = stamp;
   }
   EXPECT_EQ(count, kThreads * kLines);
 }
