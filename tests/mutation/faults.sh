@@ -12,8 +12,8 @@ queue=hw/camsys/cam_deliver/LicenseQueue.cpp
 
 # A sensor no longer waits for the sync group of its previous frame.
 fault sync-check-always-true "$guard" "CamDeliverGuard::isPreviousSyncFrameFinished(" \
-  "if (!prev->syncBroken) return false;" \
-  "if (!prev->syncBroken) return true;"
+  "if (!isEnquedLocked(*prev, s)) return false;" \
+  "if (!isEnquedLocked(*prev, s)) return true;"
 
 # A raw-switch frame no longer waits for the off sensor's previous frame.
 fault off-sensor-check-always-true "$guard" "CamDeliverGuard::waitOffSensorPreviousFrameEnqued(" \

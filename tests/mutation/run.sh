@@ -7,8 +7,9 @@
 # build/mutation), builds there once the library, the unit-test programs that exercise it and
 # camdeliver-sim, and checks that they all pass on the unchanged copy. Then, per fault, it
 # edits one library source of the copy, rebuilds only the library (the programs load it at run
-# time and are not relinked), runs those tests and the simulator on every shipped scenario,
-# and puts the source back. It prints which tests and scenarios caught each fault.
+# time and are not relinked), runs those tests, the simulator on every shipped scenario and on
+# a batch of generated ones (a batch that stalls for a minute counts as caught), and puts the
+# source back. It prints which tests and scenarios caught each fault.
 #
 # Exit status: 0 every fault caught; 1 some fault survived; 2 the check could not run (a fault
 # no longer matches the code, a build failed, or a test fails without any fault).
@@ -29,7 +30,8 @@ sim_stall_timeout=3   # seconds without progress before the simulator gives up
 # simulator's checker tests do not.
 test_targets=(delivery_concurrency_test delivery_guard_test delivery_license_plan_test
   delivery_death_test foundation_license_queue_test foundation_frames_test)
-test_exclude='_NOT_BUILT$|^library_exports$|^sim_'
+test_exclude='_NOT_BUILT$|^library_exports$|^consumer_package$|^sim_'
+random_batch=(--random 40 --seed 7)  # generated scenarios, free call orders included
 
 started=$SECONDS
 busy_ms=0
@@ -152,9 +154,12 @@ failures() {
     step timeout 60 "$sim" "$s" --stall-timeout "$sim_stall_timeout" \
       >"$logs/$tag.sim.$name.log" 2>&1 || say "camdeliver-sim $name.json" >>"$out"
   done
+  step timeout 60 "$sim" "${random_batch[@]}" --stall-timeout "$sim_stall_timeout" \
+    >"$logs/$tag.sim.random.log" 2>&1 || say "camdeliver-sim ${random_batch[*]}" >>"$out"
 }
 
-say "== mutation check: ${#selected[@]} faults, tests of ${#test_targets[@]} programs and ${#scenarios[@]} scenarios"
+say "== mutation check: ${#selected[@]} faults, tests of ${#test_targets[@]} programs," \
+  "${#scenarios[@]} scenarios and ${random_batch[*]}"
 step failures unchanged
 baseline=$(cat "$logs/unchanged.failed")
 [[ -z $baseline ]] || die "fails without any fault (see $logs/unchanged.*):"$'\n'"$baseline"
