@@ -251,6 +251,9 @@ bool isFatalText(std::string_view text) {
 }  // namespace
 
 std::string ruleForFatal(const std::string& message) {
+  if (message.find("F:-1] FC not found !") != std::string::npos) {
+    return "report setConfigured for frame 0xFFFFFFFF while no record is kept under that number";
+  }
   std::string s = shape(message);
   struct Row {
     const char* shape;
@@ -265,8 +268,6 @@ std::string ruleForFatal(const std::string& message) {
        "give a non-configure frame a sync list of exactly one sensor"},
       {"[F:N] sensorId(N) in synclist but not in enqlist",
        "put a sensor in the sync list without needEnq"},
-      {"[S:N F:-N] FC not found !",
-       "report setConfigured for frame 0xFFFFFFFF while no record is kept under that number"},
       {"[S:N F:N] FC not found !",
        "send for a frame that is not in the pool (never emplaced, or already retired)"},
       {"[S:N F:N] unexpected not enq count(N)",

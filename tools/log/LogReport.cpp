@@ -487,14 +487,27 @@ void writeScenario(std::ostream& out, const Run& r) {
       groups.push_back({{"sensors", current}, {"fromFrame", from}, {"toFrame", to}});
     }
   };
-  for (const auto& p : h.plans) {
-    std::set<uint32_t> list = p.syncList;
-    if (list.empty() && !p.needCfg.empty() && current.size() >= 2) {
-      // Configure frames show no shared FD; they keep the group when all of it takes part.
-      bool all = std::all_of(current.begin(), current.end(),
-                             [&](uint32_t s) { return p.participates(s); });
-      if (all) list = current;
+  // Configure frames show no shared FD; they take the group of a neighbouring frame when all
+  // of it takes part.
+  std::vector<std::set<uint32_t>> lists;
+  for (const auto& p : h.plans) lists.push_back(p.syncList);
+  auto allIn = [](const std::set<uint32_t>& group, const sim::FramePlan& p) {
+    return std::all_of(group.begin(), group.end(), [&](uint32_t s) {
+      return std::find(p.sensors.begin(), p.sensors.end(), s) != p.sensors.end();
+    });
+  };
+  for (size_t i = 0; i < h.plans.size(); ++i) {
+    const sim::FramePlan& p = h.plans[i];
+    if (!lists[i].empty() || p.needCfg.empty()) continue;
+    if (i > 0 && !lists[i - 1].empty() && allIn(lists[i - 1], p)) {
+      lists[i] = lists[i - 1];
+    } else if (i + 1 < h.plans.size() && !lists[i + 1].empty() && allIn(lists[i + 1], p)) {
+      lists[i] = lists[i + 1];
     }
+  }
+  for (size_t i = 0; i < h.plans.size(); ++i) {
+    const sim::FramePlan& p = h.plans[i];
+    const std::set<uint32_t>& list = lists[i];
     if (list == current && p.frame == to + 1) {
       to = p.frame;
       continue;
