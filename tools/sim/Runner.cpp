@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdio>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -494,6 +495,14 @@ struct Runner::Impl {
     std::lock_guard<std::mutex> lock(mutex);
     out += "  frames emplaced " + std::to_string(framesEmplaced) + ", done " +
            std::to_string(framesDone) + " of " + std::to_string(plans.size()) + "\n";
+    // The deliverer's own view; dump() never blocks on its locks.
+    if (FILE* f = std::tmpfile()) {
+      deliver->dump(fileno(f));
+      std::rewind(f);
+      char buf[4096];
+      for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+      std::fclose(f);
+    }
     return out;
   }
 
