@@ -109,12 +109,26 @@ struct Runner::Impl {
     return frames[idx].flushed || frames[idx].done.size() == plans[idx].sensors.size();
   }
 
+  // A frame's async track from emplace to retirement, and the count of frames in flight.
+  // Caller holds `mutex`.
+  void traceFrame(size_t idx, bool emplaced) {
+    if (!options.trace) return;
+    std::string name = "F:" + std::to_string(plans[idx].frame);
+    if (emplaced) {
+      host::traceAsyncBegin(name, plans[idx].frame);
+    } else {
+      host::traceAsyncEnd(name, plans[idx].frame);
+    }
+    host::traceCounter("frames in flight", int64_t(inFlight));
+  }
+
   // Caller holds `mutex`.
   void markDone(uint32_t sensor, size_t idx) {
     frames[idx].done.insert(sensor);
     if (complete(idx)) {
       --inFlight;
       ++framesDone;
+      traceFrame(idx, false);
     }
     touch();
     cond.notify_all();
@@ -382,6 +396,7 @@ struct Runner::Impl {
     frames[idx].emplaced = true;
     ++inFlight;
     ++framesEmplaced;
+    traceFrame(idx, true);
     touch();
     cond.notify_all();
   }
@@ -455,6 +470,7 @@ struct Runner::Impl {
         frames[i].flushed = true;
         --inFlight;
         ++framesDone;
+        traceFrame(i, false);
       }
     }
     gate = kNoGate;
