@@ -1,19 +1,22 @@
 #!/bin/sh
 # Round trip of one scenario: the simulator's log at debug and at verbose level, read back by
 # camdeliver-log, gives the simulator's per-sensor counts and no findings; the history it
-# rebuilds reads back into camdeliver-sim --check without an ordering violation, and the scenario it writes runs clean.
-#   roundtrip.sh SIM LOG SCENARIO WORKDIR
+# rebuilds reads back into camdeliver-sim --check without an ordering violation, and the
+# scenario it writes runs clean. The traces both tools write pass the structure check.
+#   roundtrip.sh SIM LOG TRACE_CHECK SCENARIO WORKDIR
 set -eu
-sim=$1 log=$2 scenario=$3 work=$4
+sim=$1 log=$2 check=$3 scenario=$4 work=$5
 mkdir -p "$work"
 counts() { grep -E '^(S:[0-9]+|total) ' "$1" | awk '{print $1, $2, $3, $4, $5, $6}'; }
 for level in debug verbose; do
-  "$sim" "$scenario" --log-level "$level" >"$work/sim.out" 2>"$work/run.log"
+  "$sim" "$scenario" --log-level "$level" --trace "$work/sim-trace.json" >"$work/sim.out" \
+    2>"$work/run.log"
   if ! "$log" "$work/run.log" --history "$work/h.json" --scenario "$work/s.json" \
       --trace "$work/t.json" >"$work/log.out"; then
     echo "camdeliver-log found something in the $level log:"; cat "$work/log.out"; exit 1
   fi
   grep -q '^no findings$' "$work/log.out" || { cat "$work/log.out"; exit 1; }
+  "$check" "$work/sim-trace.json" "$work/t.json"
   if [ "$(counts "$work/sim.out")" != "$(counts "$work/log.out")" ]; then
     echo "per-sensor counts differ at $level level"
     echo "simulator:"; counts "$work/sim.out"; echo "log:"; counts "$work/log.out"; exit 1
