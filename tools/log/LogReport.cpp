@@ -361,6 +361,16 @@ void writeTrace(std::ostream& out, const Run& r) {
                       {"dur", us(end - j.sent)},
                       {"pid", pid},
                       {"tid", tid}});
+    if (j.ran && j.start > j.sent) {
+      events.push_back(
+          {{"name", name + " isConfig:" + (j.kind == sim::JobKind::Configure ? "1" : "0")},
+           {"cat", "wait"},
+           {"ph", "X"},
+           {"ts", us(j.sent)},
+           {"dur", us(j.start - j.sent)},
+           {"pid", pid},
+           {"tid", tid}});
+    }
     if (j.ran) {
       events.push_back({{"name", std::string(sim::jobKindName(j.kind)) + " " + name},
                         {"cat", "job"},
@@ -371,6 +381,66 @@ void writeTrace(std::ostream& out, const Run& r) {
                         {"tid", tid},
                         {"args", {{"fd", j.fd}}}});
     }
+  }
+  // Flow arrows: from the partner's enqueue job whose end released a waiting enqueue (the
+  // last of the previous frame's partners to finish before it started) to that enqueue.
+  uint64_t flowId = 0;
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (!st.enqStarted || !(st.enqWaitSeen && st.waitLines > 0)) continue;
+    std::optional<uint32_t> prev = previousFrame(r, st);
+    if (!prev) continue;
+    const SensorFrame* releaser = nullptr;
+    for (const auto& other : r.states) {
+      const SensorFrame& p = other.second;
+      if (p.frame != *prev || p.sensor == st.sensor || !p.enqDone || p.enqEnd > st.enqStart) {
+        continue;
+      }
+      if (!releaser || p.enqEnd > releaser->enqEnd) releaser = &p;
+    }
+    if (!releaser || releaser->tid < 0 || st.tid < 0) continue;
+    ++flowId;
+    events.push_back({{"name", "releases"},
+                      {"cat", "flow"},
+                      {"ph", "s"},
+                      {"id", flowId},
+                      {"ts", us(releaser->enqStart)},
+                      {"pid", pid},
+                      {"tid", releaser->tid}});
+    events.push_back({{"name", "releases"},
+                      {"cat", "flow"},
+                      {"ph", "f"},
+                      {"bp", "e"},
+                      {"id", flowId},
+                      {"ts", us(st.enqStart)},
+                      {"pid", pid},
+                      {"tid", st.tid}});
+  }
+  // Counters: frames in flight (first prepare to retirement) and enqueue sends waiting.
+  std::vector<std::pair<Nanos, std::pair<int, int>>> marks;  // time -> (frames, waiting)
+  for (const auto& entry : r.frames) {
+    if (entry.second.sensors.empty()) continue;
+    marks.push_back({entry.second.firstSeen, {1, 0}});
+    if (entry.second.retired) marks.push_back({entry.second.retiredAt, {-1, 0}});
+  }
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (!(st.enqSentSeen || st.enqWaitSeen) || st.enqStart <= st.enqSentAt) continue;
+    marks.push_back({st.enqSentAt, {0, 1}});
+    if (st.enqStarted) marks.push_back({st.enqStart, {0, -1}});
+  }
+  std::sort(marks.begin(), marks.end());
+  int inFlight = 0, waiting = 0;
+  for (const auto& m : marks) {
+    inFlight += m.second.first;
+    waiting += m.second.second;
+    events.push_back({{"name", m.second.first ? "frames in flight" : "sends waiting"},
+                      {"cat", "counter"},
+                      {"ph", "C"},
+                      {"ts", us(m.first)},
+                      {"pid", pid},
+                      {"tid", eventTid},
+                      {"args", {{"value", m.second.first ? inFlight : waiting}}}});
   }
   for (const auto& e : r.history.events) {
     std::string name = e.kind == sim::EventKind::QueueFlush
