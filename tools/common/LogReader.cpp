@@ -532,14 +532,23 @@ void LogReader::handle(Context& c, const LogLine& line) {
       e.begin = e.end = at;
       if (e.kind == sim::EventKind::Flush) {
         // Every frame still in flight that the sensor prepared counts as flushed for it.
+        // The pool holds at most 19 frames, so the scan back stops after a run of frames
+        // that are all done.
+        constexpr int kDoneRunEnd = 64;
         auto seq = r.sequence.find(sensor);
         if (seq != r.sequence.end()) {
-          for (uint32_t f : seq->second) {
-            SensorFrame& st = r.states[{sensor, f}];
-            if (st.done() || r.frames[f].retired) continue;
+          int doneRun = 0;
+          for (auto it = seq->second.rbegin(); it != seq->second.rend() && doneRun < kDoneRunEnd;
+               ++it) {
+            SensorFrame& st = r.states[{sensor, *it}];
+            if (st.done() || r.frames[*it].retired) {
+              ++doneRun;
+              continue;
+            }
+            doneRun = 0;
             st.flushed = true;
             st.flushedAt = at;
-            e.frames.push_back(f);
+            e.frames.push_back(*it);
           }
         }
         std::sort(e.frames.begin(), e.frames.end());

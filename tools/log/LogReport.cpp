@@ -391,12 +391,12 @@ void writeTrace(std::ostream& out, const Run& r) {
     std::optional<uint32_t> prev = previousFrame(r, st);
     if (!prev) continue;
     const SensorFrame* releaser = nullptr;
-    for (const auto& other : r.states) {
-      const SensorFrame& p = other.second;
-      if (p.frame != *prev || p.sensor == st.sensor || !p.enqDone || p.enqEnd > st.enqStart) {
-        continue;
-      }
-      if (!releaser || p.enqEnd > releaser->enqEnd) releaser = &p;
+    auto prevInfo = r.frames.find(*prev);
+    if (prevInfo == r.frames.end()) continue;
+    for (uint32_t partner : prevInfo->second.sensors) {
+      const SensorFrame* p = findState(r, partner, *prev);
+      if (!p || partner == st.sensor || !p->enqDone || p->enqEnd > st.enqStart) continue;
+      if (!releaser || p->enqEnd > releaser->enqEnd) releaser = p;
     }
     if (!releaser || releaser->tid < 0 || st.tid < 0) continue;
     ++flowId;
