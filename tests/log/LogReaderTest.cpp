@@ -222,6 +222,20 @@ TEST_F(LogTest, CheckerFindsAnOrderBreachInAnEditedLog) {
   EXPECT_THAT(a.findings[0].text, HasSubstr("S:0 F:2 EnqJob started"));
 }
 
+// The capture starts while frame 7 is in flight: its jobs are left out, not called faults.
+TEST_F(LogTest, LogBeginningMidStreamLeavesEarlierFramesOut) {
+  enqueue(0, 0, 7, 3, false);
+  enqueue(2, 1, 7, 3, true);
+  prepare(4, 0, 8, 5);
+  prepare(5, 1, 8, 5);
+  enqueue(6, 0, 8, 4, false);
+  enqueue(8, 1, 8, 4, true);
+  logread::Run run = only();
+  EXPECT_EQ(run.unpreparedJobs, 2u);
+  EXPECT_EQ(run.history.jobs.size(), 2u);
+  EXPECT_TRUE(analyse(run).findings.empty());
+}
+
 TEST_F(LogTest, OnlyWarningsMeansNothingCheckableAndSaysHowToEnableIt) {
   add(tt(0, 12, 'W', "LicenseQueue", "[releaseLicense] [S:65280 F:1] license already null !"));
   Analysis a = analyse(only());

@@ -782,6 +782,12 @@ std::vector<Run> LogReader::finish() {
     }
     for (const auto& entry : r.states) {
       const SensorFrame& st = entry.second;
+      // A log that begins mid-stream shows jobs of frames prepared before its first line;
+      // without their prepare they cannot be put in order, so they are left out.
+      if (!st.prepared) {
+        if (st.cfgSent || st.enqStarted || st.enqNull) ++r.unpreparedJobs;
+        continue;
+      }
       if (st.cfgSent) {
         sim::JobRecord j;
         j.sensor = st.sensor;

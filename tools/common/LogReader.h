@@ -126,7 +126,8 @@ struct Run {
   std::vector<FatalAssertion> fatals;
   std::map<std::string, WarningCount> warnings;  // by kind
   bool torndown = false;                         // the deliverer's destructor handed licences back
-  sim::History history;                          // filled by finish()
+  uint64_t unpreparedJobs = 0;  // jobs of frames prepared before the log begins, left out
+  sim::History history;         // filled by finish()
 };
 
 class LogReader {

@@ -114,6 +114,10 @@ int main(int argc, char** argv) {
                 << analysis.check.jobsChecked << " jobs checked for order, sync, raw switch, FD "
                 << "and delivery\n";
     }
+    if (run.unpreparedJobs) {
+      std::cout << run.unpreparedJobs
+                << " job(s) of frames prepared before the log begins were left out\n";
+    }
     if (run.truncated) {
       std::cout << run.truncated
                 << " line(s) were cut at the logger's 1023 bytes; their lists are partial\n";
