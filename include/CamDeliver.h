@@ -66,6 +66,13 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
 
   void notifyEvent(EventType type, uint32_t sensorId, uint32_t frameNo, uint32_t value);
 
+  // Writes the deliverer's state to `fd` for a dumpsys: the pool's records, each sensor's next
+  // order stamp, the prepared-frame list, the queued licences, and what every prepared sensor
+  // still waits for. Any thread; never blocks on the library's locks: each is tried until 10
+  // ms in all have passed, and a part whose lock stayed busy is reported as not read. Writes
+  // no log line and changes nothing.
+  void dump(int fd);
+
   // Lock order, never reversed: mPrepareMutex -> mLicenseMutex; mJobLock -> mLicenseMutex;
   // then the guard's, the pool's and a record's locks; the licence queue's lock is a leaf.
   // No deliverer lock is held while a thread waits in the guard.

@@ -117,7 +117,10 @@ std::string getProperty(const std::string& key);
 // 0). When a trace file is open (ORVCAM_TRACE_FILE at start-up, or openTraceFile), every
 // ULogger::trace begin/end and the calls below become Chrome JSON trace events ("B", "E",
 // "i", and thread-name metadata) with microsecond timestamps, one track per thread. The file
-// is closed and made valid JSON by closeTraceFile() or at exit.
+// is closed and made valid JSON by closeTraceFile(), at exit, and when the process aborts (a
+// fatal assertion): the events written up to then are kept. The file starts with the
+// process's name; named threads are sorted "pipeline" first, then "main", then "sensor N" by
+// N, then the rest.
 void setTraceTags(uint64_t tags);
 bool openTraceFile(const std::string& path, std::string* error);
 void closeTraceFile();
@@ -126,6 +129,16 @@ void traceBegin(const std::string& name);
 void traceEnd(const std::string& name);
 void traceInstant(const std::string& name);
 void traceThreadName(const std::string& name);
+// An async track ("b"/"e" with an id), for example a frame from emplace to retirement; begin
+// and end may come from different threads.
+void traceAsyncBegin(const std::string& name, uint64_t id);
+void traceAsyncEnd(const std::string& name, uint64_t id);
+// A counter track ("C") holding `value` from now on.
+void traceCounter(const std::string& name, int64_t value);
+// A flow arrow ("s" then "f" with one id), from inside the current section of the calling
+// thread to the section open on the thread that ends it.
+void traceFlowStart(const std::string& name, uint64_t id);
+void traceFlowEnd(const std::string& name, uint64_t id);
 
 // ---- Pipe manager -------------------------------------------------------------------------
 

@@ -1,5 +1,7 @@
 // Host tracing: the enabled-tags mask of libcutils, ULogger::trace and a Chrome JSON trace
 // file (an array of trace events, one per line) that Perfetto UI and chrome://tracing open.
+// The file is finished at exit and also when the process aborts.
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 #include "HostPlatform.h"
 #include "cutils/Trace.h"
@@ -44,6 +47,8 @@ struct TraceState {
   bool firstEvent = true;
   int pid = 0;
   bool atExitRegistered = false;
+  bool abortHandlerInstalled = false;
+  struct sigaction previousAbort {};
 };
 
 TraceState& state() {
@@ -109,6 +114,43 @@ void closeLocked(TraceState& s) {
 
 void closeAtExit() { closeTraceFile(); }
 
+// A fatal assertion ends the process with abort(), which skips the exit handlers: the trace
+// is finished here instead, so that it stays valid JSON and keeps its buffered events. The
+// lock is only tried (a thread may have been stopped inside writeEvent); when it stays busy
+// the file is left as it is. Then the previous handler, if any, runs; returning lets abort()
+// go on with the default action.
+void onAbort(int sig, siginfo_t* info, void* context) {
+  TraceState& s = state();
+  bool locked = false;
+  for (int i = 0; i < 100000 && !locked; ++i) locked = s.mutex.try_lock();
+  if (locked) {
+    closeLocked(s);
+    s.mutex.unlock();
+  }
+  const struct sigaction& prev = s.previousAbort;
+  if (prev.sa_flags & SA_SIGINFO) {
+    if (prev.sa_sigaction != nullptr) prev.sa_sigaction(sig, info, context);
+  } else if (prev.sa_handler != SIG_DFL && prev.sa_handler != SIG_IGN &&
+             prev.sa_handler != nullptr) {
+    prev.sa_handler(sig);
+  }
+}
+
+std::string processName() {
+  std::ifstream comm("/proc/self/comm");
+  std::string name;
+  std::getline(comm, name);
+  return name.empty() ? "process " + std::to_string(getpid()) : name;
+}
+
+// Track order in a viewer: the pipeline first, then main, then the sensors by number.
+int sortIndexFor(const std::string& name) {
+  if (name == "pipeline") return 0;
+  if (name == "main") return 1;
+  if (name.compare(0, 7, "sensor ") == 0) return 10 + atoi(name.c_str() + 7);
+  return 100000;
+}
+
 struct StartUpTraceFile {
   StartUpTraceFile() {
     const char* path = getenv("ORVCAM_TRACE_FILE");
@@ -139,9 +181,22 @@ bool openTraceFile(const std::string& path, std::string* error) {
   s.open.store(true, std::memory_order_relaxed);
   s.firstEvent = true;
   s.pid = static_cast<int>(getpid());
+  fprintf(file,
+          "{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":%d,\"tid\":%d,"
+          "\"args\":{\"name\":%s}}",
+          s.pid, s.pid, jsonString(processName().c_str()).c_str());
+  s.firstEvent = false;
   if (!s.atExitRegistered) {
     s.atExitRegistered = true;
     std::atexit(closeAtExit);
+  }
+  if (!s.abortHandlerInstalled) {
+    s.abortHandlerInstalled = true;
+    struct sigaction action {};
+    action.sa_sigaction = onAbort;
+    action.sa_flags = SA_SIGINFO;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGABRT, &action, &s.previousAbort);
   }
   return true;
 }
@@ -169,6 +224,29 @@ void traceInstant(const std::string& name) {
 void traceThreadName(const std::string& name) {
   writeEvent("thread_name", "__metadata", 'M',
              ",\"args\":{\"name\":" + jsonString(name.c_str()) + "}");
+  writeEvent("thread_sort_index", "__metadata", 'M',
+             ",\"args\":{\"sort_index\":" + std::to_string(sortIndexFor(name)) + "}");
+}
+
+void traceAsyncBegin(const std::string& name, uint64_t id) {
+  writeEvent(name.c_str(), kHostCategory, 'b', ",\"id\":" + std::to_string(id));
+}
+
+void traceAsyncEnd(const std::string& name, uint64_t id) {
+  writeEvent(name.c_str(), kHostCategory, 'e', ",\"id\":" + std::to_string(id));
+}
+
+void traceCounter(const std::string& name, int64_t value) {
+  writeEvent(name.c_str(), kHostCategory, 'C',
+             ",\"args\":{\"value\":" + std::to_string(value) + "}");
+}
+
+void traceFlowStart(const std::string& name, uint64_t id) {
+  writeEvent(name.c_str(), kHostCategory, 's', ",\"id\":" + std::to_string(id));
+}
+
+void traceFlowEnd(const std::string& name, uint64_t id) {
+  writeEvent(name.c_str(), kHostCategory, 'f', ",\"id\":" + std::to_string(id) + ",\"bp\":\"e\"");
 }
 
 }  // namespace host

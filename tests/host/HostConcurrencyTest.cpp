@@ -91,9 +91,15 @@ TEST(HostTraceConcurrency, TraceFileIsJsonWithMatchedSectionsPerThread) {
   EXPECT_EQ(phases, (std::map<std::string, int>{{"B", kThreads * kSections + 1},
                                                 {"E", kThreads * kSections + 1},
                                                 {"i", kThreads * kSections},
-                                                {"M", kThreads}}));
+                                                {"M", 1 + 2 * kThreads}}));
   EXPECT_EQ(events.back().at("name"), "odd\t\x01");
-  EXPECT_EQ(events[0].at("args").at("name").get<std::string>().rfind("worker \"", 0), 0u);
+  // The process's name first; each thread's name with its sort index.
+  EXPECT_EQ(events[0].at("name"), "process_name");
+  EXPECT_EQ(events[1].at("args").at("name").get<std::string>().rfind("worker \"", 0), 0u);
+  // One sort index per named thread (a finished thread's id may be reused by a later one).
+  int sortIndexes = 0;
+  for (const auto& e : events) sortIndexes += e.at("name") == "thread_sort_index";
+  EXPECT_EQ(sortIndexes, kThreads);
 }
 
 TEST(HostLoggerConcurrency, LinesOfManyThreadsAreWholeAndInTimeOrder) {

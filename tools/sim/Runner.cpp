@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdio>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -110,6 +111,18 @@ struct Runner::Impl {
     return frames[idx].flushed || frames[idx].done.size() == plans[idx].sensors.size();
   }
 
+  // A frame's async track from emplace to retirement, and the count of frames in flight.
+  void traceFrameLocked(size_t idx, bool emplaced) {
+    if (!options.trace) return;
+    std::string name = "F:" + std::to_string(plans[idx].frame);
+    if (emplaced) {
+      host::traceAsyncBegin(name, plans[idx].frame);
+    } else {
+      host::traceAsyncEnd(name, plans[idx].frame);
+    }
+    host::traceCounter("frames in flight", int64_t(inFlight));
+  }
+
   bool fullyPreparedLocked(size_t idx) const {
     return frames[idx].flushed || frames[idx].prepared.size() == plans[idx].sensors.size();
   }
@@ -126,6 +139,7 @@ struct Runner::Impl {
     if (completeLocked(idx)) {
       --inFlight;
       ++framesDone;
+      traceFrameLocked(idx, false);
     }
     touch();
     cond.notify_all();
@@ -468,6 +482,7 @@ struct Runner::Impl {
     frames[idx].emplaced = true;
     ++inFlight;
     ++framesEmplaced;
+    traceFrameLocked(idx, true);
     touch();
     cond.notify_all();
   }
@@ -545,6 +560,7 @@ struct Runner::Impl {
         frames[i].flushed = true;
         --inFlight;
         ++framesDone;
+        traceFrameLocked(i, false);
       }
     }
     gate = kNoGate;
@@ -585,6 +601,14 @@ struct Runner::Impl {
     std::lock_guard<std::mutex> lock(mutex);
     out += "  frames emplaced " + std::to_string(framesEmplaced) + ", done " +
            std::to_string(framesDone) + " of " + std::to_string(plans.size()) + "\n";
+    // The deliverer's own view; dump() never blocks on its locks.
+    if (FILE* f = std::tmpfile()) {
+      deliver->dump(fileno(f));
+      std::rewind(f);
+      char buf[4096];
+      for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+      std::fclose(f);
+    }
     return out;
   }
 

@@ -10,6 +10,7 @@
 #include <iostream>
 
 #include "Checker.h"
+#include "HistoryJson.h"
 #include "HostPlatform.h"
 #include "RandomRuns.h"
 #include "Report.h"
@@ -55,6 +56,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> props;
   std::string tracePath;
   std::string historyPath;
+  std::string checkPath;
   uint64_t seed = 0;
   int stallSeconds = 10;
   uint64_t randomCount = 0;
@@ -77,6 +79,9 @@ int main(int argc, char** argv) {
                  "Set a system property before the run, as key=value (repeatable)");
   app.add_option("--trace", tracePath, "Write a Chrome JSON trace (open it in Perfetto UI)");
   app.add_option("--history", historyPath, "Write everything the run recorded as JSON");
+  app.add_option("--check", checkPath,
+                 "Run nothing: check a history saved with --history (or by camdeliver-log) "
+                 "and print its summary");
   auto* seedOption =
       app.add_option("--seed", seed, "Seed of the job durations (default: the scenario's)");
   app.add_option("--stall-timeout", stallSeconds,
@@ -107,6 +112,18 @@ int main(int argc, char** argv) {
     random.keepDir = keepDir;
     random.stallSeconds = stallSeconds;
     return sim::runRandomScenarios(random);
+  }
+
+  if (!checkPath.empty()) {
+    sim::History saved;
+    std::string readError;
+    if (!sim::readHistoryFile(checkPath, &saved, &readError)) {
+      std::cerr << "camdeliver-sim: --check: " << readError << "\n";
+      return kExitUsage;
+    }
+    sim::CheckResult savedCheck = sim::checkHistory(saved);
+    sim::printReport(std::cout, saved, savedCheck);
+    return savedCheck.clean() ? 0 : kExitViolations;
   }
 
   // Everything is checked before any thread starts.

@@ -86,7 +86,9 @@ class Checker {
   void index() {
     for (const auto& p : h_.plans) plans_[p.frame] = &p;
     for (const auto& p : h_.prepares) {
-      sequence_[p.sensor].push_back(p.frame);
+      std::vector<uint32_t>& seq = sequence_[p.sensor];
+      position_.emplace(SensorFrame{p.sensor, p.frame}, seq.size());  // first prepare counts
+      seq.push_back(p.frame);
       keepEarliest(preparedAt_, SensorFrame{p.sensor, p.frame}, p.end > 0 ? p.end : p.at);
     }
     for (const auto& j : h_.jobs) {
@@ -156,11 +158,9 @@ class Checker {
 
   // The frame the sensor prepared just before `frame`, if any.
   std::optional<uint32_t> previousFrame(uint32_t sensor, uint32_t frame) const {
-    auto it = sequence_.find(sensor);
-    if (it == sequence_.end()) return std::nullopt;
-    auto pos = std::find(it->second.begin(), it->second.end(), frame);
-    if (pos == it->second.end() || pos == it->second.begin()) return std::nullopt;
-    return *(pos - 1);
+    auto pos = position_.find({sensor, frame});
+    if (pos == position_.end() || pos->second == 0) return std::nullopt;
+    return sequence_.at(sensor)[pos->second - 1];
   }
 
   // Per sensor, jobs run in preparation order, configure before enqueue.
@@ -181,8 +181,7 @@ class Checker {
     }
     for (const auto& entry : jobs_) {
       if (entry.first.second == kNoFrame) continue;  // no frame: nothing to prepare
-      const auto& seq = sequence_[entry.first.first];
-      if (std::find(seq.begin(), seq.end(), entry.first.second) == seq.end()) {
+      if (!position_.count(entry.first)) {
         add("order", entry.second.front()->sent,
             sf(entry.first.first, entry.first.second) +
                 " sent a job for a frame it never prepared");
@@ -480,6 +479,7 @@ class Checker {
   CheckResult result_;
   std::map<uint32_t, const FramePlan*> plans_;
   std::map<uint32_t, std::vector<uint32_t>> sequence_;  // per sensor, frames in prepare order
+  std::map<SensorFrame, size_t> position_;              // where a frame is in its sequence
   std::map<SensorFrame, std::vector<const JobRecord*>> jobs_;  // configure first
   std::map<SensorFrame, Nanos> dropped_;
   std::map<SensorFrame, Nanos> flushed_;

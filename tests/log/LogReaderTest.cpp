@@ -1,0 +1,325 @@
+// camdeliver-log's reader and analysis on hand-written logs: the layouts it accepts, each kind
+// of finding, and the history JSON round trip shared with the simulator.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "HistoryJson.h"
+#include "LogReader.h"
+#include "LogReport.h"
+#include "Report.h"
+
+namespace orvcam {
+namespace logread {
+namespace {
+
+using ::testing::HasSubstr;
+
+// A threadtime line of process 100 at `ms` milliseconds past 10:00:00.
+std::string tt(int ms, int tid, char level, const char* tag, const std::string& text) {
+  char buf[1200];
+  std::snprintf(buf, sizeof buf, "11-22 10:00:%02d.%03d   100   %d %c OrvCam/%s: %s", ms / 1000,
+                ms % 1000, tid, level, tag, text.c_str());
+  return buf;
+}
+
+class LogTest : public ::testing::Test {
+ protected:
+  void add(const std::string& line) { reader.addLine(line); }
+  // Sensor `s` on thread 10 + s.
+  void prepare(int ms, int s, int f, int order) {
+    add(tt(ms, 10 + s, 'D', "CamDeliverGuard",
+           "[prepare] [S:" + std::to_string(s) + " F:" + std::to_string(f) + "] prepared, order(" +
+               std::to_string(order) + ")"));
+  }
+  void enqueue(int ms, int s, int f, int fd, bool last) {
+    std::string sf = "[S:" + std::to_string(s) + " F:" + std::to_string(f) + "]";
+    add(tt(ms, 10 + s, 'D', "CamDeliver",
+           "[getLicense] " + sf + " FD(" + std::to_string(fd) + ")"));
+    add(tt(ms + 1, 10 + s, 'D', "CamDeliverGuard",
+           "[finished] " + sf + " EnqJob finished. " + (last ? "Is last, erase it." : "")));
+  }
+  logread::Run only() {
+    std::vector<logread::Run> runs = reader.finish();
+    EXPECT_EQ(runs.size(), 1u);
+    return runs.empty() ? logread::Run() : runs.front();
+  }
+  static std::vector<std::string> kinds(const Analysis& a) {
+    std::vector<std::string> out;
+    for (const Finding& f : a.findings) out.push_back(f.kind);
+    return out;
+  }
+  LogReader reader;
+};
+
+TEST(LogLineTest, ReadsEveryLayout) {
+  LogLine l;
+  ASSERT_TRUE(parseLogLine(
+      "11-22 03:07:50.944  7792  7795 D OrvCam/CamDeliverGuard: [prepare] [S:0 F:1] x", &l));
+  EXPECT_EQ(l.layout, Layout::ThreadTime);
+  EXPECT_EQ(l.pid, 7792);
+  EXPECT_EQ(l.tid, 7795);
+  EXPECT_EQ(l.level, 'D');
+  EXPECT_EQ(l.tag, "OrvCam/CamDeliverGuard");
+  EXPECT_EQ(l.text, "[prepare] [S:0 F:1] x");
+  // A bugreport's lines carry a year and a uid column.
+  ASSERT_TRUE(parseLogLine(
+      "2026-11-22 03:07:50.944123 cameraserver  7792  7795 W OrvCam/LicenseQueue: t", &l));
+  EXPECT_EQ(l.pid, 7792);
+  EXPECT_EQ(l.tid, 7795);
+  EXPECT_EQ(l.level, 'W');
+  LogLine earlier;
+  ASSERT_TRUE(parseLogLine("11-22 03:07:50.943  1  2 D OrvCam/CamDeliver: a", &earlier));
+  EXPECT_EQ(l.timeNs - earlier.timeNs, 1123000);
+  ASSERT_TRUE(
+      parseLogLine("11-22 03:07:50.944 E/OrvCam/CamDeliver( 7792): [S:0 F:1] pJob is null", &l));
+  EXPECT_EQ(l.layout, Layout::Time);
+  EXPECT_EQ(l.pid, 7792);
+  EXPECT_EQ(l.tid, -1);
+  EXPECT_EQ(l.text, "[S:0 F:1] pJob is null");
+  ASSERT_TRUE(parseLogLine("D/OrvCam/CamDeliver(  42): [getLicense] [S:1 F:2] FD(3)", &l));
+  EXPECT_EQ(l.layout, Layout::Brief);
+  EXPECT_EQ(l.pid, 42);
+  EXPECT_FALSE(l.hasTime);
+  for (const char* junk : {"", "------ SYSTEM LOG (logcat -v threadtime -d *:v) ------",
+                           "11-22 03:07:50.944", "--------- beginning of main"}) {
+    EXPECT_FALSE(parseLogLine(junk, &l)) << junk;
+  }
+}
+
+TEST_F(LogTest, SeparatesProcessesAndIgnoresOtherTags) {
+  add("11-22 10:00:00.000   200   201 D OrvCam/CamDeliverGuard: [prepare] [S:3 F:9] prepared, "
+      "order(0)");
+  add("11-22 10:00:00.000   100   101 D CameraProvider: [prepare] [S:4 F:9] prepared, order(0)");
+  prepare(1, 0, 1, 0);
+  std::vector<logread::Run> runs = reader.finish();
+  ASSERT_EQ(runs.size(), 2u);
+  EXPECT_EQ(runs[0].pid, 200);
+  EXPECT_EQ(runs[0].history.sensors, std::vector<uint32_t>{3});
+  EXPECT_EQ(runs[1].history.sensors, std::vector<uint32_t>{0});
+}
+
+// Two synchronised sensors; sensor 1 never enqueues frame 1, so sensor 0's frame 2 waits.
+TEST_F(LogTest, NamesTheBlockedSendAndItsMissingPartner) {
+  prepare(0, 0, 1, 0);
+  prepare(1, 1, 1, 0);
+  prepare(2, 0, 2, 1);
+  prepare(3, 1, 2, 1);
+  enqueue(10, 0, 1, 5, false);
+  add(tt(20, 10, 'D', "FrameContextPool",
+         "[getPreviousFC] [S:0 F:2] get previous frameNo(1) order(0) < currentOrder(1)"));
+  add(tt(21, 10, 'D', "CamDeliverGuard",
+         "[operator()] [S:0 F:2][EnqJob] wait previous syncframe enque ..."));
+  add(tt(30, 12, 'D', "CamDeliver", "[notifyEvent] [S:1 F:1] type(Suspend), value(0)"));
+  logread::Run run = only();
+  Analysis a = analyse(run);
+  ASSERT_EQ(kinds(a), (std::vector<std::string>{"blocked"}));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("S:0 F:2 EnqJob still waiting"));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("previous frame F:1"));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("missing partner S:1 F:1: prepared, no send"));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("S:1 last at 30.000 ms: [notifyEvent]"));
+}
+
+TEST_F(LogTest, NamesTheOffSensorOfABlockedRawSwitch) {
+  prepare(0, 2, 9, 0);
+  prepare(1, 2, 10, 1);
+  prepare(2, 1, 10, 0);
+  add(tt(5, 11, 'D', "CamDeliverGuard", "[wait] [S:1 F:10][EnqJob] wait offSensor(2) enqed +"));
+  Analysis a = analyse(only());
+  ASSERT_EQ(kinds(a), (std::vector<std::string>{"blocked"}));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("off sensor of the raw switch: S:2"));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("previous frame F:9 (prepared, no send)"));
+}
+
+TEST_F(LogTest, FatalAssertionNamesTheRuleAndTheCallsBeforeIt) {
+  prepare(0, 0, 1, 0);
+  add(tt(1, 10, 'D', "CamDeliver", "[sendJobForConfigure] [S:0 F:1]"));
+  add(tt(2, 10, 'W', "CamDeliver", "[getLicense] [S:65280 F:1] FD(NULL)"));
+  add(tt(2, 10, 'E', "CamDeliver", "[S:0 F:1] No license to config, please check flow !!"));
+  add(tt(2, 10, 'F', "CamDeliver",
+         "[S:0 F:1] No license to config, please check flow !! "
+         "(sendJobForConfigure){#93:hw/camsys/cam_deliver/CamDeliver.cpp}"));
+  Analysis a = analyse(only());
+  EXPECT_THAT(kinds(a), ::testing::Contains("fatal"));
+  const Finding* fatal = nullptr;
+  for (const Finding& f : a.findings) {
+    if (f.kind == "fatal") fatal = &f;
+  }
+  ASSERT_NE(fatal, nullptr);
+  EXPECT_THAT(fatal->text, HasSubstr("in sendJobForConfigure"));
+  EXPECT_THAT(fatal->text, HasSubstr("don't send a configure job without a queued configure"));
+  EXPECT_THAT(fatal->text, HasSubstr("[sendJobForConfigure] [S:0 F:1]"));
+  // One assertion, though written twice (error line and assertion line).
+  std::vector<std::string> all = kinds(a);
+  EXPECT_EQ(std::count(all.begin(), all.end(), "fatal"), 1);
+}
+
+TEST(FatalRuleTest, EveryNeverDoMessageHasItsRule) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"FCPool size > 20 : 1 2 3 ", "emplace a 20th frame"},
+      {"[S:1 F:4] pFc nullptr !", "prepare with an empty record"},
+      {"[F:4] weird synclist count", "sync list of exactly one sensor"},
+      {"[F:1] sensorId(4) in synclist but not in enqlist", "without needEnq"},
+      {"[S:1 F:4] FC not found !", "send for a frame that is not in the pool"},
+      {"[S:1 F:-1] FC not found !", "setConfigured for frame 0xFFFFFFFF"},
+      {"[S:1 F:4] unexpected not enq count(0)", "already is enqueued"},
+      {"[S:1 F:4] No license to config, please check flow !!", "configure job without"},
+      {"[S:1 F:4] pJob is null", "empty enqueue job"},
+      {"[S:1 F:4] FC already finished, please check it !", "report setConfigured on a record"},
+      {"frameNo(4) not exist, check it has been poped or not", "no queued licence left"},
+      {"[S:65281] configure frame(4) must not in change-FD flow, please check "
+       "CamDeliver::prepareLicense() !",
+       "still holds a configure licence"},
+      {"mQueue size should be 0!", "not a client rule"},
+  };
+  for (const auto& row : rows) EXPECT_THAT(ruleForFatal(row.first), HasSubstr(row.second));
+}
+
+TEST_F(LogTest, CountsWarningsAndSaysWhichAreBenign) {
+  prepare(0, 0, 1, 0);
+  enqueue(1, 0, 1, 3, true);
+  for (int i = 0; i < 3; ++i) {
+    add(tt(5 + i, 12, 'W', "LicenseQueue",
+           "[releaseLicense] [S:65280 F:" + std::to_string(i + 1) + "] license already null !"));
+  }
+  add(tt(9, 12, 'W', "CamDeliverGuard", "[drop] [S:0 F:77] FC not found"));
+  Analysis a = analyse(only());
+  ASSERT_EQ(a.notes.size(), 1u);
+  EXPECT_THAT(a.notes[0], HasSubstr("3 x \"[releaseLicense] [S:N F:N] license already null !\""));
+  EXPECT_THAT(a.notes[0], HasSubstr("benign"));
+  ASSERT_EQ(kinds(a), (std::vector<std::string>{"warning"}));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("a drop came for a frame that is not in the pool"));
+}
+
+// Frame 1 is synchronised (one FD); sensor 0's frame 2 starts before sensor 1 enqueued frame 1.
+TEST_F(LogTest, CheckerFindsASyncBreachInAnEditedLog) {
+  prepare(0, 0, 1, 0);
+  prepare(1, 1, 1, 0);
+  prepare(2, 0, 2, 1);
+  prepare(3, 1, 2, 1);
+  enqueue(10, 0, 1, 5, false);
+  enqueue(20, 0, 2, 6, false);
+  enqueue(30, 1, 1, 5, true);
+  enqueue(40, 1, 2, 6, true);
+  Analysis a = analyse(only());
+  ASSERT_EQ(kinds(a), (std::vector<std::string>{"sync"}));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("S:0 F:2 EnqJob started"));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("before sync partner S:1 F:1"));
+}
+
+TEST_F(LogTest, CheckerFindsAnOrderBreachInAnEditedLog) {
+  prepare(0, 0, 1, 0);
+  prepare(1, 0, 2, 1);
+  add(tt(10, 10, 'D', "CamDeliver", "[getLicense] [S:0 F:1] FD(5)"));
+  enqueue(11, 0, 2, 6, true);
+  add(tt(20, 10, 'D', "CamDeliverGuard",
+         "[finished] [S:0 F:1] EnqJob finished. Is last, erase it."));
+  Analysis a = analyse(only());
+  ASSERT_EQ(kinds(a), (std::vector<std::string>{"order"}));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("S:0 F:2 EnqJob started"));
+}
+
+// The capture starts while frame 7 is in flight: its jobs are left out, not called faults.
+TEST_F(LogTest, LogBeginningMidStreamLeavesEarlierFramesOut) {
+  enqueue(0, 0, 7, 3, false);
+  enqueue(2, 1, 7, 3, true);
+  prepare(4, 0, 8, 5);
+  prepare(5, 1, 8, 5);
+  enqueue(6, 0, 8, 4, false);
+  enqueue(8, 1, 8, 4, true);
+  logread::Run run = only();
+  EXPECT_EQ(run.unpreparedJobs, 2u);
+  EXPECT_EQ(run.history.jobs.size(), 2u);
+  EXPECT_TRUE(analyse(run).findings.empty());
+}
+
+TEST_F(LogTest, OnlyWarningsMeansNothingCheckableAndSaysHowToEnableIt) {
+  add(tt(0, 12, 'W', "LicenseQueue", "[releaseLicense] [S:65280 F:1] license already null !"));
+  Analysis a = analyse(only());
+  EXPECT_TRUE(a.debugMissing);
+  EXPECT_TRUE(a.findings.empty());
+  bool named = false;
+  for (const std::string& n : a.notCheckable) {
+    named = named || (n.find("prepared, order(N)") != std::string::npos &&
+                      n.find("ORVCAM_ULOG_LEVEL=5") != std::string::npos);
+  }
+  EXPECT_TRUE(named);
+}
+
+TEST_F(LogTest, ScenarioReplaysSyncGroupsConfigureAndEvents) {
+  prepare(0, 0, 1, 0);
+  prepare(1, 1, 1, 0);
+  add(tt(2, 10, 'D', "CamDeliver", "[sendJobForConfigure] [S:0 F:1]"));
+  add(tt(3, 10, 'D', "CamDeliver", "[getLicense] [S:65280 F:1] FD(1)"));
+  add(tt(4, 10, 'D', "CamDeliverGuard", "[finished] [S:0 F:1] ConfigJob finished. "));
+  add(tt(5, 11, 'W', "LicenseQueue", "[releaseLicense] [S:65281 F:1] license already null !"));
+  enqueue(6, 0, 1, 1, false);
+  enqueue(8, 1, 1, 2, true);
+  prepare(10, 0, 2, 1);
+  prepare(11, 1, 2, 1);
+  enqueue(12, 0, 2, 3, false);
+  enqueue(14, 1, 2, 3, true);
+  add(tt(15, 12, 'D', "CamDeliver", "[notifyEvent] [S:1 F:2] type(Suspend), value(0)"));
+  logread::Run run = only();
+  std::ostringstream out;
+  writeScenario(out, run);
+  nlohmann::json s = nlohmann::json::parse(out.str());
+  EXPECT_EQ(s["frames"], 2);
+  EXPECT_EQ(s["syncGroups"][0]["sensors"], nlohmann::json({0, 1}));
+  EXPECT_EQ(s["syncGroups"][0]["fromFrame"], 1);
+  EXPECT_EQ(s["syncGroups"][0]["toFrame"], 2);
+  EXPECT_EQ(s["configure"][0], nlohmann::json({{"frame", 1}, {"sensors", {0}}, {"via", "job"}}));
+  EXPECT_EQ(s["configure"][1],
+            nlohmann::json({{"frame", 1}, {"sensors", {1}}, {"via", "setConfigured"}}));
+  EXPECT_EQ(s["events"][0]["type"], "Suspend");
+}
+
+TEST(HistoryJsonTest, ReadsBackWhatTheWriterWrote) {
+  sim::History h;
+  h.scenario = "x";
+  h.sensors = {0, 1};
+  sim::FramePlan p;
+  p.frame = 1;
+  p.sensors = {0, 1};
+  p.syncList = {0, 1};
+  h.plans.push_back(p);
+  h.prepares = {{0, 1, 10}, {1, 1, 11}};
+  sim::JobRecord j;
+  j.frame = 1;
+  j.sent = 20;
+  j.start = 30;
+  j.end = 40;
+  j.ran = true;
+  j.serial = 7;
+  j.fd = 3;
+  h.jobs.push_back(j);  // sensor 1 never enqueues: a delivery violation
+  h.licences.push_back({sim::LicenceEventKind::Acquired, 7, 3, 5, -1});
+  h.licences.push_back({sim::LicenceEventKind::Released, 7, 3, 45, -1});
+  h.events.push_back({sim::EventKind::Suspend, 1, 1, 0, 50, 51, {}});
+  h.account = {1, 1, 0};
+  std::stringstream json;
+  sim::writeHistoryJson(json, h);
+  sim::History back;
+  std::string error;
+  ASSERT_TRUE(sim::readHistoryJson(json, &back, &error)) << error;
+  std::ostringstream again;
+  sim::writeHistoryJson(again, back);
+  EXPECT_EQ(again.str(), json.str());
+  sim::CheckResult check = sim::checkHistory(back);
+  ASSERT_EQ(check.violations.size(), 1u);
+  EXPECT_EQ(check.violations[0].rule, "delivery");
+
+  std::stringstream bad(R"({"jobs": [{"sensor": 0, "frame": 1, "kind": "Job"}]})");
+  EXPECT_FALSE(sim::readHistoryJson(bad, &back, &error));
+  EXPECT_THAT(error, HasSubstr("jobs[0].kind"));
+  std::stringstream notJson("[1, 2");
+  EXPECT_FALSE(sim::readHistoryJson(notJson, &back, &error));
+  EXPECT_THAT(error, HasSubstr("not valid JSON"));
+}
+
+}  // namespace
+}  // namespace logread
+}  // namespace orvcam

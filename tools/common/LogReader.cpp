@@ -1,0 +1,828 @@
+#include "LogReader.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+
+namespace orvcam {
+namespace logread {
+
+namespace {
+
+constexpr size_t kRecentLines = 6;
+constexpr size_t kLoggerLineLimit = 1023;
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isLevel(char c) { return std::strchr("VDIWEFA", c) != nullptr && c != 0; }
+
+// Reads an unsigned decimal number at `pos`; false when there is none.
+bool readNumber(std::string_view s, size_t* pos, int64_t* value) {
+  size_t p = *pos;
+  if (p >= s.size() || !isDigit(s[p])) return false;
+  int64_t v = 0;
+  while (p < s.size() && isDigit(s[p])) v = v * 10 + (s[p++] - '0');
+  *value = v;
+  *pos = p;
+  return true;
+}
+
+bool expect(std::string_view s, size_t* pos, char c) {
+  if (*pos >= s.size() || s[*pos] != c) return false;
+  ++*pos;
+  return true;
+}
+
+void skipSpaces(std::string_view s, size_t* pos) {
+  while (*pos < s.size() && s[*pos] == ' ') ++*pos;
+}
+
+// "[YYYY-]MM-DD HH:MM:SS.fff[fff]" -> nanoseconds from the start of a (leap) year.
+bool readTimestamp(std::string_view s, size_t* pos, int64_t* ns) {
+  static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
+  size_t p = *pos;
+  int64_t a = 0, month = 0, day = 0, h = 0, m = 0, sec = 0;
+  if (!readNumber(s, &p, &a) || !expect(s, &p, '-')) return false;
+  if (a > 12) {  // a year came first
+    if (!readNumber(s, &p, &month) || !expect(s, &p, '-')) return false;
+  } else {
+    month = a;
+  }
+  if (!readNumber(s, &p, &day) || !expect(s, &p, ' ')) return false;
+  if (!readNumber(s, &p, &h) || !expect(s, &p, ':') || !readNumber(s, &p, &m) ||
+      !expect(s, &p, ':') || !readNumber(s, &p, &sec) || !expect(s, &p, '.')) {
+    return false;
+  }
+  size_t fracStart = p;
+  int64_t frac = 0;
+  if (!readNumber(s, &p, &frac)) return false;
+  size_t digits = p - fracStart;
+  if (month < 1 || month > 12 || day < 1 || day > 31 || digits > 9) return false;
+  for (size_t i = digits; i < 9; ++i) frac *= 10;
+  int64_t days = kDaysBefore[month - 1] + day - 1;
+  *ns = ((days * 24 + h) * 60 + m) * 60 + sec;
+  *ns = *ns * 1000000000LL + frac;
+  *pos = p;
+  return true;
+}
+
+// "L/TAG(  PID): message"
+bool readBrief(std::string_view s, size_t p, LogLine* out) {
+  if (p + 2 >= s.size() || !isLevel(s[p]) || s[p + 1] != '/') return false;
+  out->level = s[p];
+  p += 2;
+  size_t close = s.find("): ", p);
+  if (close == std::string_view::npos) return false;
+  size_t open = s.rfind('(', close);
+  if (open == std::string_view::npos || open < p) return false;
+  size_t q = open + 1;
+  skipSpaces(s, &q);
+  int64_t pid = 0;
+  if (!readNumber(s, &q, &pid) || q != close) return false;
+  size_t tagEnd = open;
+  while (tagEnd > p && s[tagEnd - 1] == ' ') --tagEnd;
+  out->tag = s.substr(p, tagEnd - p);
+  out->pid = int(pid);
+  out->text = s.substr(close + 3);
+  return true;
+}
+
+}  // namespace
+
+const char* layoutName(Layout layout) {
+  switch (layout) {
+    case Layout::ThreadTime: return "threadtime";
+    case Layout::Time: return "time";
+    case Layout::Brief: return "brief";
+    case Layout::Unknown: break;
+  }
+  return "unknown";
+}
+
+bool parseLogLine(std::string_view s, LogLine* out) {
+  *out = LogLine();
+  while (!s.empty() && (s.back() == '\r')) s.remove_suffix(1);
+  size_t p = 0;
+  int64_t ns = 0;
+  if (!readTimestamp(s, &p, &ns)) {
+    if (!readBrief(s, 0, out)) return false;
+    out->layout = Layout::Brief;
+    return true;
+  }
+  out->hasTime = true;
+  out->timeNs = ns;
+  skipSpaces(s, &p);
+  if (p + 1 < s.size() && isLevel(s[p]) && s[p + 1] == '/') {
+    if (!readBrief(s, p, out)) return false;
+    out->hasTime = true;
+    out->timeNs = ns;
+    out->layout = Layout::Time;
+    return true;
+  }
+  // threadtime: [uid] pid tid level tag: message. A uid may be a name.
+  std::vector<std::string_view> fields;
+  while (p < s.size() && fields.size() < 4) {
+    size_t end = s.find(' ', p);
+    if (end == std::string_view::npos) return false;
+    std::string_view field = s.substr(p, end - p);
+    p = end;
+    skipSpaces(s, &p);
+    if (field.size() == 1 && isLevel(field[0]) && fields.size() >= 2) {
+      out->level = field[0];
+      break;
+    }
+    fields.push_back(field);
+  }
+  if (out->level == '?' || fields.size() < 2) return false;
+  auto number = [](std::string_view f, int* v) {
+    size_t q = 0;
+    int64_t n = 0;
+    if (!readNumber(f, &q, &n) || q != f.size()) return false;
+    *v = int(n);
+    return true;
+  };
+  if (!number(fields[fields.size() - 2], &out->pid) || !number(fields.back(), &out->tid)) {
+    return false;
+  }
+  size_t colon = s.find(": ", p);
+  if (colon == std::string_view::npos) {
+    // A message cut right after the tag still names the tag.
+    if (!s.empty() && s.back() == ':') colon = s.size() - 1;
+    if (colon == std::string_view::npos) return false;
+  }
+  size_t tagEnd = colon;
+  while (tagEnd > p && s[tagEnd - 1] == ' ') --tagEnd;
+  out->tag = s.substr(p, tagEnd - p);
+  out->text = colon + 2 <= s.size() ? s.substr(colon + 2) : std::string_view();
+  out->layout = Layout::ThreadTime;
+  return true;
+}
+
+namespace {
+
+// The library's tags.
+bool isLibraryTag(std::string_view tag) {
+  return tag == "OrvCam/CamDeliver" || tag == "OrvCam/CamDeliverGuard" ||
+         tag == "OrvCam/FrameContextPool" || tag == "OrvCam/LicenseQueue";
+}
+
+// A message text with every run of digits (and a leading minus) replaced by "N": the kind of
+// a warning.
+std::string shape(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    bool neg = text[i] == '-' && i + 1 < text.size() && isDigit(text[i + 1]);
+    if (isDigit(text[i]) || neg) {
+      out += 'N';
+      ++i;
+      while (i < text.size() && isDigit(text[i])) ++i;
+      --i;
+    } else {
+      out += text[i];
+    }
+  }
+  while (!out.empty() && out.back() == ' ') out.pop_back();
+  return out;
+}
+
+// "[S:%d F:%d]" at `pos`; frame -1 stands for "no frame".
+bool readSensorFrame(std::string_view s, size_t* pos, uint32_t* sensor, uint32_t* frame) {
+  size_t p = *pos;
+  int64_t sv = 0, fv = 0;
+  if (s.substr(p, 3) != "[S:") return false;
+  p += 3;
+  if (!readNumber(s, &p, &sv) || s.substr(p, 3) != " F:") return false;
+  p += 3;
+  bool neg = p < s.size() && s[p] == '-';
+  if (neg) ++p;
+  if (!readNumber(s, &p, &fv) || !expect(s, &p, ']')) return false;
+  *sensor = uint32_t(sv);
+  *frame = neg ? uint32_t(-fv) : uint32_t(fv);
+  *pos = p;
+  return true;
+}
+
+// The number inside "(...)" right after `key`, e.g. key "order(" in "prepared, order(3)".
+bool numberAfter(std::string_view s, std::string_view key, int64_t* value) {
+  size_t at = s.find(key);
+  if (at == std::string_view::npos) return false;
+  size_t p = at + key.size();
+  bool neg = p < s.size() && s[p] == '-';
+  if (neg) ++p;
+  if (!readNumber(s, &p, value)) return false;
+  if (neg) *value = -*value;
+  return true;
+}
+
+bool startsWith(std::string_view s, std::string_view prefix) {
+  return s.substr(0, prefix.size()) == prefix;
+}
+bool contains(std::string_view s, std::string_view part) {
+  return s.find(part) != std::string_view::npos;
+}
+
+// Fatal messages of the library, as the message starts (numbers left out).
+const char* const kFatalShapes[] = {
+    "FCPool size > ",
+    "[S:N F:N] pFc nullptr !",
+    "[F:N] weird synclist count",
+    "[F:N] sensorId(N) in synclist but not in enqlist",
+    "[S:N F:N] FC not found !",
+    "[S:N F:N] unexpected not enq count(N)",
+    "[S:N F:N] No license to config, please check flow !!",
+    "[S:N F:N] pJob is null",
+    "[S:N F:N] FC already finished, please check it !",
+    "frameNo(N) not exist, check it has been poped or not",
+    "[S:N] configure frame(N) must not in change-FD flow",
+    "frameNo(N) doesn't contain any FD, should not happen",
+    "[S:N F:N] pLicense is null",
+    "[S:N F:N] license should not exist !!, please check the flow !!",
+    "mQueue size should be 0!",
+};
+
+bool isFatalText(std::string_view text) {
+  std::string s = shape(text);
+  for (const char* f : kFatalShapes) {
+    if (startsWith(s, f)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+std::string ruleForFatal(const std::string& message) {
+  if (message.find("F:-1] FC not found !") != std::string::npos) {
+    return "report setConfigured for frame 0xFFFFFFFF while no record is kept under that number";
+  }
+  std::string s = shape(message);
+  struct Row {
+    const char* shape;
+    const char* rule;
+  };
+  static const Row rows[] = {
+      {"FCPool size > ", "emplace a 20th frame while 19 are in the pool"},
+      {"[S:N F:N] pFc nullptr !",
+       "prepare with an empty record (from breakFrameSync: an in-flight report named a frame "
+       "that had left the pool)"},
+      {"[F:N] weird synclist count",
+       "give a non-configure frame a sync list of exactly one sensor"},
+      {"[F:N] sensorId(N) in synclist but not in enqlist",
+       "put a sensor in the sync list without needEnq"},
+      {"[S:N F:N] FC not found !",
+       "send for a frame that is not in the pool (never emplaced, or already retired)"},
+      {"[S:N F:N] unexpected not enq count(N)",
+       "send for a record in the pool in which every sensor that needs enqueue already is "
+       "enqueued"},
+      {"[S:N F:N] No license to config, please check flow !!",
+       "send a configure job without a queued configure licence (after flush, after "
+       "setConfigured, twice, or for a sensor without needCfg)"},
+      {"[S:N F:N] pJob is null", "send an empty enqueue job"},
+      {"[S:N F:N] FC already finished, please check it !",
+       "report setConfigured on a record whose sensors are all enqueued"},
+      {"frameNo(N) not exist, check it has been poped or not",
+       "report InformInflight with value 0 while one of the sensor's synchronised frames has "
+       "no queued licence left (not yet prepared, flushed)"},
+      {"[S:N] configure frame(N) must not in change-FD flow",
+       "report InformInflight with value 0 while one of the sensor's synchronised frames still "
+       "holds a configure licence"},
+  };
+  for (const Row& r : rows) {
+    if (startsWith(s, r.shape)) return r.rule;
+  }
+  return "not a client rule: the library's own bookkeeping broke (licence queue or pool "
+         "invariant)";
+}
+
+std::string explainWarning(const std::string& kind, bool* benign) {
+  *benign = false;
+  if (contains(kind, "license already null !")) {
+    *benign = true;
+    return "written on every setConfigured and every drop (every release by key); benign";
+  }
+  if (contains(kind, "NOT have F:N in licenseQueue")) {
+    return "a licence was asked for or handed back that was not queued: flushed, dropped or "
+           "configured before";
+  }
+  if (contains(kind, "FD(NULL)")) {
+    return "a job found no licence for its frame: the frame was flushed or dropped";
+  }
+  if (contains(kind, "null license, maybe flushed, skip execute")) {
+    return "an enqueue job was not run and its send returned -1: its licence was gone "
+           "(flushed or dropped)";
+  }
+  if (contains(kind, "FC not found ! maybe flushed")) {
+    return "setConfigured or a job's completion came for a frame that had already left the "
+           "pool";
+  }
+  if (contains(kind, "already finished")) {
+    return "a drop came for a frame whose sensors were all enqueued; nothing was done";
+  }
+  if (contains(kind, "FC not found")) {
+    return "a drop came for a frame that is not in the pool; nothing was done";
+  }
+  if (contains(kind, "FC not exist, skip")) return "erase of a frame not in the pool";
+  if (contains(kind, "still there")) return "the pool still holds a frame of the sensor";
+  if (contains(kind, "license is null, skip")) return "an empty licence was handed back";
+  return "not a warning this tool knows";
+}
+
+void LogReader::addLine(std::string_view raw) {
+  ++total_;
+  // Text logs hold no NUL and few control bytes; anything else is not a log.
+  size_t controls = 0;
+  for (char c : raw) {
+    unsigned char u = static_cast<unsigned char>(c);
+    if (u == 0 || (u < 0x20 && u != '\t' && u != '\r')) ++controls;
+  }
+  if (controls > 0) {
+    if (!binary_) firstBinaryLine_ = total_;
+    binary_ = true;
+    return;
+  }
+  LogLine line;
+  if (!parseLogLine(raw, &line)) return;
+  ++parsed_;
+  if (!isLibraryTag(line.tag)) return;
+  ++library_;
+  auto it = runs_.find(line.pid);
+  if (it == runs_.end()) {
+    it = runs_.emplace(line.pid, Context()).first;
+    it->second.run.pid = line.pid;
+    it->second.run.layout = line.layout;
+    it->second.run.hasTime = line.hasTime;
+    it->second.run.hasTid = line.tid >= 0;
+    order_.push_back(line.pid);
+  }
+  if (raw.size() >= kLoggerLineLimit) ++it->second.run.truncated;
+  handle(it->second, line);
+}
+
+void LogReader::handle(Context& c, const LogLine& line) {
+  Run& r = c.run;
+  ++r.lines;
+  // Time: from the first line of the run; lines within one clock tick keep their order.
+  Nanos at;
+  if (line.hasTime) {
+    if (c.baseNs < 0) c.baseNs = line.timeNs;
+    at = line.timeNs - c.baseNs;
+    if (at < 0) at += 366LL * 24 * 3600 * 1000000000LL;  // the year turned
+  } else {
+    at = Nanos(c.seq) * 1000;
+  }
+  if (c.seq > 0 && at <= c.lastAt) at = c.lastAt + 1;
+  c.lastAt = at;
+  ++c.seq;
+  r.endAt = at;
+
+  std::string_view text = line.text;
+  std::string full(text);
+  std::deque<std::string>& recent = c.recent[line.tid];
+  auto remember = [&] {
+    recent.push_back(std::string(line.tag) + ": " + full);
+    if (recent.size() > kRecentLines) recent.pop_front();
+  };
+
+  // Fatal assertions: the error line, then the assertion line with its suffix.
+  if (line.level == 'F' || line.level == 'A' || (line.level == 'E' && isFatalText(text))) {
+    std::string message = full;
+    std::string function;
+    size_t suffix = message.rfind(" (");
+    if (suffix != std::string::npos && message.find("){#", suffix) != std::string::npos) {
+      size_t close = message.find("){#", suffix);
+      function = message.substr(suffix + 2, close - suffix - 2);
+      message = message.substr(0, suffix);
+    }
+    if (!r.fatals.empty() && r.fatals.back().tid == line.tid &&
+        r.fatals.back().message == message) {
+      if (!function.empty()) r.fatals.back().function = function;
+    } else if (line.level != 'E' || isFatalText(text)) {
+      FatalAssertion f;
+      f.message = message;
+      f.function = function;
+      f.tag = std::string(line.tag);
+      f.tid = line.tid;
+      f.at = at;
+      f.before.assign(recent.begin(), recent.end());
+      r.fatals.push_back(std::move(f));
+    }
+    return;
+  }
+  if (line.level == 'W') {
+    std::string kind = shape(text);
+    WarningCount& w = r.warnings[kind];
+    if (w.count++ == 0) {
+      w.kind = kind;
+      w.first = full;
+    }
+  }
+
+  // "[function] rest"
+  if (text.empty() || text[0] != '[') {
+    remember();
+    return;
+  }
+  size_t close = text.find(']');
+  if (close == std::string_view::npos) return;
+  std::string_view func = text.substr(1, close - 1);
+  size_t pos = close + 1;
+  if (pos < text.size() && text[pos] == ' ') ++pos;
+  std::string_view rest = text.substr(pos);
+  uint32_t sensor = 0, frame = 0;
+  size_t after = pos;
+  bool hasSF = readSensorFrame(text, &after, &sensor, &frame);
+  std::string_view tail = hasSF ? text.substr(after) : std::string_view();
+
+  sim::History& h = r.history;
+  auto state = [&](uint32_t s, uint32_t f) -> SensorFrame& {
+    SensorFrame& st = r.states[{s, f}];
+    st.sensor = s;
+    st.frame = f;
+    FrameInfo& fi = r.frames[f];
+    if (fi.firstSeen == 0 && fi.sensors.empty()) fi.firstSeen = at;
+    fi.frame = f;
+    return st;
+  };
+  auto noteSensor = [&](uint32_t s) {
+    if (s >= kConfigKeyBase) s &= 0xFF;
+    r.lastSeen[s] = {at, full};
+    if (line.tid >= 0) ++r.threadSensors[line.tid][s];
+  };
+  auto closeEvent = [&] { c.eventOpen[line.tid] = false; };
+  auto openEvent = [&]() -> sim::EventRecord* {
+    auto e = c.lastEvent.find(line.tid);
+    if (e == c.lastEvent.end() || !c.eventOpen[line.tid]) return nullptr;
+    h.events[e->second].end = at;
+    return &h.events[e->second];
+  };
+  auto firstFd = [&](SensorFrame& st, int32_t fd) {
+    if (st.firstFd < 0) st.firstFd = fd;
+  };
+  remember();
+
+  if (line.tag == "OrvCam/CamDeliver") {
+    if (func == "CamDeliver") {
+      ++r.verboseLines;
+      return;
+    }
+    if (!hasSF) return;
+    noteSensor(sensor);
+    if (func == "sendJobForConfigure") {
+      closeEvent();
+      SensorFrame& st = state(sensor, frame);
+      st.tid = line.tid;
+      st.cfgSent = true;
+      st.cfgSentAt = at;
+      r.frames[frame].needCfg.insert(sensor);
+      r.frames[frame].cfgByJob.insert(sensor);
+    } else if (func == "sendJobForEnque") {
+      closeEvent();
+      SensorFrame& st = state(sensor, frame);
+      st.tid = line.tid;
+      if (contains(tail, "null license")) {
+        st.enqNull = true;
+        st.enqEnd = at;
+        if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
+      } else {
+        ++r.verboseLines;
+        st.enqSentSeen = true;
+        st.enqSentAt = at;
+      }
+    } else if (func == "getLicense") {
+      closeEvent();
+      bool config = sensor >= kConfigKeyBase;
+      uint32_t s = sensor & (config ? 0xFF : 0xFFFFFFFF);
+      SensorFrame& st = state(s, frame);
+      st.tid = line.tid;
+      int64_t fd = -1;
+      bool present = numberAfter(tail, "FD(", &fd);
+      if (config) {
+        st.cfgStarted = true;
+        st.cfgStart = at;
+        st.cfgFd = present ? int32_t(fd) : -1;
+        r.frames[frame].needCfg.insert(s);
+      } else if (present) {
+        st.enqStarted = true;
+        st.enqStart = at;
+        st.enqFd = int32_t(fd);
+        firstFd(st, int32_t(fd));
+        if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
+      }
+    } else if (func == "notifyEvent") {
+      size_t open = tail.find("type(");
+      size_t end = open == std::string_view::npos ? open : tail.find(')', open);
+      if (end == std::string_view::npos) return;
+      std::string_view name = tail.substr(open + 5, end - open - 5);
+      int64_t value = 0;
+      numberAfter(tail, "value(", &value);
+      sim::EventRecord e;
+      e.kind = sim::EventKind::ResumeDone;
+      bool known = false;
+      for (sim::EventKind k : {sim::EventKind::InformInflight, sim::EventKind::ResumeDone,
+                               sim::EventKind::Suspend, sim::EventKind::Drop, sim::EventKind::Flush,
+                               sim::EventKind::LicenseRelease, sim::EventKind::RawSwitch}) {
+        if (name == sim::eventKindName(k)) {
+          e.kind = k;
+          known = true;
+        }
+      }
+      if (!known) return;
+      e.sensor = sensor;
+      e.frame = frame;
+      e.value = uint32_t(value);
+      e.begin = e.end = at;
+      if (e.kind == sim::EventKind::Flush) {
+        // Every frame still in flight that the sensor prepared counts as flushed for it.
+        // The pool holds at most 19 frames, so the scan back stops after a run of frames
+        // that are all done.
+        constexpr int kDoneRunEnd = 64;
+        auto seq = r.sequence.find(sensor);
+        if (seq != r.sequence.end()) {
+          int doneRun = 0;
+          for (auto it = seq->second.rbegin(); it != seq->second.rend() && doneRun < kDoneRunEnd;
+               ++it) {
+            SensorFrame& st = r.states[{sensor, *it}];
+            if (st.done() || r.frames[*it].retired) {
+              ++doneRun;
+              continue;
+            }
+            doneRun = 0;
+            st.flushed = true;
+            st.flushedAt = at;
+            e.frames.push_back(*it);
+          }
+        }
+        std::sort(e.frames.begin(), e.frames.end());
+        e.frames.erase(std::unique(e.frames.begin(), e.frames.end()), e.frames.end());
+      }
+      if (e.kind == sim::EventKind::Drop) {
+        SensorFrame& st = state(sensor, frame);
+        st.dropped = true;
+        st.droppedAt = at;
+        r.frames[frame].sensors.insert(sensor);
+      }
+      h.events.push_back(std::move(e));
+      c.lastEvent[line.tid] = h.events.size() - 1;
+      c.eventOpen[line.tid] = true;
+    }
+    return;
+  }
+
+  if (line.tag == "OrvCam/CamDeliverGuard") {
+    if (func == "breakFrameSync") {
+      if (hasSF) {
+        r.frames[frame].syncBroken = true;
+        if (sim::EventRecord* e = openEvent()) {
+          if (e->kind == sim::EventKind::InformInflight) e->frames.push_back(frame);
+        }
+      } else if (sim::EventRecord* e = openEvent()) {
+        (void)e;
+      }
+      return;
+    }
+    if (func == "getSyncFrames" || func == "getEnquedSyncFrames" ||
+        func == "waitUntilEnquedEmpty") {
+      if (func == "waitUntilEnquedEmpty" || startsWith(rest, "[S:")) openEvent();
+      return;
+    }
+    if (!hasSF) return;
+    noteSensor(sensor);
+    if (func == "prepare" && contains(tail, "prepared, order(")) {
+      closeEvent();
+      ++r.debugLines;
+      SensorFrame& st = state(sensor, frame);
+      int64_t order = -1;
+      numberAfter(tail, "order(", &order);
+      st.tid = line.tid;
+      if (!st.prepared) {
+        st.prepared = true;
+        st.order = order;
+        st.preparedAt = at;
+        r.sequence[sensor].push_back(frame);
+      }
+      r.frames[frame].sensors.insert(sensor);
+      h.prepares.push_back({sensor, frame, at});
+    } else if (func == "wait") {
+      bool isConfig = contains(tail, "[ConfigJob]");
+      SensorFrame& st = state(sensor, frame);
+      int64_t off = -1;
+      numberAfter(tail, "offSensor(", &off);
+      r.frames[frame].offSensor = off;
+      if (contains(tail, "enqed +")) {
+        st.offWaitOpen[isConfig] = off;
+        st.offWaitSince[isConfig] = at;
+        if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
+          st.enqWaitSeen = true;
+          st.enqFirstWait = at;
+          st.enqSentAt = at;
+        }
+      } else {
+        st.offWaitOpen[isConfig] = -1;
+      }
+    } else if (func == "waitOffSensorPreviousFrameEnqued") {
+      // The off sensor's id is the one printed.
+      r.frames[frame].offSensor = sensor;
+    } else if (func == "operator()") {
+      bool isConfig = contains(tail, "[ConfigJob]");
+      SensorFrame& st = state(sensor, frame);
+      if (contains(tail, "wait previous syncframe enque ...")) {
+        ++st.waitLines;
+        if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
+          st.enqWaitSeen = true;
+          st.enqFirstWait = at;
+          st.enqSentAt = at;
+        }
+      } else {
+        ++r.verboseLines;
+      }
+    } else if (func == "isPreviousSyncFrameFinished") {
+      ++r.verboseLines;
+    } else if (func == "finished") {
+      if (contains(tail, "FC not found")) return;
+      SensorFrame& st = state(sensor, frame);
+      if (contains(tail, "ConfigJob finished.")) {
+        st.cfgDone = true;
+        st.cfgEnd = at;
+      } else if (contains(tail, "EnqJob finished.")) {
+        st.enqDone = true;
+        st.enqEnd = at;
+        if (contains(tail, "Is last, erase it.")) {
+          r.frames[frame].retired = true;
+          r.frames[frame].retiredAt = at;
+        }
+      }
+    } else if (func == "drop" || func == "flush") {
+      if (contains(tail, "is last, erase")) {
+        r.frames[frame].retired = true;
+        r.frames[frame].retiredAt = at;
+      }
+      openEvent();
+    }
+    return;
+  }
+
+  if (line.tag == "OrvCam/FrameContextPool") {
+    if (func == "getPreviousFC" && hasSF) {
+      int64_t prev = -1;
+      if (numberAfter(tail, "previous frameNo(", &prev)) state(sensor, frame).previousFrame = prev;
+    }
+    return;
+  }
+
+  if (line.tag == "OrvCam/LicenseQueue") {
+    if (!hasSF) return;
+    bool config = sensor >= kConfigKeyBase;
+    uint32_t s = config ? (sensor & 0xFF) : sensor;
+    noteSensor(sensor);
+    if (config) r.frames[frame].needCfg.insert(s);
+    if (func == "pushLicense") {
+      ++r.verboseLines;
+      int64_t fd = -1;
+      if (!config && numberAfter(tail, "fd(", &fd)) firstFd(state(s, frame), int32_t(fd));
+    } else if (func == "popLicense") {
+      ++r.verboseLines;
+    } else if (func == "changeFramesFD") {
+      int64_t from = -1, to = -1;
+      numberAfter(tail, "change FD (", &from);
+      numberAfter(tail, "-> (", &to);
+      SensorFrame& st = state(s, frame);
+      if (!config) firstFd(st, int32_t(from));
+      st.fdChanges.push_back({int32_t(from), int32_t(to)});
+      openEvent();
+    } else if (func == "releaseLicense") {
+      if (contains(tail, "license already null !")) {
+        sim::EventRecord* e = openEvent();
+        bool inDrop = e && e->kind == sim::EventKind::Drop;
+        if (config && !inDrop) {
+          closeEvent();
+          SensorFrame& st = state(s, frame);
+          st.setConfigured = true;
+          st.setConfiguredAt = at;
+          st.tid = line.tid;
+          h.setConfigured.push_back({s, frame, at});
+        }
+      } else if (contains(tail, "from pipeMgr")) {
+        int64_t fd = -1;
+        if (!config && numberAfter(tail, "release license(", &fd)) {
+          firstFd(state(s, frame), int32_t(fd));
+        }
+      }
+    } else if (func == "clear") {
+      sim::EventRecord* e = openEvent();
+      if (e && (e->kind == sim::EventKind::Flush || e->kind == sim::EventKind::QueueFlush)) {
+        if (e->kind == sim::EventKind::Flush) {
+          sim::EventRecord q;
+          q.kind = sim::EventKind::QueueFlush;
+          q.sensor = e->sensor;
+          q.frame = e->frame;
+          q.begin = q.end = at;
+          q.frames = e->frames;
+          h.events.push_back(std::move(q));
+          c.lastEvent[line.tid] = h.events.size() - 1;
+          e = &h.events.back();
+        }
+        if (std::find(e->frames.begin(), e->frames.end(), frame) == e->frames.end()) {
+          e->frames.push_back(frame);
+        }
+      } else {
+        r.torndown = true;
+      }
+    }
+    return;
+  }
+}
+
+std::vector<Run> LogReader::finish() {
+  std::vector<Run> out;
+  for (int pid : order_) {
+    Context& c = runs_[pid];
+    Run& r = c.run;
+    sim::History& h = r.history;
+    h.scenario = "log of process " + std::to_string(pid);
+    std::set<uint32_t> sensors;
+    for (const auto& entry : r.states) sensors.insert(entry.first.first);
+    h.sensors.assign(sensors.begin(), sensors.end());
+    // Sync lists from the frame descriptors the enqueue licences were first given: sensors
+    // sharing one FD on a frame without configuration were one sync group.
+    for (auto& entry : r.frames) {
+      FrameInfo& fi = entry.second;
+      if (fi.sensors.empty()) continue;
+      sim::FramePlan plan;
+      plan.frame = fi.frame;
+      plan.sensors.assign(fi.sensors.begin(), fi.sensors.end());
+      for (uint32_t s : fi.needCfg) {
+        if (fi.sensors.count(s)) plan.needCfg.insert(s);
+      }
+      for (uint32_t s : fi.cfgByJob) {
+        if (fi.sensors.count(s)) plan.cfgByJob.insert(s);
+      }
+      if (plan.needCfg.empty()) {
+        std::map<int32_t, std::set<uint32_t>> byFd;
+        for (uint32_t s : fi.sensors) {
+          const SensorFrame& st = r.states[{s, fi.frame}];
+          if (st.firstFd >= 0) byFd[st.firstFd].insert(s);
+        }
+        for (const auto& group : byFd) {
+          if (group.second.size() >= 2)
+            plan.syncList.insert(group.second.begin(), group.second.end());
+        }
+      }
+      if (fi.offSensor >= 0) {
+        plan.offSensor = fi.offSensor;
+        // The sensor coming on: one of the frame's others that was not in the frame before.
+        const sim::FramePlan* before = h.plans.empty() ? nullptr : &h.plans.back();
+        for (uint32_t s : fi.sensors) {
+          if (int64_t(s) == fi.offSensor) continue;
+          bool was = before && std::find(before->sensors.begin(), before->sensors.end(), s) !=
+                                   before->sensors.end();
+          if (plan.onSensor < 0 || !was) plan.onSensor = s;
+          if (!was) break;
+        }
+      }
+      h.plans.push_back(std::move(plan));
+    }
+    for (const auto& entry : r.states) {
+      const SensorFrame& st = entry.second;
+      // A log that begins mid-stream shows jobs of frames prepared before its first line;
+      // without their prepare they cannot be put in order, so they are left out.
+      if (!st.prepared) {
+        if (st.cfgSent || st.enqStarted || st.enqNull) ++r.unpreparedJobs;
+        continue;
+      }
+      if (st.cfgSent) {
+        sim::JobRecord j;
+        j.sensor = st.sensor;
+        j.frame = st.frame;
+        j.kind = sim::JobKind::Configure;
+        j.sent = st.cfgSentAt;
+        j.start = st.cfgStarted ? st.cfgStart : 0;
+        j.end = st.cfgDone ? st.cfgEnd : (st.cfgStarted ? st.cfgStart : r.endAt);
+        j.ran = st.cfgStarted;
+        j.fd = st.cfgFd;
+        h.jobs.push_back(j);
+      }
+      if (st.enqStarted || st.enqNull) {
+        sim::JobRecord j;
+        j.sensor = st.sensor;
+        j.frame = st.frame;
+        j.kind = sim::JobKind::Enqueue;
+        j.sent = st.enqSentAt;
+        j.ran = st.enqStarted;
+        j.start = st.enqStarted ? st.enqStart : 0;
+        j.end = st.enqDone ? st.enqEnd : (st.enqStarted ? st.enqStart : st.enqEnd);
+        j.result = st.enqNull ? -1 : 0;
+        j.fd = st.enqFd;
+        h.jobs.push_back(j);
+      }
+    }
+    std::sort(h.jobs.begin(), h.jobs.end(),
+              [](const sim::JobRecord& a, const sim::JobRecord& b) { return a.sent < b.sent; });
+    h.wallTime = r.endAt;
+    out.push_back(std::move(r));
+  }
+  runs_.clear();
+  order_.clear();
+  return out;
+}
+
+}  // namespace logread
+}  // namespace orvcam

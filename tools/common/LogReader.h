@@ -1,0 +1,173 @@
+#pragma once
+// Reading the deliverer's own log lines back: logcat text (threadtime, time, brief, and the
+// threadtime lines of a bugreport, with or without year and uid columns) is parsed line by
+// line, and the library's lines of every process are replayed into per (sensor, frame) state
+// and a History that the ordering checker reads like a simulator run.
+//
+// Nothing here runs the library; it only knows the texts the library writes.
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "History.h"
+
+namespace orvcam {
+namespace logread {
+
+using sim::Nanos;
+
+enum class Layout { Unknown, ThreadTime, Time, Brief };
+const char* layoutName(Layout layout);
+
+struct LogLine {
+  Layout layout = Layout::Unknown;
+  int pid = -1;
+  int tid = -1;  // -1 when the layout has none
+  bool hasTime = false;
+  int64_t timeNs = 0;  // from the start of the year; ordering only
+  char level = '?';    // V D I W E F
+  std::string_view tag;
+  std::string_view text;
+};
+
+// False when `raw` is not a log line in one of the layouts (a bugreport's section headers,
+// a line cut before its message, other text).
+bool parseLogLine(std::string_view raw, LogLine* out);
+
+constexpr uint32_t kNoFrame = 0xFFFFFFFF;
+constexpr uint32_t kConfigKeyBase = 0xFF00;
+
+// What the log shows of one sensor in one frame.
+struct SensorFrame {
+  uint32_t sensor = 0;
+  uint32_t frame = 0;
+  int tid = -1;
+  bool prepared = false;
+  int64_t order = -1;
+  Nanos preparedAt = 0;
+  // Configure: a configure job sent, or setConfigured reported.
+  bool cfgSent = false, cfgStarted = false, cfgDone = false, setConfigured = false;
+  Nanos cfgSentAt = 0, cfgStart = 0, cfgEnd = 0, setConfiguredAt = 0;
+  int32_t cfgFd = -1;
+  // Enqueue. `enqSentSeen`: the send's own line (needs the force-log property); otherwise the
+  // send is first seen by its wait lines or its licence.
+  bool enqSentSeen = false, enqWaitSeen = false, enqStarted = false, enqDone = false;
+  bool enqNull = false;  // no licence: the job was not run
+  Nanos enqSentAt = 0, enqFirstWait = 0, enqStart = 0, enqEnd = 0;
+  int32_t enqFd = -1;
+  int waitLines = 0;  // "wait previous syncframe enque ..." lines
+  // A raw-switch wait opened ("enqed +") and not closed yet, for the configure or the enqueue.
+  int64_t offWaitOpen[2] = {-1, -1};  // [isConfig] -> off sensor, or -1
+  Nanos offWaitSince[2] = {0, 0};
+  int64_t previousFrame = -1;  // named by the pool's previous-frame lookup
+  bool dropped = false, flushed = false;
+  Nanos droppedAt = 0, flushedAt = 0;
+  int32_t firstFd = -1;  // the FD its enqueue licence was given first
+  std::vector<std::pair<int32_t, int32_t>> fdChanges;
+  bool done() const { return enqDone || dropped || flushed; }
+  bool cfgBlocked() const { return cfgSent && !cfgStarted; }
+  bool enqBlocked() const { return (enqSentSeen || enqWaitSeen) && !enqStarted && !enqNull; }
+};
+
+struct FrameInfo {
+  uint32_t frame = 0;
+  std::set<uint32_t> sensors;  // prepared or dropped it
+  std::set<uint32_t> needCfg;  // configure job, setConfigured or a configure licence seen
+  std::set<uint32_t> cfgByJob;
+  int64_t offSensor = -1;
+  bool syncBroken = false;
+  bool retired = false;
+  Nanos retiredAt = 0;
+  Nanos firstSeen = 0;
+};
+
+struct FatalAssertion {
+  std::string message;   // without the " (function){#line:path}" suffix
+  std::string function;  // from the suffix, when the assertion line was kept
+  std::string tag;
+  int tid = -1;
+  Nanos at = 0;
+  std::vector<std::string> before;  // the thread's last library lines before it
+};
+
+struct WarningCount {
+  std::string kind;  // the warning's text with its numbers left out
+  uint64_t count = 0;
+  std::string first;  // the first such line, as written
+};
+
+// The last thing the log shows a sensor doing.
+struct LastSeen {
+  Nanos at = 0;
+  std::string text;
+};
+
+// One process's lines, replayed.
+struct Run {
+  int pid = -1;
+  Layout layout = Layout::Unknown;
+  bool hasTime = true;
+  bool hasTid = true;
+  uint64_t lines = 0;         // the library's lines of this process
+  uint64_t debugLines = 0;    // prepare lines: the debug level was on
+  uint64_t verboseLines = 0;  // lines only the force-log property writes
+  uint64_t truncated = 0;     // lines cut at the logger's 1023 bytes
+  Nanos endAt = 0;
+  std::map<std::pair<uint32_t, uint32_t>, SensorFrame> states;  // (sensor, frame)
+  std::map<uint32_t, FrameInfo> frames;
+  std::map<uint32_t, std::vector<uint32_t>> sequence;         // per sensor, frames in prepare order
+  std::map<uint32_t, LastSeen> lastSeen;                      // per sensor
+  std::map<int, std::map<uint32_t, uint64_t>> threadSensors;  // tid -> sensor -> lines
+  std::vector<FatalAssertion> fatals;
+  std::map<std::string, WarningCount> warnings;  // by kind
+  bool torndown = false;                         // the deliverer's destructor handed licences back
+  uint64_t unpreparedJobs = 0;  // jobs of frames prepared before the log begins, left out
+  sim::History history;         // filled by finish()
+};
+
+class LogReader {
+ public:
+  // One raw line (without its newline).
+  void addLine(std::string_view raw);
+  // Replays what is left and builds each run's History. Runs by first line.
+  std::vector<Run> finish();
+
+  uint64_t totalLines() const { return total_; }
+  uint64_t parsedLines() const { return parsed_; }
+  uint64_t libraryLines() const { return library_; }
+  bool binary() const { return binary_; }
+  uint64_t firstBinaryLine() const { return firstBinaryLine_; }
+
+ private:
+  struct Context {
+    Run run;
+    int64_t baseNs = -1;
+    int64_t lastMs = -1;
+    Nanos lastAt = 0;
+    uint64_t seq = 0;
+    std::map<int, std::deque<std::string>> recent;  // tid -> last lines
+    std::map<int, size_t> lastEvent;                // tid -> index in history.events
+    std::map<int, bool> eventOpen;                  // tid -> lines still belong to it
+  };
+  void handle(Context& c, const LogLine& line);
+  std::map<int, Context> runs_;
+  std::vector<int> order_;
+  uint64_t total_ = 0, parsed_ = 0, library_ = 0;
+  bool binary_ = false;
+  uint64_t firstBinaryLine_ = 0;
+};
+
+// The client-protocol rule a fatal assertion message stands for: the "Don't" of the
+// README's table, or an explanation for the library's own invariants.
+std::string ruleForFatal(const std::string& message);
+// One line saying what a warning kind means; `benign` is set for those that mean nothing on
+// their own.
+std::string explainWarning(const std::string& kind, bool* benign);
+
+}  // namespace logread
+}  // namespace orvcam

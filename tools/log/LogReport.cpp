@@ -1,0 +1,621 @@
+#include "LogReport.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "Report.h"
+
+namespace orvcam {
+namespace logread {
+
+const char* const kHowToEnableDebug =
+    "the unified logger's detail level at 5 or more with the module mask holding 0x401000 "
+    "(host: ORVCAM_ULOG_LEVEL=5, or camdeliver-sim --log-level debug)";
+const char* const kHowToEnableVerbose =
+    "the property vendor.debug.camcoordinator.force.log at 1 or more before the deliverer is "
+    "built (adb shell setprop vendor.debug.camcoordinator.force.log 1, or camdeliver-sim "
+    "--log-level verbose)";
+
+namespace {
+
+std::string sf(uint32_t s, uint32_t f) {
+  return "S:" + std::to_string(s) + " F:" + std::to_string(f);
+}
+
+std::string ms(Nanos ns) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.3f ms", double(ns) / 1e6);
+  return buf;
+}
+
+const SensorFrame* findState(const Run& r, uint32_t s, uint32_t f) {
+  auto it = r.states.find({s, f});
+  return it == r.states.end() ? nullptr : &it->second;
+}
+
+// The frame the sensor prepared just before `frame`, as the guard looks it up.
+std::optional<uint32_t> previousFrame(const Run& r, const SensorFrame& st) {
+  if (st.previousFrame >= 0) return uint32_t(st.previousFrame);
+  auto seq = r.sequence.find(st.sensor);
+  if (seq == r.sequence.end()) return std::nullopt;
+  auto pos = std::find(seq->second.begin(), seq->second.end(), st.frame);
+  if (pos == seq->second.end() || pos == seq->second.begin()) return std::nullopt;
+  return *(pos - 1);
+}
+
+std::string stateText(const SensorFrame* st) {
+  if (!st || !st->prepared) return "not prepared";
+  if (st->enqDone) return "enqueued";
+  if (st->dropped) return "dropped";
+  if (st->flushed) return "flushed";
+  if (st->enqNull) return "not run (no licence)";
+  if (st->enqBlocked()) return "blocked";
+  if (st->cfgBlocked()) return "configure blocked";
+  if (st->enqStarted) return "running";
+  return "prepared, no send";
+}
+
+std::string lastSeen(const Run& r, uint32_t s) {
+  auto it = r.lastSeen.find(s);
+  if (it == r.lastSeen.end()) return "S:" + std::to_string(s) + " has no line in the log";
+  return "S:" + std::to_string(s) + " last at " + ms(it->second.at) + ": " + it->second.text;
+}
+
+void blockedFinding(const Run& r, const SensorFrame& st, bool isConfig, Analysis* a) {
+  const char* label = isConfig ? "ConfigJob" : "EnqJob";
+  Nanos since = isConfig ? st.cfgSentAt : st.enqSentAt;
+  std::string text = "blocked send: " + sf(st.sensor, st.frame) + " " + label +
+                     " still waiting at the end of the log (since " + ms(since) + ")";
+  std::set<uint32_t> explained;
+  int64_t off = st.offWaitOpen[isConfig ? 1 : 0];
+  if (off >= 0) {
+    uint32_t offSensor = uint32_t(off);
+    const SensorFrame* fake = findState(r, offSensor, st.frame);
+    std::optional<uint32_t> prev;
+    if (fake) prev = previousFrame(r, *fake);
+    text += "\n    waits for the off sensor of the raw switch: S:" + std::to_string(offSensor) +
+            (prev ? " to enqueue its previous frame F:" + std::to_string(*prev) + " (" +
+                        stateText(findState(r, offSensor, *prev)) + ")"
+                  : " to enqueue its previous frame");
+    text += "\n    " + lastSeen(r, offSensor);
+    a->findings.push_back({"blocked", text});
+    return;
+  }
+  std::optional<uint32_t> prev = previousFrame(r, st);
+  if (!prev) {
+    text += "\n    waits for the sync group of its previous frame (not in the log)";
+  } else {
+    text += "\n    waits for its previous frame F:" + std::to_string(*prev) +
+            " (by preparation order) to be enqueued by its sync partners";
+    auto fi = r.frames.find(*prev);
+    bool any = false;
+    if (fi != r.frames.end()) {
+      for (uint32_t partner : fi->second.sensors) {
+        const SensorFrame* p = findState(r, partner, *prev);
+        if (p && p->done()) continue;
+        any = true;
+        explained.insert(partner);
+        text += "\n    missing partner " + sf(partner, *prev) + ": " + stateText(p);
+        text += "\n    " + lastSeen(r, partner);
+      }
+    }
+    if (!any) {
+      text += "\n    every sensor the log shows in F:" + std::to_string(*prev) +
+              " is done; a partner whose prepare line is missing has not enqueued it";
+    }
+  }
+  a->findings.push_back({"blocked", text});
+}
+
+}  // namespace
+
+Analysis analyse(const Run& r) {
+  Analysis a;
+  a.debugMissing = r.debugLines == 0;
+  // Sends still waiting when the log ends.
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (st.cfgBlocked()) blockedFinding(r, st, true, &a);
+    if (st.enqBlocked()) blockedFinding(r, st, false, &a);
+  }
+  for (const FatalAssertion& f : r.fatals) {
+    std::string text = "fatal assertion \"" + f.message + "\"" +
+                       (f.function.empty() ? "" : " in " + f.function) + " at " + ms(f.at) +
+                       " (thread " + std::to_string(f.tid) + ")\n    rule broken: don't " +
+                       ruleForFatal(f.message);
+    if (!f.before.empty()) {
+      text += "\n    the thread's calls before it:";
+      for (const std::string& line : f.before) text += "\n      " + line;
+    }
+    a.findings.push_back({"fatal", text});
+  }
+  for (const auto& entry : r.warnings) {
+    const WarningCount& w = entry.second;
+    bool benign = false;
+    std::string why = explainWarning(w.kind, &benign);
+    std::string line = std::to_string(w.count) + " x \"" + w.kind + "\": " + why;
+    if (benign) {
+      a.notes.push_back(line);
+    } else {
+      a.findings.push_back({"warning", line + "\n    first: " + w.first});
+    }
+  }
+
+  if (!a.debugMissing) {
+    a.check = sim::checkHistory(r.history);
+    std::vector<sim::Violation> kept;
+    for (const sim::Violation& v : a.check.violations) {
+      if (v.rule == "licence" || v.rule == "pool") continue;
+      if (v.rule == "delivery") {
+        // A frame still in flight when the log ends is not a delivery fault.
+        unsigned s = 0, f = 0;
+        if (std::sscanf(v.message.c_str(), "S:%u F:%u", &s, &f) == 2) {
+          auto fi = r.frames.find(f);
+          if (fi != r.frames.end() && !fi->second.retired) {
+            bool allDone = true;
+            for (uint32_t x : fi->second.sensors) {
+              const SensorFrame* p = findState(r, x, f);
+              allDone = allDone && p && p->done();
+            }
+            if (!allDone) continue;
+          }
+        }
+      }
+      kept.push_back(v);
+    }
+    a.check.violations = kept;
+    for (const sim::Violation& v : kept) a.findings.push_back({v.rule, v.message});
+  }
+
+  a.notCheckable.push_back(
+      "licence: which licence each job took and what went back to the pipe manager are not "
+      "logged at any level (the queue's push and pop lines need " +
+      std::string(kHowToEnableVerbose) +
+      " on a deliverer built after another one; acquisitions are the pipe manager's own)");
+  if (a.debugMissing) {
+    a.notCheckable.push_back(
+        "order, sync, raw-switch, fd, delivery and blocked sends: the log has none of the "
+        "library's debug lines (\"[prepare] [S:N F:N] prepared, order(N)\", \"[getLicense] "
+        "[S:N F:N] FD(N)\", \"[finished] ...\", the wait lines); they need " +
+        std::string(kHowToEnableDebug));
+  } else if (r.verboseLines == 0) {
+    a.notCheckable.push_back(
+        "wait times of enqueue sends: counted from the first wait line instead of the call, "
+        "since the send's own line \"[sendJobForEnque] [S:N F:N]\" needs " +
+        std::string(kHowToEnableVerbose));
+  }
+  if (!r.hasTime) {
+    a.notCheckable.push_back(
+        "times: the brief layout has no time stamps; waits and durations are by line order "
+        "only (capture with adb logcat -v threadtime)");
+  }
+  if (!r.hasTid) {
+    a.notCheckable.push_back(
+        "threads: the layout has no thread ids (capture with adb logcat -v threadtime)");
+  }
+  return a;
+}
+
+void printSummary(std::ostream& out, const Run& r) {
+  std::vector<sim::SensorSummary> rows = sim::summarize(r.history);
+  // Licences by FD: FDs the sensor's jobs were given, and frames where its enqueue FD was
+  // shared with another sensor.
+  std::map<uint32_t, std::set<int32_t>> fds;
+  std::map<uint32_t, uint64_t> sharedFrames;
+  std::map<std::pair<uint32_t, int32_t>, std::set<uint32_t>> fdUsers;  // (frame, fd) -> sensors
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (st.enqFd >= 0) fds[st.sensor].insert(st.enqFd);
+    if (st.cfgFd >= 0) fds[st.sensor].insert(st.cfgFd);
+    if (st.enqFd >= 0) fdUsers[{st.frame, st.enqFd}].insert(st.sensor);
+  }
+  for (const auto& entry : fdUsers) {
+    if (entry.second.size() < 2) continue;
+    for (uint32_t s : entry.second) ++sharedFrames[s];
+  }
+  char line[256];
+  std::snprintf(line, sizeof line, "%-7s %8s %10s %8s %7s %7s  %9s %9s %9s  %8s %9s\n", "sensor",
+                "prepared", "configured", "enqueued", "dropped", "flushed", "wait p50", "wait p99",
+                "wait max", "lic FDs", "FD shared");
+  out << line;
+  std::snprintf(line, sizeof line, "%-7s %8s %10s %8s %7s %7s  %9s %9s %9s  %8s %9s\n", "", "", "",
+                "", "", "", "ms", "ms", "ms", "", "frames");
+  out << line;
+  uint64_t totalFds = 0, totalShared = 0;
+  for (const sim::SensorSummary& row : rows) {
+    if (row.label == "shared") continue;
+    auto t = [&](Nanos v) {
+      if (!row.waits) return std::string("-");
+      char b[32];
+      std::snprintf(b, sizeof b, "%.3f", double(v) / 1e6);
+      return std::string(b);
+    };
+    uint64_t nFds = 0, nShared = 0;
+    if (row.label == "total") {
+      nFds = totalFds;
+      nShared = totalShared;
+    } else {
+      uint32_t s = uint32_t(std::stoul(row.label.substr(2)));
+      nFds = fds[s].size();
+      nShared = sharedFrames[s];
+      totalFds += nFds;
+      totalShared += nShared;
+    }
+    std::snprintf(
+        line, sizeof line, "%-7s %8llu %10llu %8llu %7llu %7llu  %9s %9s %9s  %8llu %9llu\n",
+        row.label.c_str(), static_cast<unsigned long long>(row.prepared),
+        static_cast<unsigned long long>(row.configured),
+        static_cast<unsigned long long>(row.enqueued), static_cast<unsigned long long>(row.dropped),
+        static_cast<unsigned long long>(row.flushed), t(row.waitP50).c_str(),
+        t(row.waitP99).c_str(), t(row.waitMax).c_str(), static_cast<unsigned long long>(nFds),
+        static_cast<unsigned long long>(nShared));
+    out << line;
+  }
+}
+
+void printFrames(std::ostream& out, const Run& r) {
+  char line[256];
+  std::snprintf(line, sizeof line, "%-10s %-6s %6s %-14s %10s %10s %-12s %-9s %s\n", "frame",
+                "sensor", "order", "configure", "wait ms", "job ms", "fd", "sync", "state");
+  out << line;
+  for (const auto& entry : r.frames) {
+    const FrameInfo& fi = entry.second;
+    std::string sync;
+    for (const auto& p : r.history.plans) {
+      if (p.frame != fi.frame) continue;
+      for (uint32_t s : p.syncList) sync += (sync.empty() ? "" : ",") + std::to_string(s);
+    }
+    if (sync.empty()) sync = "-";
+    if (fi.syncBroken) sync += " broken";
+    for (uint32_t s : fi.sensors) {
+      const SensorFrame* st = findState(r, s, fi.frame);
+      if (!st) continue;
+      std::string cfg = st->cfgSent ? (st->cfgDone ? "job" : "job pending")
+                                    : (st->setConfigured ? "setConfigured" : "-");
+      char wait[32] = "-", job[32] = "-";
+      if (st->enqStarted) {
+        std::snprintf(wait, sizeof wait, "%.3f", double(st->enqStart - st->enqSentAt) / 1e6);
+        if (st->enqDone)
+          std::snprintf(job, sizeof job, "%.3f", double(st->enqEnd - st->enqStart) / 1e6);
+      }
+      std::string fd = st->firstFd >= 0 ? std::to_string(st->firstFd) : "-";
+      for (const auto& ch : st->fdChanges) {
+        if (ch.first == st->firstFd) fd += "->" + std::to_string(ch.second);
+      }
+      std::string state = stateText(st);
+      if (fi.offSensor == int64_t(s)) state += ", raw switch off";
+      std::snprintf(line, sizeof line, "F:%-8u S:%-4u %6lld %-14s %10s %10s %-12s %-9s %s\n",
+                    fi.frame, s, static_cast<long long>(st->order), cfg.c_str(), wait, job,
+                    fd.c_str(), sync.c_str(), state.c_str());
+      out << line;
+    }
+  }
+}
+
+void printAnalysis(std::ostream& out, const Analysis& a) {
+  if (!a.notes.empty()) {
+    out << "benign warnings:\n";
+    for (const std::string& n : a.notes) out << "  " << n << "\n";
+  }
+  out << "not checkable from this log:\n";
+  for (const std::string& n : a.notCheckable) out << "  " << n << "\n";
+  if (a.findings.empty()) {
+    out << "no findings\n";
+    return;
+  }
+  out << a.findings.size() << " finding(s):\n";
+  for (const Finding& f : a.findings) out << "  [" << f.kind << "] " << f.text << "\n";
+}
+
+void writeTrace(std::ostream& out, const Run& r) {
+  using json = nlohmann::json;
+  json events = json::array();
+  const int pid = r.pid;
+  auto us = [](Nanos ns) { return double(ns) / 1000.0; };
+  // A thread serves the sensor most of its lines name; one that names several is the
+  // pipeline's event thread.
+  std::map<int, std::string> names;
+  for (const auto& t : r.threadSensors) {
+    uint64_t total = 0, best = 0;
+    uint32_t sensor = 0;
+    for (const auto& s : t.second) {
+      total += s.second;
+      if (s.second > best) best = s.second, sensor = s.first;
+    }
+    names[t.first] = best * 10 >= total * 9 ? "sensor " + std::to_string(sensor) : "pipeline";
+  }
+  events.push_back({{"name", "process_name"},
+                    {"ph", "M"},
+                    {"pid", pid},
+                    {"tid", 0},
+                    {"args", {{"name", "camdeliver-log: process " + std::to_string(pid)}}}});
+  for (const auto& n : names) {
+    events.push_back({{"name", "thread_name"},
+                      {"ph", "M"},
+                      {"pid", pid},
+                      {"tid", n.first},
+                      {"args", {{"name", n.second}}}});
+    events.push_back({{"name", "thread_sort_index"},
+                      {"ph", "M"},
+                      {"pid", pid},
+                      {"tid", n.first},
+                      {"args", {{"sort_index", n.second == "pipeline" ? -1 : n.first}}}});
+  }
+  int eventTid = 0;
+  for (const auto& n : names) {
+    if (n.second == "pipeline") eventTid = n.first;
+  }
+  for (const auto& j : r.history.jobs) {
+    const SensorFrame* st = findState(r, j.sensor, j.frame);
+    int tid = st && st->tid >= 0 ? st->tid : int(j.sensor) + 1;
+    std::string name = sf(j.sensor, j.frame);
+    Nanos end = std::max(j.end, j.sent);
+    events.push_back({{"name", name},
+                      {"cat", "send"},
+                      {"ph", "X"},
+                      {"ts", us(j.sent)},
+                      {"dur", us(end - j.sent)},
+                      {"pid", pid},
+                      {"tid", tid}});
+    if (j.ran && j.start > j.sent) {
+      events.push_back(
+          {{"name", name + " isConfig:" + (j.kind == sim::JobKind::Configure ? "1" : "0")},
+           {"cat", "wait"},
+           {"ph", "X"},
+           {"ts", us(j.sent)},
+           {"dur", us(j.start - j.sent)},
+           {"pid", pid},
+           {"tid", tid}});
+    }
+    if (j.ran) {
+      events.push_back({{"name", std::string(sim::jobKindName(j.kind)) + " " + name},
+                        {"cat", "job"},
+                        {"ph", "X"},
+                        {"ts", us(j.start)},
+                        {"dur", us(std::max(j.end, j.start) - j.start)},
+                        {"pid", pid},
+                        {"tid", tid},
+                        {"args", {{"fd", j.fd}}}});
+    }
+  }
+  // Flow arrows: from the partner's enqueue job whose end released a waiting enqueue (the
+  // last of the previous frame's partners to finish before it started) to that enqueue.
+  uint64_t flowId = 0;
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (!st.enqStarted || !(st.enqWaitSeen && st.waitLines > 0)) continue;
+    std::optional<uint32_t> prev = previousFrame(r, st);
+    if (!prev) continue;
+    const SensorFrame* releaser = nullptr;
+    auto prevInfo = r.frames.find(*prev);
+    if (prevInfo == r.frames.end()) continue;
+    for (uint32_t partner : prevInfo->second.sensors) {
+      const SensorFrame* p = findState(r, partner, *prev);
+      if (!p || partner == st.sensor || !p->enqDone || p->enqEnd > st.enqStart) continue;
+      if (!releaser || p->enqEnd > releaser->enqEnd) releaser = p;
+    }
+    if (!releaser || releaser->tid < 0 || st.tid < 0) continue;
+    ++flowId;
+    events.push_back({{"name", "releases"},
+                      {"cat", "flow"},
+                      {"ph", "s"},
+                      {"id", flowId},
+                      {"ts", us(releaser->enqStart)},
+                      {"pid", pid},
+                      {"tid", releaser->tid}});
+    events.push_back({{"name", "releases"},
+                      {"cat", "flow"},
+                      {"ph", "f"},
+                      {"bp", "e"},
+                      {"id", flowId},
+                      {"ts", us(st.enqStart)},
+                      {"pid", pid},
+                      {"tid", st.tid}});
+  }
+  // Counters: frames in flight (first prepare to retirement) and enqueue sends waiting.
+  std::vector<std::pair<Nanos, std::pair<int, int>>> marks;  // time -> (frames, waiting)
+  for (const auto& entry : r.frames) {
+    if (entry.second.sensors.empty()) continue;
+    marks.push_back({entry.second.firstSeen, {1, 0}});
+    if (entry.second.retired) marks.push_back({entry.second.retiredAt, {-1, 0}});
+  }
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (!(st.enqSentSeen || st.enqWaitSeen) || st.enqStart <= st.enqSentAt) continue;
+    marks.push_back({st.enqSentAt, {0, 1}});
+    if (st.enqStarted) marks.push_back({st.enqStart, {0, -1}});
+  }
+  std::sort(marks.begin(), marks.end());
+  int inFlight = 0, waiting = 0;
+  for (const auto& m : marks) {
+    inFlight += m.second.first;
+    waiting += m.second.second;
+    events.push_back({{"name", m.second.first ? "frames in flight" : "sends waiting"},
+                      {"cat", "counter"},
+                      {"ph", "C"},
+                      {"ts", us(m.first)},
+                      {"pid", pid},
+                      {"tid", eventTid},
+                      {"args", {{"value", m.second.first ? inFlight : waiting}}}});
+  }
+  for (const auto& e : r.history.events) {
+    std::string name = e.kind == sim::EventKind::QueueFlush
+                           ? std::string("flush()")
+                           : std::string(sim::eventKindName(e.kind)) + " " + sf(e.sensor, e.frame) +
+                                 " value:" + std::to_string(e.value);
+    events.push_back({{"name", name},
+                      {"cat", "event"},
+                      {"ph", "i"},
+                      {"s", "t"},
+                      {"ts", us(e.begin)},
+                      {"pid", pid},
+                      {"tid", eventTid}});
+  }
+  // Each frame's life, from its first prepare to the line that retired it.
+  for (const auto& entry : r.frames) {
+    const FrameInfo& fi = entry.second;
+    if (fi.sensors.empty()) continue;
+    Nanos begin = fi.firstSeen;
+    Nanos end = fi.retired ? fi.retiredAt : r.endAt;
+    std::string name = "F:" + std::to_string(fi.frame);
+    events.push_back({{"name", name},
+                      {"cat", "frame"},
+                      {"ph", "b"},
+                      {"id", fi.frame},
+                      {"ts", us(begin)},
+                      {"pid", pid},
+                      {"tid", eventTid}});
+    events.push_back({{"name", name},
+                      {"cat", "frame"},
+                      {"ph", "e"},
+                      {"id", fi.frame},
+                      {"ts", us(std::max(end, begin))},
+                      {"pid", pid},
+                      {"tid", eventTid}});
+  }
+  out << json{{"traceEvents", events}, {"displayTimeUnit", "ms"}}.dump() << "\n";
+}
+
+void writeScenario(std::ostream& out, const Run& r) {
+  using json = nlohmann::json;
+  const sim::History& h = r.history;
+  json root;
+  if (h.plans.empty()) {
+    out << "{}\n";
+    return;
+  }
+  uint32_t first = h.plans.front().frame, last = h.plans.back().frame;
+  root["description"] = "Replays the frames of process " + std::to_string(r.pid) +
+                        " as camdeliver-log rebuilt them from its log.";
+  root["firstFrame"] = first;
+  root["frames"] = last - first + 1;
+  // Frame interval: the median gap between first prepares of consecutive frames.
+  std::vector<Nanos> gaps;
+  const FrameInfo* prev = nullptr;
+  for (const auto& entry : r.frames) {
+    if (entry.second.sensors.empty()) continue;
+    if (prev) gaps.push_back(entry.second.firstSeen - prev->firstSeen);
+    prev = &entry.second;
+  }
+  std::sort(gaps.begin(), gaps.end());
+  int64_t interval = gaps.empty() ? 1000 : gaps[gaps.size() / 2] / 1000;
+  root["frameIntervalUs"] = std::min<int64_t>(std::max<int64_t>(interval, 100), 1000000);
+  // Frames in flight at once: prepared, not yet retired.
+  int inFlight = 0, maxInFlight = 1;
+  std::vector<std::pair<Nanos, int>> marks;
+  for (const auto& entry : r.frames) {
+    if (entry.second.sensors.empty()) continue;
+    marks.push_back({entry.second.firstSeen, 1});
+    if (entry.second.retired) marks.push_back({entry.second.retiredAt, -1});
+  }
+  std::sort(marks.begin(), marks.end());
+  for (const auto& m : marks) maxInFlight = std::max(maxInFlight, inFlight += m.second);
+  root["maxInFlight"] = std::min(maxInFlight, 19);
+  // Job durations per sensor, fitted as a normal distribution.
+  std::map<uint32_t, std::vector<double>> durations;
+  for (const auto& j : h.jobs) {
+    if (j.ran && j.end >= j.start) durations[j.sensor].push_back(double(j.end - j.start) / 1000.0);
+  }
+  // Sensors: one that first appears as the "on" side of a raw switch does not stream at first.
+  std::map<uint32_t, uint32_t> firstFrame;
+  for (const auto& p : h.plans) {
+    for (uint32_t s : p.sensors) firstFrame.emplace(s, p.frame);
+  }
+  std::set<uint32_t> joinsBySwitch;
+  for (const auto& p : h.plans) {
+    if (p.isRawSwitch() && p.onSensor >= 0 && firstFrame[uint32_t(p.onSensor)] == p.frame &&
+        p.frame != first) {
+      joinsBySwitch.insert(uint32_t(p.onSensor));
+    }
+  }
+  for (uint32_t s : h.sensors) {
+    json cam = {{"id", s}};
+    if (joinsBySwitch.count(s)) cam["streaming"] = false;
+    const auto& d = durations[s];
+    if (!d.empty()) {
+      double mean = 0, var = 0;
+      for (double x : d) mean += x;
+      mean /= double(d.size());
+      for (double x : d) var += (x - mean) * (x - mean);
+      double sd = std::sqrt(var / double(d.size()));
+      cam["jobDuration"] = {{"distribution", "normal"},
+                            {"meanUs", std::min(std::round(mean), 1e6)},
+                            {"stddevUs", std::min(std::round(sd), 1e6)}};
+    }
+    root["sensors"].push_back(cam);
+  }
+  // Sync groups: runs of frames with one sync list.
+  json groups = json::array();
+  std::set<uint32_t> current;
+  uint32_t from = 0, to = 0;
+  auto closeGroup = [&] {
+    if (current.size() >= 2) {
+      groups.push_back({{"sensors", current}, {"fromFrame", from}, {"toFrame", to}});
+    }
+  };
+  // Configure frames show no shared FD; they take the group of a neighbouring frame when all
+  // of it takes part.
+  std::vector<std::set<uint32_t>> lists;
+  for (const auto& p : h.plans) lists.push_back(p.syncList);
+  auto allIn = [](const std::set<uint32_t>& group, const sim::FramePlan& p) {
+    return std::all_of(group.begin(), group.end(), [&](uint32_t s) {
+      return std::find(p.sensors.begin(), p.sensors.end(), s) != p.sensors.end();
+    });
+  };
+  for (size_t i = 0; i < h.plans.size(); ++i) {
+    const sim::FramePlan& p = h.plans[i];
+    if (!lists[i].empty() || p.needCfg.empty()) continue;
+    if (i > 0 && !lists[i - 1].empty() && allIn(lists[i - 1], p)) {
+      lists[i] = lists[i - 1];
+    } else if (i + 1 < h.plans.size() && !lists[i + 1].empty() && allIn(lists[i + 1], p)) {
+      lists[i] = lists[i + 1];
+    }
+  }
+  for (size_t i = 0; i < h.plans.size(); ++i) {
+    const sim::FramePlan& p = h.plans[i];
+    const std::set<uint32_t>& list = lists[i];
+    if (list == current && p.frame == to + 1) {
+      to = p.frame;
+      continue;
+    }
+    closeGroup();
+    current = list;
+    from = to = p.frame;
+  }
+  closeGroup();
+  if (!groups.empty()) root["syncGroups"] = groups;
+  for (const auto& p : h.plans) {
+    std::set<uint32_t> bySet;
+    for (uint32_t s : p.needCfg) {
+      if (!p.cfgByJob.count(s)) bySet.insert(s);
+    }
+    if (!p.cfgByJob.empty()) {
+      root["configure"].push_back({{"frame", p.frame}, {"sensors", p.cfgByJob}, {"via", "job"}});
+    }
+    if (!bySet.empty()) {
+      root["configure"].push_back(
+          {{"frame", p.frame}, {"sensors", bySet}, {"via", "setConfigured"}});
+    }
+    if (p.isRawSwitch() && p.onSensor >= 0) {
+      root["rawSwitches"].push_back({{"frame", p.frame}, {"off", p.offSensor}, {"on", p.onSensor}});
+    }
+  }
+  // Events: the sensors' flushes of one frame were one flush of the stream.
+  std::set<uint32_t> flushedFrames;
+  for (const auto& e : h.events) {
+    if (e.kind == sim::EventKind::QueueFlush) continue;
+    if (e.frame < first || e.frame > last) continue;
+    if (e.kind == sim::EventKind::Flush && !flushedFrames.insert(e.frame).second) continue;
+    json ev = {{"frame", e.frame}, {"type", sim::eventKindName(e.kind)}, {"sensor", e.sensor}};
+    if (e.kind == sim::EventKind::InformInflight || e.value != 0) ev["value"] = e.value;
+    root["events"].push_back(ev);
+  }
+  out << root.dump(2) << "\n";
+}
+
+}  // namespace logread
+}  // namespace orvcam

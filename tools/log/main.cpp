@@ -1,0 +1,159 @@
+// camdeliver-log: reads a device's or the simulator's log, rebuilds what the deliverer did
+// per sensor and frame, checks it with the simulator's ordering checker and explains what it
+// finds. Exit code 0: no findings; 1: findings; 2: bad command line or input.
+#include <CLI/CLI.hpp>
+#include <fstream>
+#include <iostream>
+
+#include "LogReader.h"
+#include "LogReport.h"
+#include "Report.h"
+
+namespace {
+
+using namespace orvcam;
+
+constexpr int kExitFindings = 1;
+constexpr int kExitBadInput = 2;
+
+bool writeFile(const std::string& option, const std::string& path,
+               const std::function<void(std::ostream&)>& write) {
+  std::ofstream out(path);
+  if (out) write(out);
+  if (!out) {
+    std::cerr << "camdeliver-log: " << option << ": cannot write " << path << "\n";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{
+      "camdeliver-log: reads a logcat capture (threadtime, time or brief layout, or a "
+      "bugreport), rebuilds the deliverer's frames per sensor, checks their order and explains "
+      "blocked sends, fatal assertions and warnings."};
+  std::string inputPath = "-";
+  std::string tracePath, historyPath, scenarioPath;
+  bool frames = false;
+  int pid = -1;
+  app.add_option("log", inputPath, "Log file (default or \"-\": standard input)");
+  app.add_flag("--frames", frames, "Also print a table of every (frame, sensor)");
+  app.add_option("--trace", tracePath, "Write a Chrome JSON trace rebuilt from the log");
+  app.add_option("--history", historyPath,
+                 "Write the rebuilt history (camdeliver-sim --check reads it)");
+  app.add_option("--scenario", scenarioPath,
+                 "Write a camdeliver-sim scenario that replays the log's frames");
+  app.add_option("--pid", pid,
+                 "Process whose run the --trace, --history and --scenario files describe "
+                 "(default: the last one in the log)");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int rc = app.exit(e);
+    return rc == 0 ? 0 : kExitBadInput;
+  }
+
+  std::ifstream file;
+  std::istream* in = &std::cin;
+  std::string inputName = "standard input";
+  if (inputPath != "-") {
+    file.open(inputPath, std::ios::binary);
+    if (!file) {
+      std::cerr << "camdeliver-log: " << inputPath << ": cannot open\n";
+      return kExitBadInput;
+    }
+    in = &file;
+    inputName = inputPath;
+  }
+  logread::LogReader reader;
+  std::string line;
+  while (std::getline(*in, line)) reader.addLine(line);
+  if (reader.totalLines() == 0) {
+    std::cerr << "camdeliver-log: " << inputName << ": empty, no line to read\n";
+    return kExitBadInput;
+  }
+  if (reader.binary() && reader.parsedLines() == 0) {
+    std::cerr << "camdeliver-log: " << inputName << ": binary data (line "
+              << reader.firstBinaryLine() << " holds control bytes), not a logcat text capture\n";
+    return kExitBadInput;
+  }
+  if (reader.libraryLines() == 0) {
+    std::cerr << "camdeliver-log: " << inputName << ": none of its " << reader.totalLines()
+              << " lines is a line of the deliverer (tags OrvCam/CamDeliver, "
+                 "OrvCam/CamDeliverGuard, OrvCam/FrameContextPool, OrvCam/LicenseQueue in "
+                 "logcat's threadtime, time or brief layout)\n";
+    return kExitBadInput;
+  }
+  std::vector<logread::Run> runs = reader.finish();
+
+  bool findings = false;
+  bool nothingRebuilt = true;
+  const logread::Run* chosen = nullptr;
+  for (const logread::Run& run : runs) {
+    if (pid < 0 || run.pid == pid) chosen = &run;
+    std::cout << "process " << run.pid << ": " << run.lines << " lines of the deliverer ("
+              << logread::layoutName(run.layout) << " layout"
+              << (run.verboseLines ? ", verbose lines present" : "") << ")\n";
+    logread::Analysis analysis = logread::analyse(run);
+    if (analysis.debugMissing) {
+      std::cout << "  nothing to rebuild: the log has only the deliverer's warnings and "
+                   "errors; its debug lines need "
+                << logread::kHowToEnableDebug << "\n\n";
+    } else {
+      nothingRebuilt = false;
+      std::cout << "\n";
+      logread::printSummary(std::cout, run);
+      std::cout << "\n";
+      if (frames) {
+        logread::printFrames(std::cout, run);
+        std::cout << "\n";
+      }
+      std::cout << "verdict: " << (analysis.findings.empty() ? "PASS" : "FAIL") << " - "
+                << analysis.check.jobsChecked << " jobs checked for order, sync, raw switch, FD "
+                << "and delivery\n";
+    }
+    if (run.unpreparedJobs) {
+      std::cout << run.unpreparedJobs
+                << " job(s) of frames prepared before the log begins were left out\n";
+    }
+    if (run.truncated) {
+      std::cout << run.truncated
+                << " line(s) were cut at the logger's 1023 bytes; their lists are partial\n";
+    }
+    logread::printAnalysis(std::cout, analysis);
+    std::cout << "\n";
+    findings = findings || !analysis.findings.empty();
+  }
+  if (pid >= 0 && !chosen) {
+    std::cerr << "camdeliver-log: --pid: no line of process " << pid << " in the log\n";
+    return kExitBadInput;
+  }
+  if (chosen) {
+    if (!tracePath.empty() && !writeFile("--trace", tracePath, [&](std::ostream& o) {
+          logread::writeTrace(o, *chosen);
+        })) {
+      return kExitBadInput;
+    }
+    if (!historyPath.empty() && !writeFile("--history", historyPath, [&](std::ostream& o) {
+          sim::writeHistoryJson(o, chosen->history);
+        })) {
+      return kExitBadInput;
+    }
+    if (!scenarioPath.empty() && !writeFile("--scenario", scenarioPath, [&](std::ostream& o) {
+          logread::writeScenario(o, *chosen);
+        })) {
+      return kExitBadInput;
+    }
+  }
+  if (findings) return kExitFindings;
+  if (nothingRebuilt) {
+    std::cerr << "camdeliver-log: " << inputName
+              << ": only warnings and errors of the deliverer; nothing could be checked. "
+                 "Capture again with "
+              << logread::kHowToEnableDebug << "\n";
+    return kExitBadInput;
+  }
+  return 0;
+}
