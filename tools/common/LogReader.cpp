@@ -373,6 +373,7 @@ void LogReader::handle(Context& c, const LogLine& line) {
   c.lastAt = at;
   ++c.seq;
   r.endAt = at;
+  if (line.tid >= 0) r.threadLastAt[line.tid] = at;
 
   std::string_view text = line.text;
   std::string full(text);
@@ -486,6 +487,8 @@ void LogReader::handle(Context& c, const LogLine& line) {
         ++r.verboseLines;
         st.enqSentSeen = true;
         st.enqSentAt = at;
+        st.enqLineTid = line.tid;
+        st.enqLastLineAt = at;
       }
     } else if (func == "getLicense") {
       closeEvent();
@@ -626,6 +629,10 @@ void LogReader::handle(Context& c, const LogLine& line) {
       SensorFrame& st = state(sensor, frame);
       if (contains(tail, "wait previous syncframe enque ...")) {
         ++st.waitLines;
+        if (!isConfig) {
+          st.enqLineTid = line.tid;
+          st.enqLastLineAt = at;
+        }
         if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
           st.enqWaitSeen = true;
           st.enqFirstWait = at;

@@ -60,7 +60,9 @@ struct SensorFrame {
   bool enqNull = false;  // no licence: the job was not run
   Nanos enqSentAt = 0, enqFirstWait = 0, enqStart = 0, enqEnd = 0;
   int32_t enqFd = -1;
-  int waitLines = 0;  // "wait previous syncframe enque ..." lines
+  int waitLines = 0;        // "wait previous syncframe enque ..." lines
+  int enqLineTid = -1;      // the thread of the enqueue's own send and wait lines
+  Nanos enqLastLineAt = 0;  // the latest of those lines
   // A raw-switch wait opened ("enqed +") and not closed yet, for the configure or the enqueue.
   int64_t offWaitOpen[2] = {-1, -1};  // [isConfig] -> off sensor, or -1
   Nanos offWaitSince[2] = {0, 0};
@@ -123,6 +125,7 @@ struct Run {
   std::map<uint32_t, std::vector<uint32_t>> sequence;         // per sensor, frames in prepare order
   std::map<uint32_t, LastSeen> lastSeen;                      // per sensor
   std::map<int, std::map<uint32_t, uint64_t>> threadSensors;  // tid -> sensor -> lines
+  std::map<int, Nanos> threadLastAt;                          // tid -> time of its latest line
   std::vector<FatalAssertion> fatals;
   std::map<std::string, WarningCount> warnings;  // by kind
   bool torndown = false;                         // the deliverer's destructor handed licences back

@@ -65,6 +65,15 @@ std::string lastSeen(const Run& r, uint32_t s) {
   return "S:" + std::to_string(s) + " last at " + ms(it->second.at) + ": " + it->second.text;
 }
 
+// A no-frame enqueue reports no completion and takes no licence from the queue, so no line says
+// that it left its wait; its thread writing anything after the send's last line does, since a
+// request thread blocked in a send writes nothing else.
+bool noFrameSendWentOn(const Run& r, const SensorFrame& st) {
+  if (st.frame != kNoFrame || st.enqLineTid < 0) return false;
+  auto it = r.threadLastAt.find(st.enqLineTid);
+  return it != r.threadLastAt.end() && it->second > st.enqLastLineAt;
+}
+
 void blockedFinding(const Run& r, const SensorFrame& st, bool isConfig, Analysis* a) {
   const char* label = isConfig ? "ConfigJob" : "EnqJob";
   Nanos since = isConfig ? st.cfgSentAt : st.enqSentAt;
@@ -120,7 +129,7 @@ Analysis analyse(const Run& r) {
   for (const auto& entry : r.states) {
     const SensorFrame& st = entry.second;
     if (st.cfgBlocked()) blockedFinding(r, st, true, &a);
-    if (st.enqBlocked()) blockedFinding(r, st, false, &a);
+    if (st.enqBlocked() && !noFrameSendWentOn(r, st)) blockedFinding(r, st, false, &a);
   }
   for (const FatalAssertion& f : r.fatals) {
     std::string text = "fatal assertion \"" + f.message + "\"" +
