@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Fails when a tracked C++ file is not formatted by .clang-format, when Android.bp does not
-# parse or is not in bpfmt's canonical form, or when Android.bp and the CMake build disagree on
-# the library's sources.
+# parse or is not in bpfmt's canonical form, or when Android.bp misses a library source or a
+# test source of the suites its cc_test builds.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 status=0
@@ -27,7 +27,7 @@ while IFS= read -r file; do
 done < <(grep -oE '"[^"]+\.(cpp|map)"' Android.bp | tr -d '"')
 while IFS= read -r file; do
   grep -q "\"$file\"" Android.bp || { echo "FAIL: $file is built by CMake but not by Android.bp"; status=1; }
-done < <(grep -oE 'hw/camsys/cam_deliver/[A-Za-z]+\.cpp' CMakeLists.txt)
+done < <(grep -oE 'hw/camsys/cam_deliver/[A-Za-z]+\.cpp' CMakeLists.txt; git ls-files 'tests/delivery/*.cpp' 'tests/foundation/*.cpp')
 
 [ $status -eq 0 ] && echo "style OK: ${#sources[@]} C++ files formatted, Android.bp canonical"
 exit $status
