@@ -294,35 +294,41 @@ std::string ruleForFatal(const std::string& message) {
 }
 
 std::string explainWarning(const std::string& kind, bool* benign) {
+  struct Known {
+    const char* pattern;  // a part of the warning's text; the first match explains it
+    const char* why;
+    bool benign;
+  };
+  // "already finished" and "FC not found ! maybe flushed" come before the plain "FC not found".
+  static const Known kKnown[] = {
+      {"license already null !",
+       "written on every setConfigured and every drop (every release by key); benign", true},
+      {"NOT have F:N in licenseQueue",
+       "a licence was asked for or handed back that was not queued: flushed, dropped or "
+       "configured before",
+       false},
+      {"FD(NULL)", "a job found no licence for its frame: the frame was flushed or dropped", false},
+      {"null license, maybe flushed, skip execute",
+       "an enqueue job was not run and its send returned -1: its licence was gone (flushed or "
+       "dropped)",
+       false},
+      {"FC not found ! maybe flushed",
+       "setConfigured or a job's completion came for a frame that had already left the pool",
+       false},
+      {"already finished",
+       "a drop came for a frame whose sensors were all enqueued; nothing was done", false},
+      {"FC not found", "a drop came for a frame that is not in the pool; nothing was done", false},
+      {"FC not exist, skip", "erase of a frame not in the pool", false},
+      {"still there", "the pool still holds a frame of the sensor", false},
+      {"license is null, skip", "an empty licence was handed back", false},
+  };
+  for (const Known& k : kKnown) {
+    if (contains(kind, k.pattern)) {
+      *benign = k.benign;
+      return k.why;
+    }
+  }
   *benign = false;
-  if (contains(kind, "license already null !")) {
-    *benign = true;
-    return "written on every setConfigured and every drop (every release by key); benign";
-  }
-  if (contains(kind, "NOT have F:N in licenseQueue")) {
-    return "a licence was asked for or handed back that was not queued: flushed, dropped or "
-           "configured before";
-  }
-  if (contains(kind, "FD(NULL)")) {
-    return "a job found no licence for its frame: the frame was flushed or dropped";
-  }
-  if (contains(kind, "null license, maybe flushed, skip execute")) {
-    return "an enqueue job was not run and its send returned -1: its licence was gone "
-           "(flushed or dropped)";
-  }
-  if (contains(kind, "FC not found ! maybe flushed")) {
-    return "setConfigured or a job's completion came for a frame that had already left the "
-           "pool";
-  }
-  if (contains(kind, "already finished")) {
-    return "a drop came for a frame whose sensors were all enqueued; nothing was done";
-  }
-  if (contains(kind, "FC not found")) {
-    return "a drop came for a frame that is not in the pool; nothing was done";
-  }
-  if (contains(kind, "FC not exist, skip")) return "erase of a frame not in the pool";
-  if (contains(kind, "still there")) return "the pool still holds a frame of the sensor";
-  if (contains(kind, "license is null, skip")) return "an empty licence was handed back";
   return "not a warning this tool knows";
 }
 
