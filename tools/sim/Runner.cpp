@@ -27,7 +27,17 @@ constexpr size_t kNoGate = SIZE_MAX;
 // first prepared most recently. The client keeps every frame's preparations inside that
 // window: first preparations go in frame order, and a frame is emplaced only once the frame
 // this many places before it has been prepared by all of its sensors.
-constexpr size_t kPreparedWindow = 20;
+constexpr size_t kPreparedWindow = cc::CamDeliver::kPreparedFramesKept;
+
+// The history numbers events as the deliverer does, so that a recorded kind is handed on as is.
+static_assert(uint32_t(EventKind::InformInflight) == cc::CamDeliver::InformInflight &&
+                  uint32_t(EventKind::ResumeDone) == cc::CamDeliver::ResumeDone &&
+                  uint32_t(EventKind::Suspend) == cc::CamDeliver::Suspend &&
+                  uint32_t(EventKind::Drop) == cc::CamDeliver::Drop &&
+                  uint32_t(EventKind::Flush) == cc::CamDeliver::Flush &&
+                  uint32_t(EventKind::LicenseRelease) == cc::CamDeliver::LicenseRelease &&
+                  uint32_t(EventKind::RawSwitch) == cc::CamDeliver::RawSwitch,
+              "EventKind and CamDeliver::EventType disagree");
 
 }  // namespace
 
