@@ -31,6 +31,34 @@ bool isEnquedLocked(const FrameContext& fc, uint32_t sensorId) {
   return false;
 }
 
+// Sensors of the record that must still be enqueued; the caller holds the record's lock.
+int32_t notEnqCountLocked(const FrameContext& fc) {
+  int32_t count = 0;
+  for (const auto& entry : fc.sensorStates) {
+    if (entry.second.needEnq && !entry.second.isEnqued) ++count;
+  }
+  return count;
+}
+
+// What the wait checks of the record before its rules, read under one hold of its lock: the
+// sensors still to enqueue, and whether one sensor streams in state 0 and another in state 1.
+// Neither the need lists nor the streaming states change after the record is built.
+struct WaitFacts {
+  int32_t notEnq;
+  bool rawSwitch;
+};
+
+WaitFacts readWaitFacts(const FrameContext& fc) {
+  std::lock_guard<std::mutex> fcLock(fc.mutex);
+  bool hasOn = false;
+  bool hasOff = false;
+  for (const auto& entry : fc.sensorStates) {
+    hasOn = hasOn || entry.second.streamingState == 0;
+    hasOff = hasOff || entry.second.streamingState == 1;
+  }
+  return {notEnqCountLocked(fc), hasOn && hasOff};
+}
+
 }  // namespace
 
 CamDeliverGuard::CamDeliverGuard() : logLevel(CamDeliver::mLogLevel) {
@@ -95,18 +123,20 @@ bool CamDeliverGuard::waitOffSensorPreviousFrameEnqued(uint32_t offSensor, uint3
 void CamDeliverGuard::wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
   std::unique_lock<std::mutex> lock(mutex);
   std::shared_ptr<const FrameContext> pFc = fcPool->tryGet(frameNo);
+  bool rawSwitch = false;
   if (frameNo != kNoFrame) {
     if (!pFc) CD_FATAL("[S:%d F:%d] FC not found !", sensorId, frameNo);
-    int32_t notEnq = pFc->getNotEnqCount();
-    if (notEnq == 0) {
-      CD_FATAL("[S:%d F:%d] unexpected not enq count(%d)", sensorId, frameNo, notEnq);
+    WaitFacts facts = readWaitFacts(*pFc);
+    if (facts.notEnq == 0) {
+      CD_FATAL("[S:%d F:%d] unexpected not enq count(%d)", sensorId, frameNo, facts.notEnq);
     }
+    rawSwitch = facts.rawSwitch;
   }
   const char* label = jobLabel(isConfig);
   CD_TRACE_SCOPE("S:%d F:%d isConfig:%d", sensorId, frameNo, isConfig ? 1 : 0);
 
   // Raw switch: the sensor being switched off goes first with its previous frame.
-  if (frameNo != kNoFrame && pFc->getIsRawSwitch()) {
+  if (rawSwitch) {
     uint32_t offSensor = 0;
     for (uint32_t id : pFc->getAllList()) {
       if (pFc->getStreamingState(id) == 1) offSensor = id;
@@ -141,22 +171,30 @@ void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfi
   // "No frame" skips the warning and relies on a record kept under that number; without one
   // there is nothing to mark, and going on would dereference an empty record.
   if (!pFc) CD_FATAL("[S:%d F:%d] FC not found !", sensorId, frameNo);
-  if (pFc->getNotEnqCount() == 0) {
+  // The check, the sensor's progress and the count after it are made under one hold of the
+  // record's lock. Like configured() and enqued(), the update never inserts an absent sensor.
+  bool wasFinished;
+  bool isLast = false;
+  {
+    std::lock_guard<std::mutex> fcLock(pFc->mutex);
+    wasFinished = notEnqCountLocked(*pFc) == 0;
+    auto state = pFc->sensorStates.find(sensorId);
+    if (!wasFinished && state != pFc->sensorStates.end()) {
+      // A configure job never retires a frame.
+      if (isConfig) state->second.isConfigured = true;
+      if (!isConfig) state->second.isEnqued = true;
+    }
+    isLast = !wasFinished && !isConfig && notEnqCountLocked(*pFc) == 0;
+  }
+  if (wasFinished) {
     CD_FATAL("[S:%d F:%d] FC already finished, please check it !", sensorId, frameNo);
   }
   // The line's text is one of three constants, picked without building anything.
-  const char* message = "ConfigJob finished. ";
-  if (isConfig) {
-    // A configure job never retires a frame.
-    pFc->configured(sensorId);
-  } else {
-    message = "EnqJob finished. ";
-    pFc->enqued(sensorId);
-    if (pFc->getNotEnqCount() == 0) {
-      message = "EnqJob finished. Is last, erase it.";
-      fcPool->erase(frameNo);
-      eraseCond.notify_all();
-    }
+  const char* message = isConfig ? "ConfigJob finished. " : "EnqJob finished. ";
+  if (isLast) {
+    message = "EnqJob finished. Is last, erase it.";
+    fcPool->erase(frameNo);
+    eraseCond.notify_all();
   }
   CD_LOGD("[%s] [S:%d F:%d] %s", sensorId, frameNo, message);
   cond.notify_all();

@@ -54,12 +54,16 @@ bool FrameContextPool::exist(uint32_t frameNo) {
 std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sensorId,
                                                                     uint32_t frameNo) {
   std::lock_guard<std::mutex> lock(mutex);
+  // Both walks go from the highest frame number down. They step a plain iterator back once
+  // per record: a reverse iterator steps back again on every dereference, and each step is a
+  // call into the tree's code.
   if (frameNo == kNoFrame) {
-    for (auto it = pool.rbegin(); it != pool.rend(); ++it) {
-      if (!it->second) continue;
-      if (it->second->getIsEnqued(sensorId)) {
-        CD_LOGD("[%s] get latest frameNo(%d)", it->first);
-        return it->second;
+    for (auto it = pool.end(); it != pool.begin();) {
+      const auto& entry = *--it;
+      if (!entry.second) continue;
+      if (entry.second->getIsEnqued(sensorId)) {
+        CD_LOGD("[%s] get latest frameNo(%d)", entry.first);
+        return entry.second;
       }
     }
     return nullptr;
@@ -79,9 +83,10 @@ std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sen
   // which need not be the next lower frame number.
   // One lock and one lookup per record: a prepared sensor is present, so its order is read
   // from the entry found rather than by a second, inserting lookup.
-  for (auto it = pool.rbegin(); it != pool.rend(); ++it) {
-    if (!it->second) continue;
-    const FrameContext& fc = *it->second;
+  for (auto it = pool.end(); it != pool.begin();) {
+    const auto& entry = *--it;
+    if (!entry.second) continue;
+    const FrameContext& fc = *entry.second;
     uint64_t order;
     {
       std::lock_guard<std::mutex> fcLock(fc.mutex);
@@ -91,8 +96,8 @@ std::shared_ptr<const FrameContext> FrameContextPool::getPreviousFC(uint32_t sen
     }
     if (order < currentOrder) {
       CD_LOGD("[%s] [S:%d F:%d] get previous frameNo(%d) order(%ld) < currentOrder(%ld)", sensorId,
-              frameNo, it->first, order, currentOrder);
-      return it->second;
+              frameNo, entry.first, order, currentOrder);
+      return entry.second;
     }
   }
   return nullptr;
