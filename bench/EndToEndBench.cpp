@@ -3,7 +3,8 @@
 //
 // - BM_OneSensorFrame: one sensor on one thread, a whole frame (record built, emplaced,
 //   prepared, sent, erased) with a pool of 1 or 18 records, against an uncontended mutex
-//   lock/unlock pair.
+//   lock/unlock pair; also its heap allocations, the client's and the calls', against the
+//   cost of one small allocation.
 // - BM_Sensors: N sensor threads with zero-time enqueue jobs, synchronised in one group or
 //   independent, against (a) a bare lockstep (one mutex and condition variable, woken only
 //   when a frame completes) and (b) the same lockstep waking every waiter on every prepare
@@ -30,6 +31,7 @@
 #include <thread>
 #include <vector>
 
+#include "AllocationCount.h"
 #include "CamDeliver.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
@@ -74,6 +76,22 @@ double mutexPairNs() {
   return best;
 }
 
+// Nanoseconds of one heap allocation of a small block and its release, measured the same way.
+double allocPairNs() {
+  constexpr int kPairs = 1 << 18;
+  double best = 1e9;
+  for (int round = 0; round < 3; ++round) {
+    Clock::time_point start = Clock::now();
+    for (int i = 0; i < kPairs; ++i) {
+      void* p = ::operator new(48);
+      benchmark::DoNotOptimize(p);
+      ::operator delete(p);
+    }
+    best = std::min(best, secondsSince(start) * 1e9 / kPairs);
+  }
+  return best;
+}
+
 uint64_t liveLicences() { return orvcam::host::hostPipeMgr()->account().live(); }
 
 // A frame's record as a coordinator builds it: every sensor enqueues, `cfg` ones are also
@@ -112,8 +130,55 @@ bool poolEmpty(FrameContextPool& pool) {
 enum Step { kEnqueue = 0, kConfigureJob = 1, kSetConfigured = 2 };
 const char* const kStepNames[] = {"enqueue", "configure job", "setConfigured"};
 
-// Frames move through a window of `depth` records: each iteration emplaces and prepares the
+// Frames move through a window of `depth` records: each frame emplaces and prepares the
 // newest frame and sends the oldest one, whose record the guard then erases.
+class OneSensorFlow {
+ public:
+  OneSensorFlow(std::shared_ptr<FrameContextPool> pool, Step step)
+      : mPool(std::move(pool)), mDeliver(mPool), mStep(step) {}
+
+  // The client's part: the newest frame's record.
+  FcPtr record() const { return makeRecord(mNext, 1, false, mStep != kEnqueue); }
+
+  void admit(FcPtr fc) {
+    mPool->emplace(mNext, fc);
+    mDeliver.prepare(0, mNext, std::move(fc));
+    ++mNext;
+  }
+
+  void send() {
+    if (mStep == kConfigureJob) mDeliver.sendJobForConfigure(0, mSent, mCfgJob);
+    if (mStep == kSetConfigured) mDeliver.setConfigured(0, mSent);
+    if (mDeliver.sendJobForEnque(0, mSent, mJob) != 0) ++mFailedSends;
+    ++mSent;
+  }
+
+  // One timed frame. Kept out of line so that a profiler can collect exactly these:
+  // valgrind --tool=callgrind --toggle-collect='*OneSensorFlow::frame*'.
+  [[gnu::noinline]] void frame() {
+    admit(record());
+    send();
+  }
+
+  void fill(uint32_t depth) {
+    while (mNext + 1 < depth) admit(record());
+  }
+  void drain() {
+    while (mSent < mNext) send();
+  }
+  uint64_t failedSends() const { return mFailedSends; }
+
+ private:
+  const std::shared_ptr<FrameContextPool> mPool;
+  CamDeliver mDeliver;
+  const Step mStep;
+  const std::shared_ptr<ReqBaseJob> mJob = std::make_shared<ReqBaseJob>();
+  const std::shared_ptr<ReqBaseJob> mCfgJob = std::make_shared<ReqBaseJob>();
+  uint32_t mNext = 0;
+  uint32_t mSent = 0;
+  uint64_t mFailedSends = 0;
+};
+
 void BM_OneSensorFrame(benchmark::State& state) {
   const Step step = static_cast<Step>(state.range(0));
   const uint32_t depth = static_cast<uint32_t>(state.range(1));
@@ -121,44 +186,53 @@ void BM_OneSensorFrame(benchmark::State& state) {
   QuietLogger quiet;
   const uint64_t liveBefore = liveLicences();
   auto pool = std::make_shared<FrameContextPool>();
-  uint64_t failedSends = 0;
   double frameNs = 0;
   double pairNs = 0;
+  double allocs = 0;
+  double allocNs = 0;
+  double recordAllocsPerFrame = 0;
+  double callAllocsPerFrame = 0;
   {
-    CamDeliver deliver(pool);
-    std::shared_ptr<ReqBaseJob> job = std::make_shared<ReqBaseJob>();
-    std::shared_ptr<ReqBaseJob> cfgJob = std::make_shared<ReqBaseJob>();
-    uint32_t next = 0;
-    uint32_t sent = 0;
-    auto admit = [&] {
-      FcPtr fc = makeRecord(next, 1, false, step != kEnqueue);
-      pool->emplace(next, fc);
-      deliver.prepare(0, next, std::move(fc));
-      ++next;
-    };
-    auto send = [&] {
-      if (step == kConfigureJob) deliver.sendJobForConfigure(0, sent, cfgJob);
-      if (step == kSetConfigured) deliver.setConfigured(0, sent);
-      if (deliver.sendJobForEnque(0, sent, job) != 0) ++failedSends;
-      ++sent;
-    };
-    while (next + 1 < depth) admit();
+    OneSensorFlow flow(pool, step);
+    flow.fill(depth);
     pairNs = mutexPairNs();
+    const uint64_t allocsBefore = orvcam::bench::threadAllocations();
     Clock::time_point start = Clock::now();
-    for (auto _ : state) {
-      admit();
-      send();
-    }
+    for (auto _ : state) flow.frame();
     frameNs = secondsSince(start) * 1e9 / static_cast<double>(state.iterations());
+    allocs = static_cast<double>(orvcam::bench::threadAllocations() - allocsBefore) /
+             static_cast<double>(state.iterations());
     pairNs = std::min(pairNs, mutexPairNs());
-    while (sent < next) send();
-    check(failedSends == 0, name, std::to_string(failedSends) + " sends did not return 0");
+    allocNs = allocPairNs();
+    // Untimed: whose allocations they are, the client's record or the deliverer's calls
+    // (which include the host pipe manager's).
+    constexpr int kSplitFrames = 256;
+    uint64_t recordAllocs = 0;
+    uint64_t callAllocs = 0;
+    for (int i = 0; i < kSplitFrames; ++i) {
+      const uint64_t a0 = orvcam::bench::threadAllocations();
+      FcPtr fc = flow.record();
+      const uint64_t a1 = orvcam::bench::threadAllocations();
+      flow.admit(std::move(fc));
+      flow.send();
+      recordAllocs += a1 - a0;
+      callAllocs += orvcam::bench::threadAllocations() - a1;
+    }
+    recordAllocsPerFrame = static_cast<double>(recordAllocs) / kSplitFrames;
+    callAllocsPerFrame = static_cast<double>(callAllocs) / kSplitFrames;
+    flow.drain();
+    check(flow.failedSends() == 0, name,
+          std::to_string(flow.failedSends()) + " sends did not return 0");
     check(poolEmpty(*pool), name, "records left in the pool");
   }
   check(liveLicences() == liveBefore, name, "licence account does not balance");
   state.counters["frame_ns"] = frameNs;
   state.counters["mutex_pair_ns"] = pairNs;
   state.counters["x_mutex_pair"] = frameNs / pairNs;
+  state.counters["allocs"] = allocs;
+  state.counters["allocs_record"] = recordAllocsPerFrame;
+  state.counters["allocs_calls"] = callAllocsPerFrame;
+  state.counters["alloc_pair_ns"] = allocNs;
 }
 BENCHMARK(BM_OneSensorFrame)
     ->ArgNames({"step", "depth"})
