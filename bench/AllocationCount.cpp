@@ -16,7 +16,7 @@ void* allocate(std::size_t size) {
 
 }  // namespace
 
-// The array and nothrow forms of the library's operator new call these.
+// The standard library's array and nothrow forms of operator new call this one.
 void* operator new(std::size_t size) { return allocate(size); }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }

@@ -181,8 +181,7 @@ void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfi
     auto state = pFc->sensorStates.find(sensorId);
     if (!wasFinished && state != pFc->sensorStates.end()) {
       // A configure job never retires a frame.
-      if (isConfig) state->second.isConfigured = true;
-      if (!isConfig) state->second.isEnqued = true;
+      (isConfig ? state->second.isConfigured : state->second.isEnqued) = true;
     }
     isLast = !wasFinished && !isConfig && notEnqCountLocked(*pFc) == 0;
   }
