@@ -65,11 +65,7 @@ class ORVCAM_CAMDELIVER_API FrameContext {
 
   int32_t getNotEnqCount() const {
     std::lock_guard<std::mutex> lock(mutex);
-    int32_t count = 0;
-    for (const auto& entry : sensorStates) {
-      if (entry.second.needEnq && !entry.second.isEnqued) ++count;
-    }
-    return count;
+    return notEnqCountLocked();
   }
 
   int32_t getStreamingState(uint32_t sensorId) const {
@@ -82,13 +78,7 @@ class ORVCAM_CAMDELIVER_API FrameContext {
   // from the states, not from the stored flag.
   bool getIsRawSwitch() const {
     std::lock_guard<std::mutex> lock(mutex);
-    bool hasOn = false;
-    bool hasOff = false;
-    for (const auto& entry : sensorStates) {
-      hasOn = hasOn || entry.second.streamingState == 0;
-      hasOff = hasOff || entry.second.streamingState == 1;
-    }
-    return hasOn && hasOff;
+    return isRawSwitchLocked();
   }
 
   // The first order given to a sensor stays. An absent sensor is inserted unprepared but
@@ -125,6 +115,24 @@ class ORVCAM_CAMDELIVER_API FrameContext {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = sensorStates.find(sensorId);
     return it != sensorStates.end() && it->second.isEnqued;
+  }
+
+  // For callers that read several facts under one hold of `mutex`, which they hold.
+  int32_t notEnqCountLocked() const {
+    int32_t count = 0;
+    for (const auto& entry : sensorStates) {
+      if (entry.second.needEnq && !entry.second.isEnqued) ++count;
+    }
+    return count;
+  }
+  bool isRawSwitchLocked() const {
+    bool hasOn = false;
+    bool hasOff = false;
+    for (const auto& entry : sensorStates) {
+      hasOn = hasOn || entry.second.streamingState == 0;
+      hasOff = hasOff || entry.second.streamingState == 1;
+    }
+    return hasOn && hasOff;
   }
 
  private:

@@ -31,18 +31,9 @@ bool isEnquedLocked(const FrameContext& fc, uint32_t sensorId) {
   return false;
 }
 
-// Sensors of the record that must still be enqueued; the caller holds the record's lock.
-int32_t notEnqCountLocked(const FrameContext& fc) {
-  int32_t count = 0;
-  for (const auto& entry : fc.sensorStates) {
-    if (entry.second.needEnq && !entry.second.isEnqued) ++count;
-  }
-  return count;
-}
-
 // What the wait checks of the record before its rules, read under one hold of its lock: the
-// sensors still to enqueue, and whether one sensor streams in state 0 and another in state 1.
-// Neither the need lists nor the streaming states change after the record is built.
+// sensors still to enqueue, and whether the frame is a raw switch. Neither the need lists nor
+// the streaming states change after the record is built.
 struct WaitFacts {
   int32_t notEnq;
   bool rawSwitch;
@@ -50,13 +41,7 @@ struct WaitFacts {
 
 WaitFacts readWaitFacts(const FrameContext& fc) {
   std::lock_guard<std::mutex> fcLock(fc.mutex);
-  bool hasOn = false;
-  bool hasOff = false;
-  for (const auto& entry : fc.sensorStates) {
-    hasOn = hasOn || entry.second.streamingState == 0;
-    hasOff = hasOff || entry.second.streamingState == 1;
-  }
-  return {notEnqCountLocked(fc), hasOn && hasOff};
+  return {fc.notEnqCountLocked(), fc.isRawSwitchLocked()};
 }
 
 }  // namespace
@@ -177,13 +162,13 @@ void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfi
   bool isLast = false;
   {
     std::lock_guard<std::mutex> fcLock(pFc->mutex);
-    wasFinished = notEnqCountLocked(*pFc) == 0;
+    wasFinished = pFc->notEnqCountLocked() == 0;
     auto state = pFc->sensorStates.find(sensorId);
     if (!wasFinished && state != pFc->sensorStates.end()) {
       // A configure job never retires a frame.
       (isConfig ? state->second.isConfigured : state->second.isEnqued) = true;
     }
-    isLast = !wasFinished && !isConfig && notEnqCountLocked(*pFc) == 0;
+    isLast = !wasFinished && !isConfig && pFc->notEnqCountLocked() == 0;
   }
   if (wasFinished) {
     CD_FATAL("[S:%d F:%d] FC already finished, please check it !", sensorId, frameNo);
