@@ -12,6 +12,7 @@
 #include "CamDeliverGuard.h"
 #include "LicenseQueue.h"
 #include "ReqJob.h"
+#include "ThreadAnnotations.h"
 #include "pipemgr/IPipeMgr.h"
 
 namespace NSCam {
@@ -42,6 +43,10 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
 
   // Library-wide verbosity, from "vendor.debug.camcoordinator.force.log". The guard, the
   // licence queue and the records copy it when they are built.
+  // Not synchronised: every constructor writes it and every send reads it with no lock (its
+  // type is part of the exported interface and stays a plain int32_t). An integrator builds
+  // all deliverers before their request and event threads start sending, and builds no
+  // deliverer while another one is in use.
   static int32_t mLogLevel;
 
   explicit CamDeliver(std::shared_ptr<FrameContextPool> pool);
@@ -52,13 +57,18 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
 
   // Once per (sensor, frame), before any job of the frame. The first sensor of a frame
   // obtains the licences of all its sensors.
-  void prepare(uint32_t sensorId, uint32_t frameNo, std::shared_ptr<const FrameContext> fc);
-  void prepareLicense(int32_t frameNo, std::shared_ptr<const FrameContext> fc);
+  void prepare(uint32_t sensorId, uint32_t frameNo, std::shared_ptr<const FrameContext> fc)
+      ORVCAM_EXCLUDES(mPrepareMutex, mLicenseMutex);
+  void prepareLicense(int32_t frameNo, std::shared_ptr<const FrameContext> fc)
+      ORVCAM_EXCLUDES(mLicenseMutex);
 
-  void sendJobForConfigure(uint32_t sensorId, uint32_t frameNo, std::shared_ptr<IReqJob> job);
+  void sendJobForConfigure(uint32_t sensorId, uint32_t frameNo, std::shared_ptr<IReqJob> job)
+      ORVCAM_EXCLUDES(mPrepareMutex, mLicenseMutex);
   // The job's result, or -1 when there was no licence (the job is then not run).
-  int32_t sendJobForEnque(uint32_t sensorId, uint32_t frameNo, std::shared_ptr<IReqJob> job);
-  std::unique_ptr<IRequestLicense> getLicense(uint32_t key, uint32_t frameNo);
+  int32_t sendJobForEnque(uint32_t sensorId, uint32_t frameNo, std::shared_ptr<IReqJob> job)
+      ORVCAM_EXCLUDES(mPrepareMutex, mLicenseMutex);
+  std::unique_ptr<IRequestLicense> getLicense(uint32_t key, uint32_t frameNo)
+      ORVCAM_EXCLUDES(mLicenseMutex);
   // The sensor was configured without a configure job: its configure licence goes back.
   void setConfigured(uint32_t sensorId, uint32_t frameNo);
   // Hands back every queued licence, of every sensor.
@@ -71,26 +81,32 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
   // still waits for. Any thread; never blocks on the library's locks: each is tried until 10
   // ms in all have passed, and a part whose lock stayed busy is reported as not read. Writes
   // no log line and changes nothing.
-  void dump(int fd);
+  // Unchecked: the analysis cannot follow a lock that is only tried and then released later.
+  void dump(int fd) ORVCAM_NO_THREAD_SAFETY_ANALYSIS;
 
   // Lock order, never reversed: mPrepareMutex -> mLicenseMutex; mJobLock -> mLicenseMutex;
   // then the guard's, the pool's and a record's locks; the licence queue's lock is a leaf.
   // No deliverer lock is held while a thread waits in the guard.
   //
-  // Held for the whole of prepare(): serialises preparation across sensors.
-  std::mutex mPrepareMutex;
-  // Never locked.
+  // Held for the whole of prepare(): serialises preparation across sensors. Guards
+  // mPreparedFrames; the licences a frame's first preparation pushes are guarded by the
+  // licence queue's own lock.
+  std::mutex mPrepareMutex ORVCAM_ACQUIRED_BEFORE(mLicenseMutex);
+  // Never locked. It stays because CamDeliver is exported: removing it would move every later
+  // member and break integrators' binaries built against this layout.
   std::mutex mSpareMutex;
   // Held for the whole of prepareLicense() and getLicense(): the queue fills and empties
-  // under it.
-  std::mutex mLicenseMutex;
+  // under it. Guards no field of its own; it makes a frame's licence preparation and a
+  // licence fetch exclude each other.
+  std::mutex mLicenseMutex ORVCAM_ACQUIRED_BEFORE(mLicenseQueue.mutex);
   // Shared by an enqueue send from licence fetch to finished(); exclusive while an in-flight
-  // report changes frame descriptors and breaks frame sync.
+  // report changes frame descriptors and breaks frame sync. Guards no field. The standard
+  // library's shared_mutex carries no thread-safety attributes, so its uses are unchecked.
   std::shared_mutex mJobLock;
   std::shared_ptr<IPipeMgr> mpPipeMgr;
   CamDeliverGuard mGuard;
   // Frames whose licences were prepared, oldest first; the 20 most recent.
-  std::deque<uint32_t> mPreparedFrames;
+  std::deque<uint32_t> mPreparedFrames ORVCAM_GUARDED_BY(mPrepareMutex);
   LicenseQueue mLicenseQueue;
 };
 

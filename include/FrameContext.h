@@ -10,6 +10,7 @@
 
 #include "CamDeliver.h"
 #include "CamDeliverExport.h"
+#include "ThreadAnnotations.h"
 
 namespace NSCam {
 namespace camsys {
@@ -34,11 +35,11 @@ class ORVCAM_CAMDELIVER_API FrameContext {
   // nothing is called while it is held; callers may hold the pool's lock, never the reverse.
   mutable std::mutex mutex;
   const uint32_t frameNo;
-  std::set<uint32_t> syncList;   // sensors kept in frame sync in this frame
-  std::set<uint32_t> inMapList;  // sensors whose frames a flush visits
-  mutable std::unordered_map<uint32_t, SensorState> sensorStates;
+  std::set<uint32_t> syncList ORVCAM_GUARDED_BY(mutex);  // sensors kept in frame sync in this frame
+  std::set<uint32_t> inMapList ORVCAM_GUARDED_BY(mutex);  // sensors whose frames a flush visits
+  mutable std::unordered_map<uint32_t, SensorState> sensorStates ORVCAM_GUARDED_BY(mutex);
   const bool isRawSwitch;  // kept for the client; the library derives raw switches itself
-  mutable bool syncBroken = false;
+  mutable bool syncBroken ORVCAM_GUARDED_BY(mutex) = false;
   const int32_t logLevel;
 
   FrameContext(uint32_t frame, std::set<uint32_t> syncSensors, std::set<uint32_t> inMapSensors,
@@ -63,12 +64,12 @@ class ORVCAM_CAMDELIVER_API FrameContext {
     return collect([](const SensorState&) { return true; });
   }
 
-  int32_t getNotEnqCount() const {
+  int32_t getNotEnqCount() const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     return notEnqCountLocked();
   }
 
-  int32_t getStreamingState(uint32_t sensorId) const {
+  int32_t getStreamingState(uint32_t sensorId) const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = sensorStates.find(sensorId);
     return it == sensorStates.end() ? -1 : it->second.streamingState;
@@ -76,14 +77,14 @@ class ORVCAM_CAMDELIVER_API FrameContext {
 
   // A raw-switch frame has one sensor streaming in state 0 and another in state 1. Derived
   // from the states, not from the stored flag.
-  bool getIsRawSwitch() const {
+  bool getIsRawSwitch() const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     return isRawSwitchLocked();
   }
 
   // The first order given to a sensor stays. An absent sensor is inserted unprepared but
   // carrying the order, unlike configured() and enqued(), which never insert.
-  void prepared(uint32_t sensorId, uint64_t order) const {
+  void prepared(uint32_t sensorId, uint64_t order) const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = sensorStates.find(sensorId);
     if (it != sensorStates.end()) {
@@ -93,39 +94,39 @@ class ORVCAM_CAMDELIVER_API FrameContext {
     sensorStates[sensorId].order = order;
   }
 
-  void configured(uint32_t sensorId) const {
+  void configured(uint32_t sensorId) const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = sensorStates.find(sensorId);
     if (it != sensorStates.end()) it->second.isConfigured = true;
   }
 
-  void enqued(uint32_t sensorId) const {
+  void enqued(uint32_t sensorId) const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = sensorStates.find(sensorId);
     if (it != sensorStates.end()) it->second.isEnqued = true;
   }
 
-  bool getIsPrepared(uint32_t sensorId) const {
+  bool getIsPrepared(uint32_t sensorId) const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = sensorStates.find(sensorId);
     return it != sensorStates.end() && it->second.isPrepared;
   }
 
-  bool getIsEnqued(uint32_t sensorId) const {
+  bool getIsEnqued(uint32_t sensorId) const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = sensorStates.find(sensorId);
     return it != sensorStates.end() && it->second.isEnqued;
   }
 
   // For callers that read several facts under one hold of `mutex`, which they hold.
-  int32_t notEnqCountLocked() const {
+  int32_t notEnqCountLocked() const ORVCAM_REQUIRES(mutex) {
     int32_t count = 0;
     for (const auto& entry : sensorStates) {
       if (entry.second.needEnq && !entry.second.isEnqued) ++count;
     }
     return count;
   }
-  bool isRawSwitchLocked() const {
+  bool isRawSwitchLocked() const ORVCAM_REQUIRES(mutex) {
     bool hasOn = false;
     bool hasOff = false;
     for (const auto& entry : sensorStates) {
@@ -137,7 +138,7 @@ class ORVCAM_CAMDELIVER_API FrameContext {
 
  private:
   template <typename Pred>
-  std::set<uint32_t> collect(Pred pred) const {
+  std::set<uint32_t> collect(Pred pred) const ORVCAM_EXCLUDES(mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     std::set<uint32_t> ids;
     for (const auto& entry : sensorStates) {

@@ -28,9 +28,13 @@ constexpr int kDefaultMode = 2;
 // Everything the sinks share. Deliberately leaked: the library may log from static
 // destructors of its clients, after this translation unit's own statics would be gone.
 struct LoggerState {
+  // The logger's lock. Guards the two fields below and every active capture's link to the
+  // capture it hides (LogCapture::mOuter). Each line is written under it, and handed to the
+  // capture under it, so it is taken before a LogCapture's own lock, never after it. Nothing
+  // of the library is called while it is held.
   std::mutex mutex;
-  orvcam::host::LogCapture* capture = nullptr;  // innermost active capture
-  bool captureEchoes = false;                   // whether it also wants stderr
+  orvcam::host::LogCapture* capture ORVCAM_GUARDED_BY(mutex) = nullptr;  // innermost active
+  bool captureEchoes ORVCAM_GUARDED_BY(mutex) = false;  // whether it also wants stderr
 };
 
 LoggerState& state() {
@@ -322,6 +326,9 @@ void __android_log_assert(const char* cond, const char* tag, const char* fmt, ..
   }
   writeLine('F', tag, message.data(), message.size(), orvcam::host::LogLine::Sink::Assert);
   fflush(stderr);
+  // abort() skips the exit handlers, and its signal handler may do only what is
+  // async-signal-safe: the trace is finished here, where locks and stdio are still allowed.
+  orvcam::host::finishTraceBeforeAbort();
   abort();
 }
 
@@ -416,7 +423,8 @@ size_t LogCapture::count(const std::string& message) const {
 bool LogCapture::waitFor(const std::string& message, size_t n,
                          std::chrono::milliseconds limit) const {
   std::unique_lock<std::mutex> lock(mMutex);
-  return mAdded.wait_for(lock, limit, [&] {
+  // Unchecked: the predicate runs inside the condition variable's wait, under `lock`.
+  return mAdded.wait_for(lock, limit, [&]() ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
     size_t seen = 0;
     for (const LogLine& line : mLines) seen += line.message == message ? 1 : 0;
     return seen >= n;

@@ -26,14 +26,18 @@ using Observer = std::function<void(LicenseEvent, uint64_t, int32_t)>;
 namespace detail {
 
 struct PipeMgrState {
+  // Guards every field below; shared by a manager and the licences it handed out. A leaf
+  // lock: the library may hold its own locks when it calls in, and nothing is called while
+  // it is held (the observer runs after it is released, a dying observer too).
   std::mutex mutex;
-  int32_t nextFd = 1;
-  uint64_t generation = 0;  // bumped by reset(); older licences are no longer counted
-  bool managerAlive = true;
-  LicenseAccount account;
-  std::vector<ConfigureCall> configureCalls;
+  int32_t nextFd ORVCAM_GUARDED_BY(mutex) = 1;
+  // Bumped by reset(); older licences are no longer counted.
+  uint64_t generation ORVCAM_GUARDED_BY(mutex) = 0;
+  bool managerAlive ORVCAM_GUARDED_BY(mutex) = true;
+  LicenseAccount account ORVCAM_GUARDED_BY(mutex);
+  std::vector<ConfigureCall> configureCalls ORVCAM_GUARDED_BY(mutex);
   // Copied under the lock and called outside it, so an observer may call the manager.
-  std::shared_ptr<const Observer> observer;
+  std::shared_ptr<const Observer> observer ORVCAM_GUARDED_BY(mutex);
 };
 
 }  // namespace detail
@@ -160,9 +164,11 @@ namespace {
 
 // Leaked on purpose: licences and the library's objects may outlive static destruction.
 struct Instance {
+  // Guards which manager getInstance() hands out. A leaf lock, held only to copy a pointer;
+  // taken when a deliverer or a licence queue is built, under none of the library's locks.
   std::mutex mutex;
-  std::shared_ptr<HostPipeMgr> host = std::make_shared<HostPipeMgr>();
-  std::shared_ptr<IPipeMgr> replacement;
+  std::shared_ptr<HostPipeMgr> host ORVCAM_GUARDED_BY(mutex) = std::make_shared<HostPipeMgr>();
+  std::shared_ptr<IPipeMgr> replacement ORVCAM_GUARDED_BY(mutex);
 };
 
 Instance& instance() {

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "ThreadAnnotations.h"
 #include "pipemgr/IPipeMgr.h"
 
 namespace orvcam {
@@ -72,19 +73,23 @@ class LogCapture {
   // writes the line: the guard, for example, writes its wait lines under its lock right before
   // the thread sleeps, so once a test has seen one, every guard call it makes afterwards finds
   // that thread asleep.
+  // Unchecked: it waits through std::unique_lock, which the thread-safety analysis cannot follow.
   bool waitFor(const std::string& message, size_t n = 1,
-               std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) const;
+               std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) const
+      ORVCAM_NO_THREAD_SAFETY_ANALYSIS;
   void clear();
 
   // Internal: called by the logger.
   void add(LogLine line);
 
  private:
+  // Guards mLines. Taken after the logger's lock (the logger adds lines under its own lock),
+  // never before it; nothing else is locked while it is held.
   mutable std::mutex mMutex;
   mutable std::condition_variable mAdded;  // notified by add(), under mMutex's protection
-  std::vector<LogLine> mLines;
+  std::vector<LogLine> mLines ORVCAM_GUARDED_BY(mMutex);
   bool mEcho;
-  LogCapture* mOuter;
+  LogCapture* mOuter;  // guarded by the logger's lock, which is not visible from here
 };
 
 // Formats a line exactly as the logger writes it to stderr (for tools that print their own),
@@ -117,13 +122,18 @@ std::string getProperty(const std::string& key);
 // 0). When a trace file is open (ORVCAM_TRACE_FILE at start-up, or openTraceFile), every
 // ULogger::trace begin/end and the calls below become Chrome JSON trace events ("B", "E",
 // "i", and thread-name metadata) with microsecond timestamps, one track per thread. The file
-// is closed and made valid JSON by closeTraceFile(), at exit, and when the process aborts (a
-// fatal assertion): the events written up to then are kept. The file starts with the
-// process's name; named threads are sorted "pipeline" first, then "main", then "sensor N" by
-// N, then the rest.
+// is closed and made valid JSON by closeTraceFile(), at exit, and by a fatal assertion before
+// it aborts: the events written up to then are kept. Any other abort also leaves valid JSON,
+// with the events already flushed to the file (whole events, every 64 KiB). The file starts with
+// the process's name; named threads are sorted "pipeline" first, then "main", then "sensor N" by N,
+// then the rest.
 void setTraceTags(uint64_t tags);
 bool openTraceFile(const std::string& path, std::string* error);
 void closeTraceFile();
+// The same for a process about to abort (the host's fatal assertion calls it): gives up after
+// a short wait when the trace's lock stays busy, and the abort handler then ends the file
+// after its last whole event.
+void finishTraceBeforeAbort();
 bool traceFileOpen();
 void traceBegin(const std::string& name);
 void traceEnd(const std::string& name);

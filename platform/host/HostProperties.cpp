@@ -17,8 +17,10 @@ namespace host {
 namespace {
 
 struct PropertyStore {
+  // Guards `values`. A leaf lock held only to read or change the map: the library reads a
+  // property in a deliverer's constructor, under none of its locks.
   std::mutex mutex;
-  std::map<std::string, std::string> values;
+  std::map<std::string, std::string> values ORVCAM_GUARDED_BY(mutex);
 };
 
 bool parsePropertyFile(const std::string& path, std::map<std::string, std::string>* out,
@@ -28,7 +30,8 @@ bool parsePropertyFile(const std::string& path, std::map<std::string, std::strin
 // reads a property still sees the seeded values. Leaked so that reads from static
 // destructors stay valid.
 PropertyStore& store() {
-  static PropertyStore* s = [] {
+  // Unchecked: the store is filled before any other thread can see it.
+  static PropertyStore* s = []() ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
     auto* created = new PropertyStore;
     const char* path = getenv("ORVCAM_PROPERTY_FILE");
     if (path != nullptr && *path != 0) {

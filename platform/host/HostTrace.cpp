@@ -1,6 +1,8 @@
 // Host tracing: the enabled-tags mask of libcutils, ULogger::trace and a Chrome JSON trace
 // file (an array of trace events, one per line) that Perfetto UI and chrome://tracing open.
-// The file is finished at exit and also when the process aborts.
+// The file is finished at exit, by the host's fatal assertion before it aborts, and, as far as
+// a signal handler safely can, by any other abort.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <string>
+#include <thread>
 
 #include "HostPlatform.h"
 #include "cutils/Trace.h"
@@ -38,22 +42,52 @@ uint64_t envTags() {
   return value;
 }
 
+constexpr size_t kFlushAt = 1 << 16;
+// What ends the JSON array; written as it stands from the abort handler.
+constexpr char kTail[] = "\n]\n";
+
 // Leaked: threads and static destructors may still trace while the process exits.
 struct TraceState {
   std::atomic<uint64_t> tags{envTags()};
+  // Guards the fields below it that are marked so. Taken by traced library code, also while
+  // the guard's lock is held (a traced wait), so it is a leaf: nothing that takes another lock
+  // or calls back into the library runs under it; formatting happens before it is taken.
   std::mutex mutex;
-  FILE* file = nullptr;
+  int fd ORVCAM_GUARDED_BY(mutex) = -1;
+  // Whole events not yet written. The file only ever receives whole events, so the tail
+  // written after its last byte always makes valid JSON.
+  std::string pending ORVCAM_GUARDED_BY(mutex);
   std::atomic<bool> open{false};  // lets a closed trace skip the lock and the formatting
-  bool firstEvent = true;
-  int pid = 0;
-  bool atExitRegistered = false;
-  bool abortHandlerInstalled = false;
+  // The descriptor the abort handler writes the tail to, or -1. Exchanged for -1 by whoever
+  // writes the tail, so that it is written once.
+  std::atomic<int> tailFd{-1};
+  bool firstEvent ORVCAM_GUARDED_BY(mutex) = true;
+  int pid ORVCAM_GUARDED_BY(mutex) = 0;
+  bool atExitRegistered ORVCAM_GUARDED_BY(mutex) = false;
+  bool abortHandlerInstalled ORVCAM_GUARDED_BY(mutex) = false;
+  // Written once, before the handler is installed; read by the handler.
   struct sigaction previousAbort {};
 };
 
 TraceState& state() {
   static TraceState* s = new TraceState;
   return *s;
+}
+
+// write() until all is written or it fails; async-signal-safe.
+void writeAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+}
+
+void flushLocked(TraceState& s) ORVCAM_REQUIRES(s.mutex) {
+  writeAll(s.fd, s.pending.data(), s.pending.size());
+  s.pending.clear();
 }
 
 int currentTid() {
@@ -97,36 +131,47 @@ void writeEvent(const char* name, const char* category, char phase, const std::s
   std::string catJson = jsonString(category);
   int tid = currentTid();
   std::lock_guard<std::mutex> lock(s.mutex);
-  if (s.file == nullptr) return;
-  fprintf(s.file, "%s{\"name\":%s,\"cat\":%s,\"ph\":\"%c\",\"ts\":%lld,\"pid\":%d,\"tid\":%d%s}",
-          s.firstEvent ? "" : ",\n", nameJson.c_str(), catJson.c_str(), phase, nowMicros(), s.pid,
-          tid, extra.c_str());
+  if (s.fd < 0) return;
+  char head[128];
+  snprintf(head, sizeof(head), "%s{\"name\":", s.firstEvent ? "" : ",\n");
+  s.pending += head;
+  s.pending += nameJson;
+  s.pending += ",\"cat\":";
+  s.pending += catJson;
+  char fields[128];
+  snprintf(fields, sizeof(fields), ",\"ph\":\"%c\",\"ts\":%lld,\"pid\":%d,\"tid\":%d", phase,
+           nowMicros(), s.pid, tid);
+  s.pending += fields;
+  s.pending += extra;
+  s.pending += '}';
   s.firstEvent = false;
+  if (s.pending.size() >= kFlushAt) flushLocked(s);
 }
 
-void closeLocked(TraceState& s) {
-  if (s.file == nullptr) return;
-  fputs("\n]\n", s.file);
-  fclose(s.file);
-  s.file = nullptr;
+void closeLocked(TraceState& s) ORVCAM_REQUIRES(s.mutex) {
+  if (s.fd < 0) return;
+  flushLocked(s);
+  int fd = s.tailFd.exchange(-1);
+  if (fd >= 0) writeAll(fd, kTail, sizeof(kTail) - 1);
+  close(s.fd);
+  s.fd = -1;
   s.open.store(false, std::memory_order_relaxed);
 }
 
 void closeAtExit() { closeTraceFile(); }
 
-// A fatal assertion ends the process with abort(), which skips the exit handlers: the trace
-// is finished here instead, so that it stays valid JSON and keeps its buffered events. The
-// lock is only tried (a thread may have been stopped inside writeEvent); when it stays busy
-// the file is left as it is. Then the previous handler, if any, runs; returning lets abort()
-// go on with the default action.
+// abort() skips the exit handlers. The host's fatal assertion finishes the trace itself before
+// it aborts; any other abort (std::terminate, a raw abort()) comes here, in a signal handler,
+// where only async-signal-safe calls may run: no lock, no allocation, no stdio. The file holds
+// whole events only, so the pre-formatted tail written after them keeps it valid JSON; the
+// events still pending in memory are lost. Then the previous handler, if any, runs; returning
+// lets abort() go on with the default action.
 void onAbort(int sig, siginfo_t* info, void* context) {
   TraceState& s = state();
-  bool locked = false;
-  for (int i = 0; i < 100000 && !locked; ++i) locked = s.mutex.try_lock();
-  if (locked) {
-    closeLocked(s);
-    s.mutex.unlock();
-  }
+  const int savedErrno = errno;
+  int fd = s.tailFd.exchange(-1);
+  if (fd >= 0) writeAll(fd, kTail, sizeof(kTail) - 1);
+  errno = savedErrno;
   const struct sigaction& prev = s.previousAbort;
   if (prev.sa_flags & SA_SIGINFO) {
     if (prev.sa_sigaction != nullptr) prev.sa_sigaction(sig, info, context);
@@ -170,22 +215,19 @@ bool openTraceFile(const std::string& path, std::string* error) {
   TraceState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   closeLocked(s);
-  FILE* file = fopen(path.c_str(), "w");
-  if (file == nullptr) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
     if (error) *error = path + ": " + strerror(errno);
     return false;
   }
-  setvbuf(file, nullptr, _IOFBF, 1 << 16);
-  fputs("[\n", file);
-  s.file = file;
-  s.open.store(true, std::memory_order_relaxed);
-  s.firstEvent = true;
+  s.fd = fd;
   s.pid = static_cast<int>(getpid());
-  fprintf(file,
-          "{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":%d,\"tid\":%d,"
-          "\"args\":{\"name\":%s}}",
-          s.pid, s.pid, jsonString(processName().c_str()).c_str());
+  s.pending = "[\n{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":" + std::to_string(s.pid) +
+              ",\"tid\":" + std::to_string(s.pid) +
+              ",\"args\":{\"name\":" + jsonString(processName().c_str()) + "}}";
+  flushLocked(s);
   s.firstEvent = false;
+  s.open.store(true, std::memory_order_relaxed);
   if (!s.atExitRegistered) {
     s.atExitRegistered = true;
     std::atexit(closeAtExit);
@@ -198,6 +240,7 @@ bool openTraceFile(const std::string& path, std::string* error) {
     sigemptyset(&action.sa_mask);
     sigaction(SIGABRT, &action, &s.previousAbort);
   }
+  s.tailFd.store(fd);
   return true;
 }
 
@@ -207,10 +250,25 @@ void closeTraceFile() {
   closeLocked(s);
 }
 
+// Unchecked: the lock is only tried, which the analysis cannot follow through the loop.
+void finishTraceBeforeAbort() ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
+  TraceState& s = state();
+  if (!s.open.load(std::memory_order_relaxed)) return;
+  // A forked child (a death test) may have been forked while another thread held the lock,
+  // and that thread does not exist in the child: wait a little, never for good.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+  while (!s.mutex.try_lock()) {
+    if (std::chrono::steady_clock::now() >= deadline) return;  // the abort handler ends it
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  closeLocked(s);
+  s.mutex.unlock();
+}
+
 bool traceFileOpen() {
   TraceState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
-  return s.file != nullptr;
+  return s.fd >= 0;
 }
 
 void traceBegin(const std::string& name) { writeEvent(name.c_str(), kHostCategory, 'B', ""); }

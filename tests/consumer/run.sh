@@ -4,13 +4,18 @@
 # installed header compiled on its own, the private logging layer absent, the exports intact,
 # and -Werror not handed to a project that adds this one with add_subdirectory().
 #
-#   tests/consumer/run.sh <build-dir> <scratch-dir>
+#   [CXX=compiler] [CONSUMER_CXXFLAGS=flags] tests/consumer/run.sh <build-dir> <scratch-dir>
+#
+# CXX (default c++) and CONSUMER_CXXFLAGS (for example clang's -stdlib=libc++) must match the
+# build tree's compiler and standard library.
 set -euo pipefail
 build=$(realpath "$1")
 work=$2
 here=$(cd "$(dirname "$0")" && pwd)
 source_dir=$(cd "$here/../.." && pwd)
-strict=(-Wall -Wextra -Wshadow -Wconversion -Werror)
+cxx=${CXX:-c++}
+read -r -a extra <<<"${CONSUMER_CXXFLAGS:-}"
+strict=(-Wall -Wextra -Wshadow -Wconversion -Werror "${extra[@]}")
 
 rm -rf "$work"
 mkdir -p "$work"
@@ -27,7 +32,8 @@ libdir=$(dirname "$lib")
 
 step "find_package(orvcam_camdeliver 0.1) with ${strict[*]}"
 cmake -S "$here" -B "$work/find-package" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_CXX_FLAGS="${strict[*]}" >"$work/find-package.log"
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="${strict[*]}" \
+  -DCMAKE_EXE_LINKER_FLAGS="${extra[*]}" >"$work/find-package.log"
 cmake --build "$work/find-package" >>"$work/find-package.log" || {
   cat "$work/find-package.log"; exit 1; }
 "$work/find-package/camdeliver-client"
@@ -36,14 +42,14 @@ step "pkg-config orvcam_camdeliver orvcam_platform_host"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 [ "$(pkg-config --modversion orvcam_camdeliver)" = "$(pkg-config --modversion orvcam_platform_host)" ]
 # shellcheck disable=SC2046
-c++ -std=c++17 "${strict[@]}" "$here/client.cpp" -o "$work/client-pkgconfig" \
+"$cxx" -std=c++17 "${strict[@]}" "$here/client.cpp" -o "$work/client-pkgconfig" \
   $(pkg-config --cflags --libs orvcam_camdeliver orvcam_platform_host) -Wl,-rpath,"$libdir"
 "$work/client-pkgconfig"
 
 step "every installed header compiles on its own with ${strict[*]}"
 count=0
 while IFS= read -r header; do
-  echo "#include \"$header\"" | c++ -std=c++17 "${strict[@]}" -fsyntax-only -I"$incdir" -x c++ - ||
+  echo "#include \"$header\"" | "$cxx" -std=c++17 "${strict[@]}" -fsyntax-only -I"$incdir" -x c++ - ||
     { echo "FAIL: $header"; exit 1; }
   count=$((count + 1))
 done < <(cd "$incdir" && find . -name '*.h' | sed 's|^\./||' | sort)
@@ -66,7 +72,8 @@ add_subdirectory("$source_dir" orvcam)
 add_executable(client "$here/client.cpp")
 target_link_libraries(client PRIVATE orvcam::camdeliver orvcam::platform_host)
 CMAKE
-cmake -S "$work/subdir" -B "$work/subdir/build" -G Ninja >"$work/subdir.log"
+cmake -S "$work/subdir" -B "$work/subdir/build" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
+  -DCMAKE_CXX_FLAGS="${extra[*]}" >"$work/subdir.log"
 commands=$work/subdir/build/compile_commands.json
 grep -q 'CamDeliverGuard.cpp' "$commands" || { echo "FAIL: the library is not built"; exit 1; }
 if grep -q -- '-Werror' "$commands"; then

@@ -28,7 +28,7 @@ constexpr auto kDumpDeadline = std::chrono::milliseconds(10);
 
 // Tries `m` until it is taken or `deadline` passes.
 template <typename Mutex>
-bool tryLockUntil(Mutex& m, Clock::time_point deadline) {
+bool tryLockUntil(Mutex& m, Clock::time_point deadline) ORVCAM_TRY_ACQUIRE(true, m) {
   for (;;) {
     if (m.try_lock()) return true;
     if (Clock::now() >= deadline) return false;

@@ -24,7 +24,7 @@ std::string joinFrames(const std::set<uint32_t>& frames) {
 
 // Whether the sensor is enqueued in the record; the caller holds the record's lock. Records
 // hold a handful of sensors, for which scanning the map's nodes is cheaper than hashing.
-bool isEnquedLocked(const FrameContext& fc, uint32_t sensorId) {
+bool isEnquedLocked(const FrameContext& fc, uint32_t sensorId) ORVCAM_REQUIRES(fc.mutex) {
   for (const auto& entry : fc.sensorStates) {
     if (entry.first == sensorId) return entry.second.isEnqued;
   }
@@ -132,7 +132,8 @@ void CamDeliverGuard::wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
   }
 
   // Frame sync: the whole sync group of the previous synchronised frame is enqueued first.
-  cond.wait(lock, [&] {
+  // Unchecked: the predicate runs inside the condition variable's wait, under `lock`.
+  cond.wait(lock, [&]() ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
     if (isPreviousSyncFrameFinished(sensorId, frameNo)) {
       CD_LOGV(logLevel, "[%s] [S:%d F:%d][%s] previous syncframe enque done", sensorId, frameNo,
               label);

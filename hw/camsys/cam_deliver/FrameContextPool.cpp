@@ -15,7 +15,8 @@ namespace {
 // A sensor's entry in a record, or null. Records hold a handful of sensors, for which a scan
 // of the map's nodes is cheaper than hashing into its buckets; the walks below do this once
 // per record. The caller holds the record's lock.
-const FrameContext::SensorState* findState(const FrameContext& fc, uint32_t sensorId) {
+const FrameContext::SensorState* findState(const FrameContext& fc, uint32_t sensorId)
+    ORVCAM_REQUIRES(fc.mutex) {
   constexpr size_t kScanLimit = 8;
   if (fc.sensorStates.size() <= kScanLimit) {
     for (const auto& entry : fc.sensorStates) {
