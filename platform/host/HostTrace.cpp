@@ -86,7 +86,8 @@ void writeAll(int fd, const char* data, size_t size) {
 }
 
 void flushLocked(TraceState& s) ORVCAM_REQUIRES(s.mutex) {
-  writeAll(s.fd, s.pending.data(), s.pending.size());
+  // Once the abort handler has ended the file, nothing more goes into it.
+  if (s.tailFd.load() == s.fd) writeAll(s.fd, s.pending.data(), s.pending.size());
   s.pending.clear();
 }
 
@@ -221,6 +222,7 @@ bool openTraceFile(const std::string& path, std::string* error) {
     return false;
   }
   s.fd = fd;
+  s.tailFd.store(fd);
   s.pid = static_cast<int>(getpid());
   s.pending = "[\n{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":" + std::to_string(s.pid) +
               ",\"tid\":" + std::to_string(s.pid) +
@@ -240,7 +242,6 @@ bool openTraceFile(const std::string& path, std::string* error) {
     sigemptyset(&action.sa_mask);
     sigaction(SIGABRT, &action, &s.previousAbort);
   }
-  s.tailFd.store(fd);
   return true;
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -100,6 +102,36 @@ TEST(HostTraceConcurrency, TraceFileIsJsonWithMatchedSectionsPerThread) {
   int sortIndexes = 0;
   for (const auto& e : events) sortIndexes += e.at("name") == "thread_sort_index";
   EXPECT_EQ(sortIndexes, kThreads);
+}
+
+// An abort that is not a fatal assertion (std::terminate, a raw abort()) leaves only the
+// SIGABRT handler to end the file, while threads are still tracing: what reached the file is
+// whole events, flushed more than once, and the handler's tail makes it JSON again.
+TEST(HostTraceConcurrency, RawAbortWhileThreadsTraceLeavesJsonOfWholeEvents) {
+  std::string path = testing::TempDir() + "raw-abort-trace" + std::to_string(getpid()) + ".json";
+  auto traceThenAbort = [&] {
+    std::string error;
+    if (!openTraceFile(path, &error)) _exit(3);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+      threads.emplace_back([&] {
+        while (!stop.load()) traceInstant("busy");
+      });
+    }
+    // Enough for several 64 KiB flushes.
+    for (int i = 0; i < 20000; ++i) traceInstant("main");
+    abort();
+  };
+  EXPECT_EXIT(traceThenAbort(), ::testing::KilledBySignal(SIGABRT), "");
+  std::ifstream in(path);
+  nlohmann::json events;
+  ASSERT_NO_THROW(events = nlohmann::json::parse(in)) << "not JSON after a raw abort";
+  ASSERT_TRUE(events.is_array());
+  EXPECT_EQ(events.front().at("name"), "process_name");
+  EXPECT_GT(events.size(), 1000u);
+  for (const auto& e : events) EXPECT_TRUE(e.contains("ph") && e.contains("pid")) << e.dump();
+  std::remove(path.c_str());
 }
 
 TEST(HostLoggerConcurrency, LinesOfManyThreadsAreWholeAndInTimeOrder) {

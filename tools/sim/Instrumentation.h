@@ -18,6 +18,7 @@
 #include "History.h"
 #include "HostPlatform.h"
 #include "ReqJob.h"
+#include "ThreadAnnotations.h"
 
 namespace orvcam {
 namespace sim {
@@ -43,7 +44,7 @@ class LicenceLedger {
 
   // Called by the pipe manager on whichever thread acquires or hands back a licence, often
   // under the deliverer's and the licence queue's locks. Takes only mMutex, briefly.
-  void record(host::LicenseEvent event, uint64_t serial, int32_t fd) {
+  void record(host::LicenseEvent event, uint64_t serial, int32_t fd) ORVCAM_EXCLUDES(mMutex) {
     LicenceRecord r;
     r.kind = event == host::LicenseEvent::Acquired   ? LicenceEventKind::Acquired
              : event == host::LicenseEvent::Released ? LicenceEventKind::Released
@@ -57,7 +58,7 @@ class LicenceLedger {
   }
 
   // After every client thread has finished and the observer has been removed.
-  std::vector<LicenceRecord> take() {
+  std::vector<LicenceRecord> take() ORVCAM_EXCLUDES(mMutex) {
     std::lock_guard<std::mutex> lock(mMutex);
     return std::move(mRecords);
   }
@@ -72,7 +73,7 @@ class LicenceLedger {
   // Guards mRecords. A leaf: it is taken under the library's locks (the pipe manager is
   // called with them held) and nothing is locked or called while it is held.
   std::mutex mMutex;
-  std::vector<LicenceRecord> mRecords;
+  std::vector<LicenceRecord> mRecords ORVCAM_GUARDED_BY(mMutex);
 };
 
 // ---- job instrumentation -------------------------------------------------------------------
