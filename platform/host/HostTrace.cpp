@@ -193,7 +193,8 @@ std::string processName() {
 int sortIndexFor(const std::string& name) {
   if (name == "pipeline") return 0;
   if (name == "main") return 1;
-  if (name.compare(0, 7, "sensor ") == 0) return 10 + atoi(name.c_str() + 7);
+  if (name.compare(0, 7, "sensor ") == 0)
+    return 10 + static_cast<int>(strtol(name.c_str() + 7, nullptr, 10));
   return 100000;
 }
 
