@@ -3,6 +3,7 @@
 // job observed, the events it reported and every licence the pipe manager handed out. The
 // checker and the report read only this; nothing here refers to the library's internals.
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -121,6 +122,9 @@ struct History {
   // Frame numbers the pool still held when every thread had finished.
   std::vector<uint32_t> framesLeftInPool;
   Nanos wallTime = 0;
+  // Rules the source of this history cannot support, with the reason (a history rebuilt from
+  // a log has no licence identities); the checker skips exactly these and says so.
+  std::map<std::string, std::string> unsupportedRules;
 };
 
 }  // namespace sim

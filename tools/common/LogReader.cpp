@@ -293,43 +293,85 @@ std::string ruleForFatal(const std::string& message) {
          "invariant)";
 }
 
-std::string explainWarning(const std::string& kind, bool* benign) {
+WarningExplanation explainWarning(const std::string& kind) {
   struct Known {
     const char* pattern;  // a part of the warning's text; the first match explains it
+    WarningClass cls;
     const char* why;
-    bool benign;
+    const char* clientOrder;
   };
+  constexpr WarningClass kBenign = WarningClass::Benign;
+  constexpr WarningClass kOrder = WarningClass::ClientOrder;
+  constexpr WarningClass kLook = WarningClass::Attention;
   // "already finished" and "FC not found ! maybe flushed" come before the plain "FC not found".
   static const Known kKnown[] = {
-      {"license already null !",
-       "written on every setConfigured and every drop (every release by key); benign", true},
-      {"NOT have F:N in licenseQueue",
-       "a licence was asked for or handed back that was not queued: flushed, dropped or "
-       "configured before",
-       false},
-      {"FD(NULL)", "a job found no licence for its frame: the frame was flushed or dropped", false},
-      {"null license, maybe flushed, skip execute",
-       "an enqueue job was not run and its send returned -1: its licence was gone (flushed or "
-       "dropped)",
-       false},
-      {"FC not found ! maybe flushed",
+      {"license already null !", kBenign,
+       "written on every setConfigured and every drop (every release by key)", ""},
+      {"NOT have F:N in licenseQueue", kOrder,
+       "a licence was asked for or handed back that was not queued any more",
+       "a drop or flush before the frame's job took its licence (a drop before the configure "
+       "step, a racing drop)"},
+      {"FD(NULL)", kOrder, "a job found no licence for its frame",
+       "a racing drop or flush: the frame's licence was handed back while its send was on its "
+       "way"},
+      {"null license, maybe flushed, skip execute", kOrder,
+       "an enqueue job was not run and its send returned -1: its licence was gone",
+       "a racing drop or flush: the frame's licence was handed back while its send was on its "
+       "way"},
+      {"FC not found ! maybe flushed", kOrder,
        "setConfigured or a job's completion came for a frame that had already left the pool",
-       false},
-      {"already finished",
-       "a drop came for a frame whose sensors were all enqueued; nothing was done", false},
-      {"FC not found", "a drop came for a frame that is not in the pool; nothing was done", false},
-      {"FC not exist, skip", "erase of a frame not in the pool", false},
-      {"still there", "the pool still holds a frame of the sensor", false},
-      {"license is null, skip", "an empty licence was handed back", false},
+       "a drop or flush of the frame while its job ran"},
+      {"already finished", kOrder,
+       "a drop came for a frame whose sensors were all enqueued; nothing was done",
+       "a late drop: the frame had been enqueued by every sensor"},
+      {"FC not found", kOrder, "a drop came for a frame that is not in the pool; nothing was done",
+       "a late drop: the frame had already retired"},
+      {"FC not exist, skip", kLook, "erase of a frame not in the pool", ""},
+      {"still there", kLook, "the pool still holds a frame of the sensor", ""},
+      {"license is null, skip", kLook, "an empty licence was handed back", ""},
   };
+  WarningExplanation e;
   for (const Known& k : kKnown) {
     if (contains(kind, k.pattern)) {
-      *benign = k.benign;
-      return k.why;
+      e.cls = k.cls;
+      e.why = k.why;
+      e.clientOrder = k.clientOrder;
+      e.needsDropOrFlush = k.cls == kOrder;
+      return e;
     }
   }
-  *benign = false;
-  return "not a warning this tool knows";
+  e.why = "not a warning this tool knows";
+  return e;
+}
+
+int64_t LogClock::place(int64_t raw, uint64_t lineNo) {
+  int64_t t = raw + offset_;
+  if (!started_) {
+    started_ = true;
+    first_ = last_ = t;
+    return 0;
+  }
+  if (last_ - t > kYearNs / 2) {  // the year turned
+    offset_ += kYearNs;
+    t += kYearNs;
+  } else if (t - last_ > kYearNs / 2 && offset_ >= kYearNs) {  // set back over the new year
+    offset_ -= kYearNs;
+    t -= kYearNs;
+  }
+  if (t < last_) {
+    ++outOfOrder_;
+    if (last_ - t > kSmallBackNs) {
+      steps_.push_back({lineNo, t - last_});
+      offset_ += last_ - t;
+    }
+    t = last_;
+  } else if (t - last_ > kLargeForwardNs) {
+    steps_.push_back({lineNo, t - last_});
+    offset_ -= t - last_;
+    t = last_;
+  }
+  last_ = t;
+  return t - first_;
 }
 
 void LogReader::addLine(std::string_view raw) {
@@ -348,6 +390,7 @@ void LogReader::addLine(std::string_view raw) {
   LogLine line;
   if (!parseLogLine(raw, &line)) return;
   ++parsed_;
+  int64_t fileAt = line.hasTime ? clock_.place(line.timeNs, total_) : -1;
   if (!isLibraryTag(line.tag)) return;
   ++library_;
   auto it = runs_.find(line.pid);
@@ -360,18 +403,17 @@ void LogReader::addLine(std::string_view raw) {
     order_.push_back(line.pid);
   }
   if (raw.size() >= kLoggerLineLimit) ++it->second.run.truncated;
-  handle(it->second, line);
+  handle(it->second, line, fileAt);
 }
 
-void LogReader::handle(Context& c, const LogLine& line) {
+void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   Run& r = c.run;
   ++r.lines;
   // Time: from the first line of the run; lines within one clock tick keep their order.
   Nanos at;
-  if (line.hasTime) {
-    if (c.baseNs < 0) c.baseNs = line.timeNs;
-    at = line.timeNs - c.baseNs;
-    if (at < 0) at += 366LL * 24 * 3600 * 1000000000LL;  // the year turned
+  if (fileAt >= 0) {
+    if (c.baseNs < 0) c.baseNs = fileAt;
+    at = fileAt - c.baseNs;
   } else {
     at = Nanos(c.seq) * 1000;
   }
@@ -751,6 +793,10 @@ std::vector<Run> LogReader::finish() {
     Run& r = c.run;
     sim::History& h = r.history;
     h.scenario = "log of process " + std::to_string(pid);
+    h.unsupportedRules["licence"] =
+        "rebuilt from a log: the log has no licence identities, only the FDs jobs were given";
+    h.unsupportedRules["pool"] =
+        "rebuilt from a log: the log does not show what the frame pool held at the end";
     std::set<uint32_t> sensors;
     for (const auto& entry : r.states) sensors.insert(entry.first.first);
     h.sensors.assign(sensors.begin(), sensors.end());
@@ -830,6 +876,7 @@ std::vector<Run> LogReader::finish() {
     std::sort(h.jobs.begin(), h.jobs.end(),
               [](const sim::JobRecord& a, const sim::JobRecord& b) { return a.sent < b.sent; });
     h.wallTime = r.endAt;
+    r.captureEnd = std::max(r.endAt, c.baseNs >= 0 ? clock_.last() - c.baseNs : r.endAt);
     out.push_back(std::move(r));
   }
   runs_.clear();

@@ -120,6 +120,9 @@ struct Run {
   uint64_t verboseLines = 0;  // lines only the force-log property writes
   uint64_t truncated = 0;     // lines cut at the logger's 1023 bytes
   Nanos endAt = 0;
+  // The capture's end on this run's clock: the last time stamp of any line in the file, of any
+  // tag or process. A send waiting at that point has waited at least this long.
+  Nanos captureEnd = 0;
   std::map<std::pair<uint32_t, uint32_t>, SensorFrame> states;  // (sensor, frame)
   std::map<uint32_t, FrameInfo> frames;
   std::map<uint32_t, std::vector<uint32_t>> sequence;         // per sensor, frames in prepare order
@@ -131,6 +134,37 @@ struct Run {
   bool torndown = false;                         // the deliverer's destructor handed licences back
   uint64_t unpreparedJobs = 0;  // jobs of frames prepared before the log begins, left out
   sim::History history;         // filled by finish()
+};
+
+// A step of the log's clock that the reader could not take as time passing: the line number
+// and how far the stamp jumped (negative: backwards).
+struct ClockStep {
+  uint64_t line = 0;
+  int64_t stepNs = 0;
+};
+
+// Places the log's time stamps on one timeline that never goes backwards. Merged buffers put
+// a line slightly before the one above it: such a stamp is held at the previous one and
+// counted. A stamp without a year that goes back most of a year is the new year. Any other
+// jump back, or forward by more than an hour, is a clock change: it is recorded and the
+// timeline goes on from the previous stamp.
+class LogClock {
+ public:
+  static constexpr int64_t kSmallBackNs = 1000000000LL;        // 1 s
+  static constexpr int64_t kLargeForwardNs = 3600000000000LL;  // 1 h
+  static constexpr int64_t kYearNs = 366LL * 24 * 3600 * 1000000000LL;
+  // `raw`: nanoseconds from the start of a (leap) year. Returns nanoseconds from the first
+  // stamp.
+  int64_t place(int64_t raw, uint64_t lineNo);
+  int64_t last() const { return started_ ? last_ - first_ : 0; }
+  uint64_t outOfOrder() const { return outOfOrder_; }
+  const std::vector<ClockStep>& steps() const { return steps_; }
+
+ private:
+  bool started_ = false;
+  int64_t first_ = 0, last_ = 0, offset_ = 0;
+  uint64_t outOfOrder_ = 0;
+  std::vector<ClockStep> steps_;
 };
 
 class LogReader {
@@ -145,6 +179,7 @@ class LogReader {
   uint64_t libraryLines() const { return library_; }
   bool binary() const { return binary_; }
   uint64_t firstBinaryLine() const { return firstBinaryLine_; }
+  const LogClock& clock() const { return clock_; }
 
  private:
   struct Context {
@@ -157,7 +192,8 @@ class LogReader {
     std::map<int, size_t> lastEvent;                // tid -> index in history.events
     std::map<int, bool> eventOpen;                  // tid -> lines still belong to it
   };
-  void handle(Context& c, const LogLine& line);
+  void handle(Context& c, const LogLine& line, int64_t fileAt);
+  LogClock clock_;
   std::map<int, Context> runs_;
   std::vector<int> order_;
   uint64_t total_ = 0, parsed_ = 0, library_ = 0;
@@ -168,9 +204,16 @@ class LogReader {
 // The client-protocol rule a fatal assertion message stands for: the "Don't" of the
 // README's table, or an explanation for the library's own invariants.
 std::string ruleForFatal(const std::string& message);
-// One line saying what a warning kind means; `benign` is set for those that mean nothing on
-// their own.
-std::string explainWarning(const std::string& kind, bool* benign);
+// What a warning kind means for the verdict: nothing on its own (benign), the trace of a call
+// order the client protocol allows (named), or something to look at.
+enum class WarningClass { Benign, ClientOrder, Attention };
+struct WarningExplanation {
+  WarningClass cls = WarningClass::Attention;
+  std::string why;                // one line
+  std::string clientOrder;        // ClientOrder: the legal call order that provokes it
+  bool needsDropOrFlush = false;  // that call order is a drop or a flush
+};
+WarningExplanation explainWarning(const std::string& kind);
 
 }  // namespace logread
 }  // namespace orvcam

@@ -38,6 +38,8 @@ int main(int argc, char** argv) {
   std::string tracePath, historyPath, scenarioPath;
   bool frames = false;
   int pid = -1;
+  double stallMs = -1;
+  bool strict = false;
   app.add_option("log", inputPath, "Log file (default or \"-\": standard input)");
   app.add_flag("--frames", frames, "Also print a table of every (frame, sensor)");
   app.add_option("--trace", tracePath, "Write a Chrome JSON trace rebuilt from the log");
@@ -48,6 +50,13 @@ int main(int argc, char** argv) {
   app.add_option("--pid", pid,
                  "Process whose run the --trace, --history and --scenario files describe "
                  "(default: the last one in the log)");
+  app.add_option("--stall-ms", stallMs,
+                 "A send still waiting at the end of the capture is a stall once it has waited "
+                 "this long (default: derived from the log, at least 500 ms)")
+      ->check(CLI::NonNegativeNumber);
+  app.add_flag("--strict", strict,
+               "Warnings that are not benign fail the run too (exit 1), even those a legal "
+               "client call order explains");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -87,6 +96,17 @@ int main(int argc, char** argv) {
     return kExitBadInput;
   }
   std::vector<logread::Run> runs = reader.finish();
+  const logread::LogClock& clock = reader.clock();
+  if (clock.outOfOrder() > 0) {
+    std::cout << clock.outOfOrder()
+              << " time stamp(s) were earlier than the line before (merged buffers); held at "
+                 "the previous one\n";
+  }
+  for (const logread::ClockStep& step : clock.steps()) {
+    std::cout << "the clock jumped " << (step.stepNs < 0 ? "back " : "forward ")
+              << double(step.stepNs < 0 ? -step.stepNs : step.stepNs) / 1e9 << " s at line "
+              << step.line << ": the timeline goes on from the line before\n";
+  }
 
   bool findings = false;
   bool nothingRebuilt = true;
@@ -96,7 +116,10 @@ int main(int argc, char** argv) {
     std::cout << "process " << run.pid << ": " << run.lines << " lines of the deliverer ("
               << logread::layoutName(run.layout) << " layout"
               << (run.verboseLines ? ", verbose lines present" : "") << ")\n";
-    logread::Analysis analysis = logread::analyse(run);
+    logread::AnalysisOptions options;
+    options.strict = strict;
+    if (stallMs >= 0) options.stallNs = sim::Nanos(stallMs * 1e6);
+    logread::Analysis analysis = logread::analyse(run, options);
     if (analysis.debugMissing) {
       std::cout << "  nothing to rebuild: the log has only the deliverer's warnings and "
                    "errors; its debug lines need "
@@ -110,7 +133,7 @@ int main(int argc, char** argv) {
         logread::printFrames(std::cout, run);
         std::cout << "\n";
       }
-      std::cout << "verdict: " << (analysis.findings.empty() ? "PASS" : "FAIL") << " - "
+      std::cout << "verdict: " << (analysis.failed() ? "FAIL" : "PASS") << " - "
                 << analysis.check.jobsChecked << " jobs checked for order, sync, raw switch, FD "
                 << "and delivery\n";
     }
@@ -124,7 +147,7 @@ int main(int argc, char** argv) {
     }
     logread::printAnalysis(std::cout, analysis);
     std::cout << "\n";
-    findings = findings || !analysis.findings.empty();
+    findings = findings || analysis.failed();
   }
   if (pid >= 0 && !chosen) {
     std::cerr << "camdeliver-log: --pid: no line of process " << pid << " in the log\n";
