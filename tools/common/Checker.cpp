@@ -10,24 +10,6 @@
 namespace orvcam {
 namespace sim {
 
-const char* jobKindName(JobKind kind) {
-  return kind == JobKind::Configure ? "ConfigJob" : "EnqJob";
-}
-
-const char* eventKindName(EventKind kind) {
-  switch (kind) {
-    case EventKind::InformInflight: return "InformInflight";
-    case EventKind::ResumeDone: return "ResumeDone";
-    case EventKind::Suspend: return "Suspend";
-    case EventKind::Drop: return "Drop";
-    case EventKind::Flush: return "Flush";
-    case EventKind::LicenseRelease: return "LicenseRelease";
-    case EventKind::RawSwitch: return "RawSwitch";
-    case EventKind::QueueFlush: return "flush()";
-  }
-  return "UNKNOWN";
-}
-
 std::string formatTime(Nanos at) {
   char buf[32];
   std::snprintf(buf, sizeof buf, "%.3f ms", double(at) / 1e6);

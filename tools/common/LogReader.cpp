@@ -393,17 +393,94 @@ void LogReader::addLine(std::string_view raw) {
   int64_t fileAt = line.hasTime ? clock_.place(line.timeNs, total_) : -1;
   if (!isLibraryTag(line.tag)) return;
   ++library_;
-  auto it = runs_.find(line.pid);
-  if (it == runs_.end()) {
-    it = runs_.emplace(line.pid, Context()).first;
-    it->second.run.pid = line.pid;
-    it->second.run.layout = line.layout;
-    it->second.run.hasTime = line.hasTime;
-    it->second.run.hasTid = line.tid >= 0;
-    order_.push_back(line.pid);
+  Context& c = sessionFor(line, fileAt);
+  if (raw.size() >= kLoggerLineLimit) ++c.run.truncated;
+  handle(c, line, fileAt);
+}
+
+LogReader::Context& LogReader::startSession(const LogLine& line, int session,
+                                            std::string boundary) {
+  auto cur = current_.find(line.pid);
+  if (cur != current_.end()) previous_[line.pid] = cur->second;
+  contexts_.emplace_back();
+  Context& c = contexts_.back();
+  c.run.pid = line.pid;
+  c.run.session = session;
+  c.run.boundary = std::move(boundary);
+  c.run.layout = line.layout;
+  c.run.hasTime = line.hasTime;
+  c.run.hasTid = line.tid >= 0;
+  current_[line.pid] = contexts_.size() - 1;
+  return c;
+}
+
+LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
+  auto cur = current_.find(line.pid);
+  if (cur == current_.end()) return startSession(line, 1, "");
+  Context& c = contexts_[cur->second];
+  std::string_view text = line.text;
+  std::string where = " (line " + std::to_string(total_) + ")";
+  // The constructor's own line (written with the force-log property) opens every deliverer.
+  if (line.tag == "OrvCam/CamDeliver" && startsWith(text, "[CamDeliver]") && c.run.lines > 0) {
+    return startSession(line, c.run.session + 1, "the deliverer's constructor line" + where);
   }
-  if (raw.size() >= kLoggerLineLimit) ++it->second.run.truncated;
-  handle(it->second, line, fileAt);
+  uint32_t sensor = 0, frame = 0;
+  size_t close = text.find("] ");
+  size_t pos = close == std::string_view::npos ? 0 : close + 2;
+  bool hasSF = !text.empty() && text[0] == '[' && close != std::string_view::npos &&
+               readSensorFrame(text, &pos, &sensor, &frame);
+  if (!hasSF) return c;
+  // Preparation orders count up from 0 per sensor for the deliverer's life, and start again
+  // after a flush of the sensor with frame numbers that go on: an order 0 without a flush
+  // before it, or with frame numbers that start again, is a new deliverer.
+  if (line.tag == "OrvCam/CamDeliver" && startsWith(text, "[notifyEvent]") &&
+      contains(text, "type(Flush)")) {
+    c.flushedSensors.insert(sensor);
+  }
+  int64_t order = -1;
+  if (line.tag == "OrvCam/CamDeliverGuard" && startsWith(text, "[prepare]") &&
+      numberAfter(text, "prepared, order(", &order) && order == 0) {
+    auto seq = c.run.sequence.find(sensor);
+    bool flushed = c.flushedSensors.erase(sensor) > 0;
+    if (seq != c.run.sequence.end() && !seq->second.empty()) {
+      uint32_t last = seq->second.back();
+      if (!flushed) {
+        return startSession(line, c.run.session + 1,
+                            "S:" + std::to_string(sensor) +
+                                "'s preparation order started again at 0 without a flush" + where);
+      }
+      if (frame <= last) {
+        return startSession(line, c.run.session + 1,
+                            "S:" + std::to_string(sensor) +
+                                "'s frame numbers started again (F:" + std::to_string(frame) +
+                                " after F:" + std::to_string(last) + ")" + where);
+      }
+    }
+    if (fileAt >= 0 && c.baseNs >= 0 && fileAt - c.baseNs - c.lastAt > kSessionSilenceNs &&
+        !c.run.sequence.empty()) {
+      return startSession(
+          line, c.run.session + 1,
+          "a silence of " + std::to_string((fileAt - c.baseNs - c.lastAt) / 1000000) +
+              " ms, then S:" + std::to_string(sensor) + " prepared at order 0" + where);
+    }
+  }
+  // After a boundary, a line naming a frame only the older deliverer holds is its own.
+  auto prev = previous_.find(line.pid);
+  if (prev == previous_.end()) return c;
+  Context& old = contexts_[prev->second];
+  uint32_t s = sensor >= kConfigKeyBase ? (sensor & 0xFF) : sensor;
+  auto mine = c.run.states.find({s, frame});
+  auto theirs = old.run.states.find({s, frame});
+  bool oldOpen = theirs != old.run.states.end() && theirs->second.prepared;
+  if (mine == c.run.states.end() || !mine->second.prepared) {
+    if (oldOpen && !startsWith(text, "[prepare]")) {
+      ++old.run.lateLines;
+      return old;
+    }
+  } else if (oldOpen && !theirs->second.done()) {
+    ++c.run.ambiguousLines;
+  }
+  return c;
 }
 
 void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
@@ -788,11 +865,15 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
 
 std::vector<Run> LogReader::finish() {
   std::vector<Run> out;
-  for (int pid : order_) {
-    Context& c = runs_[pid];
+  std::map<int, int> sessions;  // pid -> sessions in the log
+  for (const Context& c : contexts_)
+    sessions[c.run.pid] = std::max(sessions[c.run.pid], c.run.session);
+  for (Context& c : contexts_) {
     Run& r = c.run;
+    int pid = r.pid;
     sim::History& h = r.history;
-    h.scenario = "log of process " + std::to_string(pid);
+    h.scenario = "log of process " + std::to_string(pid) +
+                 (sessions[pid] > 1 ? ", session " + std::to_string(r.session) : std::string());
     h.unsupportedRules["licence"] =
         "rebuilt from a log: the log has no licence identities, only the FDs jobs were given";
     h.unsupportedRules["pool"] =
@@ -879,8 +960,9 @@ std::vector<Run> LogReader::finish() {
     r.captureEnd = std::max(r.endAt, c.baseNs >= 0 ? clock_.last() - c.baseNs : r.endAt);
     out.push_back(std::move(r));
   }
-  runs_.clear();
-  order_.clear();
+  contexts_.clear();
+  current_.clear();
+  previous_.clear();
   return out;
 }
 

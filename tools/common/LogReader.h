@@ -109,9 +109,19 @@ struct LastSeen {
   std::string text;
 };
 
-// One process's lines, replayed.
+// One session's lines, replayed: a deliverer built in a process, from its first line to the
+// line that shows the next one built in the same process.
 struct Run {
   int pid = -1;
+  int session = 1;  // 1 for the process's first deliverer in the log
+  // How the start of this session was told from the one before it (empty for the first).
+  std::string boundary;
+  // Lines after this session began that named a frame both it and the one before it hold:
+  // given to this session, though they may have been the older deliverer's.
+  uint64_t ambiguousLines = 0;
+  // Lines after the next session began that were given back to this one: they named a frame
+  // only this session held.
+  uint64_t lateLines = 0;
   Layout layout = Layout::Unknown;
   bool hasTime = true;
   bool hasTid = true;
@@ -169,6 +179,9 @@ class LogClock {
 
 class LogReader {
  public:
+  // A silence this long between two lines of one process, followed by a preparation at
+  // order 0, starts a new session even when the sensor had not prepared in the old one.
+  static constexpr int64_t kSessionSilenceNs = 5000000000LL;
   // One raw line (without its newline).
   void addLine(std::string_view raw);
   // Replays what is left and builds each run's History. Runs by first line.
@@ -191,11 +204,16 @@ class LogReader {
     std::map<int, std::deque<std::string>> recent;  // tid -> last lines
     std::map<int, size_t> lastEvent;                // tid -> index in history.events
     std::map<int, bool> eventOpen;                  // tid -> lines still belong to it
+    std::set<uint32_t> flushedSensors;  // flushed, not prepared since: their order restarts
   };
   void handle(Context& c, const LogLine& line, int64_t fileAt);
   LogClock clock_;
-  std::map<int, Context> runs_;
-  std::vector<int> order_;
+  // The session a line of a process belongs to, and why a new one begins with it.
+  Context& sessionFor(const LogLine& line, int64_t fileAt);
+  Context& startSession(const LogLine& line, int session, std::string boundary);
+  std::deque<Context> contexts_;    // every session, by first line
+  std::map<int, size_t> current_;   // pid -> the session its lines go to
+  std::map<int, size_t> previous_;  // pid -> the session before it
   uint64_t total_ = 0, parsed_ = 0, library_ = 0;
   bool binary_ = false;
   uint64_t firstBinaryLine_ = 0;

@@ -2,6 +2,7 @@
 // per sensor and frame, checks it with the simulator's ordering checker and explains what it
 // finds. Exit code 0: no findings; 1: findings; 2: bad command line or input.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 
@@ -24,6 +25,7 @@ bool writeFile(const std::string& option, const std::string& path,
     std::cerr << "camdeliver-log: " << option << ": cannot write " << path << "\n";
     return false;
   }
+  std::cout << "wrote " << path << " (" << option << ")\n";
   return true;
 }
 
@@ -38,6 +40,7 @@ int main(int argc, char** argv) {
   std::string tracePath, historyPath, scenarioPath;
   bool frames = false;
   int pid = -1;
+  int session = -1;
   double stallMs = -1;
   bool strict = false;
   app.add_option("log", inputPath, "Log file (default or \"-\": standard input)");
@@ -50,6 +53,11 @@ int main(int argc, char** argv) {
   app.add_option("--pid", pid,
                  "Process whose run the --trace, --history and --scenario files describe "
                  "(default: the last one in the log)");
+  app.add_option("--session", session,
+                 "Session (1 for a process's first deliverer in the log, 2 for the one built "
+                 "after it, ...) whose run --trace, --history and --scenario describe "
+                 "(default: the last one of the process)")
+      ->check(CLI::PositiveNumber);
   app.add_option("--stall-ms", stallMs,
                  "A send still waiting at the end of the capture is a stall once it has waited "
                  "this long (default: derived from the log, at least 500 ms)")
@@ -112,10 +120,27 @@ int main(int argc, char** argv) {
   bool nothingRebuilt = true;
   const logread::Run* chosen = nullptr;
   for (const logread::Run& run : runs) {
-    if (pid < 0 || run.pid == pid) chosen = &run;
-    std::cout << "process " << run.pid << ": " << run.lines << " lines of the deliverer ("
-              << logread::layoutName(run.layout) << " layout"
-              << (run.verboseLines ? ", verbose lines present" : "") << ")\n";
+    if ((pid < 0 || run.pid == pid) && (session < 0 || run.session == session)) chosen = &run;
+    bool several = run.session > 1 || !run.boundary.empty() ||
+                   std::any_of(runs.begin(), runs.end(), [&](const logread::Run& o) {
+                     return o.pid == run.pid && o.session > 1;
+                   });
+    std::cout << "process " << run.pid;
+    if (several) std::cout << " session " << run.session;
+    std::cout << ": " << run.lines << " lines of the deliverer (" << logread::layoutName(run.layout)
+              << " layout" << (run.verboseLines ? ", verbose lines present" : "") << ")\n";
+    if (!run.boundary.empty()) {
+      std::cout << "  a new deliverer: " << run.boundary << "\n";
+    }
+    if (run.ambiguousLines) {
+      std::cout << "  " << run.ambiguousLines
+                << " line(s) named frames the session before still held: ambiguous, counted "
+                   "here\n";
+    }
+    if (run.lateLines) {
+      std::cout << "  " << run.lateLines
+                << " line(s) after the next session began named frames only this one held\n";
+    }
     logread::AnalysisOptions options;
     options.strict = strict;
     if (stallMs >= 0) options.stallNs = sim::Nanos(stallMs * 1e6);
@@ -149,8 +174,10 @@ int main(int argc, char** argv) {
     std::cout << "\n";
     findings = findings || analysis.failed();
   }
-  if (pid >= 0 && !chosen) {
-    std::cerr << "camdeliver-log: --pid: no line of process " << pid << " in the log\n";
+  if ((pid >= 0 || session >= 0) && !chosen) {
+    std::cerr << "camdeliver-log: " << (session >= 0 ? "--session" : "--pid") << ": no "
+              << (session >= 0 ? "session " + std::to_string(session) + " of " : "")
+              << (pid >= 0 ? "process " + std::to_string(pid) : "any process") << " in the log\n";
     return kExitBadInput;
   }
   if (chosen) {
