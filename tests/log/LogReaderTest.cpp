@@ -84,6 +84,42 @@ TEST(LogLineTest, ReadsEveryLayout) {
   EXPECT_EQ(l.layout, Layout::Brief);
   EXPECT_EQ(l.pid, 42);
   EXPECT_FALSE(l.hasTime);
+  // The other layouts and modifiers: the tag, process, thread and time each keeps.
+  struct Case {
+    const char* line;
+    Layout layout;
+    int pid, tid;
+    bool hasTime;
+  };
+  const Case cases[] = {
+      {"D( 42) [getLicense] [S:1 F:2] FD(3)  (OrvCam/CamDeliver)", Layout::Process, 42, -1, false},
+      {"D/OrvCam/CamDeliver: [getLicense] [S:1 F:2] FD(3)", Layout::Tag, -1, -1, false},
+      {"D( 42:   43) [getLicense] [S:1 F:2] FD(3)", Layout::Thread, 42, 43, false},
+      {"[getLicense] [S:1 F:2] FD(3)", Layout::Raw, -1, -1, false},
+      {"1764000000.123456  42  43 D OrvCam/CamDeliver: [getLicense] [S:1 F:2] FD(3)",
+       Layout::ThreadTime, 42, 43, true},
+      {"  123.456 D/OrvCam/CamDeliver(cameraserver:   42): [getLicense] [S:1 F:2] FD(3)",
+       Layout::Time, 42, -1, true},
+      {"11-22 03:07:50.944 +0100 cameraserver:42  43 D OrvCam/CamDeliver: [getLicense] [S:1 F:2] "
+       "FD(3)\r",
+       Layout::ThreadTime, 42, 43, true},
+  };
+  for (const Case& c : cases) {
+    ASSERT_TRUE(parseLogLine(c.line, &l)) << c.line;
+    EXPECT_EQ(l.layout, c.layout) << c.line;
+    EXPECT_EQ(l.pid, c.pid) << c.line;
+    EXPECT_EQ(l.tid, c.tid) << c.line;
+    EXPECT_EQ(l.hasTime, c.hasTime) << c.line;
+    EXPECT_EQ(l.tag, "OrvCam/CamDeliver") << c.line;
+    EXPECT_EQ(l.text, "[getLicense] [S:1 F:2] FD(3)") << c.line;
+  }
+  ASSERT_TRUE(parseLongHeader("[ 11-22 03:07:50.944  42:   43 W/OrvCam/LicenseQueue ]", &l));
+  EXPECT_EQ(l.layout, Layout::Long);
+  EXPECT_EQ(l.tid, 43);
+  EXPECT_EQ(l.level, 'W');
+  EXPECT_EQ(l.tag, "OrvCam/LicenseQueue");
+  std::string buffer;
+  EXPECT_EQ(stripColour("\x1b[38;5;75mD/T( 1): x\x1b[0m", &buffer), "D/T( 1): x");
   for (const char* junk : {"", "------ SYSTEM LOG (logcat -v threadtime -d *:v) ------",
                            "11-22 03:07:50.944", "--------- beginning of main"}) {
     EXPECT_FALSE(parseLogLine(junk, &l)) << junk;
@@ -131,7 +167,7 @@ TEST_F(LogTest, NamesTheOffSensorOfABlockedRawSwitch) {
   prepare(1, 2, 10, 1);
   prepare(2, 1, 10, 0);
   add(tt(5, 11, 'D', "CamDeliverGuard", "[wait] [S:1 F:10][EnqJob] wait offSensor(2) enqed +"));
-  add(tt(9, 12, 'I', "CamDeliver", "[CamDeliver] unrelated"));
+  add("11-22 10:00:00.009   100   300 I CameraService: other tag");
   AnalysisOptions stallAt3ms;
   stallAt3ms.stallNs = 3000000;
   Analysis a = analyse(only(), stallAt3ms);

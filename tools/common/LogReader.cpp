@@ -1,5 +1,7 @@
 #include "LogReader.h"
 
+#include "LogText.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -8,155 +10,15 @@
 namespace orvcam {
 namespace logread {
 
+using namespace text;
+
 namespace {
 
 constexpr size_t kRecentLines = 6;
 constexpr size_t kLoggerLineLimit = 1023;
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isLevel(char c) { return std::strchr("VDIWEFA", c) != nullptr && c != 0; }
-
-// Reads an unsigned decimal number at `pos`; false when there is none.
-bool readNumber(std::string_view s, size_t* pos, int64_t* value) {
-  size_t p = *pos;
-  if (p >= s.size() || !isDigit(s[p])) return false;
-  int64_t v = 0;
-  while (p < s.size() && isDigit(s[p])) v = v * 10 + (s[p++] - '0');
-  *value = v;
-  *pos = p;
-  return true;
-}
-
-bool expect(std::string_view s, size_t* pos, char c) {
-  if (*pos >= s.size() || s[*pos] != c) return false;
-  ++*pos;
-  return true;
-}
-
-void skipSpaces(std::string_view s, size_t* pos) {
-  while (*pos < s.size() && s[*pos] == ' ') ++*pos;
-}
-
-// "[YYYY-]MM-DD HH:MM:SS.fff[fff]" -> nanoseconds from the start of a (leap) year.
-bool readTimestamp(std::string_view s, size_t* pos, int64_t* ns) {
-  static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
-  size_t p = *pos;
-  int64_t a = 0, month = 0, day = 0, h = 0, m = 0, sec = 0;
-  if (!readNumber(s, &p, &a) || !expect(s, &p, '-')) return false;
-  if (a > 12) {  // a year came first
-    if (!readNumber(s, &p, &month) || !expect(s, &p, '-')) return false;
-  } else {
-    month = a;
-  }
-  if (!readNumber(s, &p, &day) || !expect(s, &p, ' ')) return false;
-  if (!readNumber(s, &p, &h) || !expect(s, &p, ':') || !readNumber(s, &p, &m) ||
-      !expect(s, &p, ':') || !readNumber(s, &p, &sec) || !expect(s, &p, '.')) {
-    return false;
-  }
-  size_t fracStart = p;
-  int64_t frac = 0;
-  if (!readNumber(s, &p, &frac)) return false;
-  size_t digits = p - fracStart;
-  if (month < 1 || month > 12 || day < 1 || day > 31 || digits > 9) return false;
-  for (size_t i = digits; i < 9; ++i) frac *= 10;
-  int64_t days = kDaysBefore[month - 1] + day - 1;
-  *ns = ((days * 24 + h) * 60 + m) * 60 + sec;
-  *ns = *ns * 1000000000LL + frac;
-  *pos = p;
-  return true;
-}
-
-// "L/TAG(  PID): message"
-bool readBrief(std::string_view s, size_t p, LogLine* out) {
-  if (p + 2 >= s.size() || !isLevel(s[p]) || s[p + 1] != '/') return false;
-  out->level = s[p];
-  p += 2;
-  size_t close = s.find("): ", p);
-  if (close == std::string_view::npos) return false;
-  size_t open = s.rfind('(', close);
-  if (open == std::string_view::npos || open < p) return false;
-  size_t q = open + 1;
-  skipSpaces(s, &q);
-  int64_t pid = 0;
-  if (!readNumber(s, &q, &pid) || q != close) return false;
-  size_t tagEnd = open;
-  while (tagEnd > p && s[tagEnd - 1] == ' ') --tagEnd;
-  out->tag = s.substr(p, tagEnd - p);
-  out->pid = int(pid);
-  out->text = s.substr(close + 3);
-  return true;
-}
+constexpr const char* kUnknownWarning = "not a warning this tool knows";
 
 }  // namespace
-
-const char* layoutName(Layout layout) {
-  switch (layout) {
-    case Layout::ThreadTime: return "threadtime";
-    case Layout::Time: return "time";
-    case Layout::Brief: return "brief";
-    case Layout::Unknown: break;
-  }
-  return "unknown";
-}
-
-bool parseLogLine(std::string_view s, LogLine* out) {
-  *out = LogLine();
-  while (!s.empty() && (s.back() == '\r')) s.remove_suffix(1);
-  size_t p = 0;
-  int64_t ns = 0;
-  if (!readTimestamp(s, &p, &ns)) {
-    if (!readBrief(s, 0, out)) return false;
-    out->layout = Layout::Brief;
-    return true;
-  }
-  out->hasTime = true;
-  out->timeNs = ns;
-  skipSpaces(s, &p);
-  if (p + 1 < s.size() && isLevel(s[p]) && s[p + 1] == '/') {
-    if (!readBrief(s, p, out)) return false;
-    out->hasTime = true;
-    out->timeNs = ns;
-    out->layout = Layout::Time;
-    return true;
-  }
-  // threadtime: [uid] pid tid level tag: message. A uid may be a name.
-  std::vector<std::string_view> fields;
-  while (p < s.size() && fields.size() < 4) {
-    size_t end = s.find(' ', p);
-    if (end == std::string_view::npos) return false;
-    std::string_view field = s.substr(p, end - p);
-    p = end;
-    skipSpaces(s, &p);
-    if (field.size() == 1 && isLevel(field[0]) && fields.size() >= 2) {
-      out->level = field[0];
-      break;
-    }
-    fields.push_back(field);
-  }
-  if (out->level == '?' || fields.size() < 2) return false;
-  auto number = [](std::string_view f, int* v) {
-    size_t q = 0;
-    int64_t n = 0;
-    if (!readNumber(f, &q, &n) || q != f.size()) return false;
-    *v = int(n);
-    return true;
-  };
-  if (!number(fields[fields.size() - 2], &out->pid) || !number(fields.back(), &out->tid)) {
-    return false;
-  }
-  size_t colon = s.find(": ", p);
-  if (colon == std::string_view::npos) {
-    // A message cut right after the tag still names the tag.
-    if (!s.empty() && s.back() == ':') colon = s.size() - 1;
-    if (colon == std::string_view::npos) return false;
-  }
-  size_t tagEnd = colon;
-  while (tagEnd > p && s[tagEnd - 1] == ' ') --tagEnd;
-  out->tag = s.substr(p, tagEnd - p);
-  out->text = colon + 2 <= s.size() ? s.substr(colon + 2) : std::string_view();
-  out->layout = Layout::ThreadTime;
-  return true;
-}
 
 namespace {
 
@@ -214,13 +76,6 @@ bool numberAfter(std::string_view s, std::string_view key, int64_t* value) {
   return true;
 }
 
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
-}
-bool contains(std::string_view s, std::string_view part) {
-  return s.find(part) != std::string_view::npos;
-}
-
 // Fatal messages of the library, as the message starts (numbers left out).
 const char* const kFatalShapes[] = {
     "FCPool size > ",
@@ -246,6 +101,10 @@ bool isFatalText(std::string_view text) {
     if (startsWith(s, f)) return true;
   }
   return false;
+}
+
+bool isWarningText(std::string_view text) {
+  return explainWarning(shape(text)).why != kUnknownWarning;
 }
 
 }  // namespace
@@ -340,7 +199,7 @@ WarningExplanation explainWarning(const std::string& kind) {
       return e;
     }
   }
-  e.why = "not a warning this tool knows";
+  e.why = kUnknownWarning;
   return e;
 }
 
@@ -374,8 +233,26 @@ int64_t LogClock::place(int64_t raw, uint64_t lineNo) {
   return t - first_;
 }
 
+std::string_view stripColour(std::string_view raw, std::string* buffer) {
+  if (raw.find('\x1b') == std::string_view::npos) return raw;
+  buffer->clear();
+  for (size_t i = 0; i < raw.size(); ++i) {
+    if (raw[i] == '\x1b' && i + 1 < raw.size() && raw[i + 1] == '[') {
+      size_t end = i + 2;
+      while (end < raw.size() && (isDigit(raw[end]) || raw[end] == ';')) ++end;
+      if (end < raw.size() && raw[end] == 'm') {
+        i = end;
+        continue;
+      }
+    }
+    buffer->push_back(raw[i]);
+  }
+  return *buffer;
+}
+
 void LogReader::addLine(std::string_view raw) {
   ++total_;
+  raw = stripColour(raw, &colourFree_);
   // Text logs hold no NUL and few control bytes; anything else is not a log.
   size_t controls = 0;
   for (char c : raw) {
@@ -388,12 +265,42 @@ void LogReader::addLine(std::string_view raw) {
     return;
   }
   LogLine line;
-  if (!parseLogLine(raw, &line)) return;
-  ++parsed_;
-  int64_t fileAt = line.hasTime ? clock_.place(line.timeNs, total_) : -1;
+  if (!pendingHeader_.empty()) {
+    // The long layout: the message follows its header line, then a blank line.
+    std::string_view message = raw;
+    while (!message.empty() && message.back() == '\r') message.remove_suffix(1);
+    currentHeader_.swap(pendingHeader_);
+    pendingHeader_.clear();
+    if (message.empty() || !parseLongHeader(currentHeader_, &line)) return;
+    line.text = message;
+  } else if (parseLongHeader(raw, &line)) {
+    pendingHeader_.assign(raw);
+    ++parsed_;
+    if (firstLayout_ == Layout::Unknown) firstLayout_ = line.layout;
+    if (line.hasTime) clock_.place(line.timeNs, total_);
+    return;
+  } else if (!parseLogLine(raw, &line)) {
+    return;
+  } else {
+    ++parsed_;
+    if (firstLayout_ == Layout::Unknown) firstLayout_ = line.layout;
+  }
+  if (line.level == '?') {
+    // Raw lines have no level: fatal and warning texts are known by their words.
+    line.level = isFatalText(line.text) ? 'E' : isWarningText(line.text) ? 'W' : 'D';
+  }
+  if (line.layout == Layout::Long) {
+    processLine(raw, line, line.hasTime ? clock_.last() : -1);
+    return;
+  }
+  processLine(raw, line, line.hasTime ? clock_.place(line.timeNs, total_) : -1);
+}
+
+void LogReader::processLine(std::string_view raw, LogLine& line, int64_t fileAt) {
   if (!isLibraryTag(line.tag)) return;
   ++library_;
   Context& c = sessionFor(line, fileAt);
+  if (line.level == '?' || line.layout == Layout::Raw) c.run.hasLevel = false;
   if (raw.size() >= kLoggerLineLimit) ++c.run.truncated;
   handle(c, line, fileAt);
 }
@@ -471,13 +378,16 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
   uint32_t s = sensor >= kConfigKeyBase ? (sensor & 0xFF) : sensor;
   auto mine = c.run.states.find({s, frame});
   auto theirs = old.run.states.find({s, frame});
-  bool oldOpen = theirs != old.run.states.end() && theirs->second.prepared;
+  // Only a frame the older deliverer still has in flight can take a line back.
+  bool oldOpen = theirs != old.run.states.end() && theirs->second.prepared &&
+                 !theirs->second.done() &&
+                 !(old.run.frames.count(frame) && old.run.frames.at(frame).retired);
   if (mine == c.run.states.end() || !mine->second.prepared) {
     if (oldOpen && !startsWith(text, "[prepare]")) {
       ++old.run.lateLines;
       return old;
     }
-  } else if (oldOpen && !theirs->second.done()) {
+  } else if (oldOpen) {
     ++c.run.ambiguousLines;
   }
   return c;
@@ -573,7 +483,12 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
     r.lastSeen[s] = {at, full};
     if (line.tid >= 0) ++r.threadSensors[line.tid][s];
   };
-  auto closeEvent = [&] { c.eventOpen[line.tid] = false; };
+  // Without thread ids every thread's lines look like one thread's: an event's own lines (sync
+  // breaks, FD changes) cannot be told from the others by thread, so events stay open until
+  // the next one.
+  auto closeEvent = [&] {
+    if (line.tid >= 0) c.eventOpen[line.tid] = false;
+  };
   auto openEvent = [&]() -> sim::EventRecord* {
     auto e = c.lastEvent.find(line.tid);
     if (e == c.lastEvent.end() || !c.eventOpen[line.tid]) return nullptr;
@@ -787,7 +702,13 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
         r.frames[frame].retired = true;
         r.frames[frame].retiredAt = at;
       }
-      openEvent();
+      sim::EventRecord* e = openEvent();
+      // Without thread ids the drop's own last line ends it: a release after it is another
+      // thread's (a setConfigured).
+      if (line.tid < 0 && func == "drop" && e && e->kind == sim::EventKind::Drop &&
+          contains(tail, "drop")) {
+        c.eventOpen[line.tid] = false;
+      }
     }
     return;
   }
@@ -823,7 +744,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
     } else if (func == "releaseLicense") {
       if (contains(tail, "license already null !")) {
         sim::EventRecord* e = openEvent();
-        bool inDrop = e && e->kind == sim::EventKind::Drop;
+        bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
         if (config && !inDrop) {
           closeEvent();
           SensorFrame& st = state(s, frame);

@@ -21,7 +21,7 @@ namespace logread {
 
 using sim::Nanos;
 
-enum class Layout { Unknown, ThreadTime, Time, Brief };
+enum class Layout { Unknown, ThreadTime, Time, Brief, Process, Tag, Thread, Raw, Long };
 const char* layoutName(Layout layout);
 
 struct LogLine {
@@ -30,14 +30,22 @@ struct LogLine {
   int tid = -1;  // -1 when the layout has none
   bool hasTime = false;
   int64_t timeNs = 0;  // from the start of the year; ordering only
-  char level = '?';    // V D I W E F
+  char level = '?';    // V D I W E F; '?' when the layout has none (raw)
   std::string_view tag;
   std::string_view text;
 };
 
 // False when `raw` is not a log line in one of the layouts (a bugreport's section headers,
-// a line cut before its message, other text).
+// a line cut before its message, other text). A trailing CR is ignored; colour escapes must
+// have been taken out (stripColour).
 bool parseLogLine(std::string_view raw, LogLine* out);
+// The `long` layout's "[ time pid: tid L/tag ]" line; its message is on the lines after it.
+bool parseLongHeader(std::string_view raw, LogLine* out);
+// `raw` without the `color` modifier's ANSI escapes (copied into `buffer` when it has any).
+std::string_view stripColour(std::string_view raw, std::string* buffer);
+// The deliverer's tag that writes `message`, from the function it names; empty for other
+// text. Layouts without tags (thread, raw) get theirs from it.
+std::string_view inferTag(std::string_view message);
 
 constexpr uint32_t kNoFrame = 0xFFFFFFFF;
 constexpr uint32_t kConfigKeyBase = 0xFF00;
@@ -125,6 +133,7 @@ struct Run {
   Layout layout = Layout::Unknown;
   bool hasTime = true;
   bool hasTid = true;
+  bool hasLevel = true;
   uint64_t lines = 0;         // the library's lines of this process
   uint64_t debugLines = 0;    // prepare lines: the debug level was on
   uint64_t verboseLines = 0;  // lines only the force-log property writes
@@ -193,6 +202,8 @@ class LogReader {
   bool binary() const { return binary_; }
   uint64_t firstBinaryLine() const { return firstBinaryLine_; }
   const LogClock& clock() const { return clock_; }
+  // The layout of the first line that was read as a log line (Unknown: none was).
+  Layout firstLayout() const { return firstLayout_; }
 
  private:
   struct Context {
@@ -215,8 +226,13 @@ class LogReader {
   std::map<int, size_t> current_;   // pid -> the session its lines go to
   std::map<int, size_t> previous_;  // pid -> the session before it
   uint64_t total_ = 0, parsed_ = 0, library_ = 0;
+  void processLine(std::string_view raw, LogLine& line, int64_t fileAt);
   bool binary_ = false;
   uint64_t firstBinaryLine_ = 0;
+  Layout firstLayout_ = Layout::Unknown;
+  std::string pendingHeader_;  // a long layout's header, waiting for its message line
+  std::string currentHeader_;  // the header of the message line being read
+  std::string colourFree_;     // the line with its colour escapes taken out
 };
 
 // The client-protocol rule a fatal assertion message stands for: the "Don't" of the

@@ -3,6 +3,7 @@
 // finds. Exit code 0: no findings; 1: findings; 2: bad command line or input.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -76,6 +77,11 @@ int main(int argc, char** argv) {
   std::istream* in = &std::cin;
   std::string inputName = "standard input";
   if (inputPath != "-") {
+    std::error_code ec;
+    if (std::filesystem::is_directory(inputPath, ec)) {
+      std::cerr << "camdeliver-log: " << inputPath << ": a directory, not a log file\n";
+      return kExitBadInput;
+    }
     file.open(inputPath, std::ios::binary);
     if (!file) {
       std::cerr << "camdeliver-log: " << inputPath << ": cannot open\n";
@@ -86,7 +92,12 @@ int main(int argc, char** argv) {
   }
   logread::LogReader reader;
   std::string line;
-  while (std::getline(*in, line)) reader.addLine(line);
+  std::string firstLine;
+  while (std::getline(*in, line)) {
+    size_t text = line.find_first_not_of(" \t\r");
+    if (firstLine.empty() && text != std::string::npos) firstLine = line.substr(text);
+    reader.addLine(line);
+  }
   if (reader.totalLines() == 0) {
     std::cerr << "camdeliver-log: " << inputName << ": empty, no line to read\n";
     return kExitBadInput;
@@ -99,8 +110,17 @@ int main(int argc, char** argv) {
   if (reader.libraryLines() == 0) {
     std::cerr << "camdeliver-log: " << inputName << ": none of its " << reader.totalLines()
               << " lines is a line of the deliverer (tags OrvCam/CamDeliver, "
-                 "OrvCam/CamDeliverGuard, OrvCam/FrameContextPool, OrvCam/LicenseQueue in "
-                 "logcat's threadtime, time or brief layout)\n";
+                 "OrvCam/CamDeliverGuard, OrvCam/FrameContextPool, OrvCam/LicenseQueue); ";
+    if (reader.firstLayout() != logread::Layout::Unknown) {
+      std::cerr << "its lines look like logcat's " << logread::layoutName(reader.firstLayout())
+                << " layout of other tags\n";
+    } else if (firstLine.find('{') == 0 || firstLine.find('[') == 0) {
+      std::cerr << "its first line looks like JSON (a scenario or history? camdeliver-sim "
+                   "reads those), not a logcat capture\n";
+    } else {
+      std::cerr << "its first line looks like no adb logcat -v layout: \""
+                << firstLine.substr(0, 80) << "\"\n";
+    }
     return kExitBadInput;
   }
   std::vector<logread::Run> runs = reader.finish();
