@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "CamDeliverConstants.h"
+
 namespace orvcam {
 namespace sim {
 
@@ -46,7 +48,7 @@ struct FramePlan {
 };
 
 // The frame number that stands for "no frame".
-constexpr uint32_t kNoFrame = 0xFFFFFFFF;
+constexpr uint32_t kNoFrame = NSCam::camsys::camcoordinator::kNoFrameNumber;
 
 struct PrepareRecord {
   uint32_t sensor = 0;

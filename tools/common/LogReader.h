@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "CamDeliverConstants.h"
 #include "History.h"
 
 namespace orvcam {
@@ -47,8 +48,8 @@ std::string_view stripColour(std::string_view raw, std::string* buffer);
 // text. Layouts without tags (thread, raw) get theirs from it.
 std::string_view inferTag(std::string_view message);
 
-constexpr uint32_t kNoFrame = 0xFFFFFFFF;
-constexpr uint32_t kConfigKeyBase = 0xFF00;
+constexpr uint32_t kNoFrame = NSCam::camsys::camcoordinator::kNoFrameNumber;
+constexpr uint32_t kConfigKeyBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
 
 // What the log shows of one sensor in one frame.
 struct SensorFrame {

@@ -580,7 +580,8 @@ void writeScenario(std::ostream& out, const Run& r) {
   }
   std::sort(marks.begin(), marks.end());
   for (const auto& m : marks) maxInFlight = std::max(maxInFlight, inFlight += m.second);
-  root["maxInFlight"] = std::min(maxInFlight, 19);
+  root["maxInFlight"] =
+      std::min(maxInFlight, int(NSCam::camsys::camcoordinator::kPreparationWindow) - 1);
   // Job durations per sensor, fitted as a normal distribution.
   std::map<uint32_t, std::vector<double>> durations;
   for (const auto& j : h.jobs) {
