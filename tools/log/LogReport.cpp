@@ -247,6 +247,11 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
         "order only and a send still waiting at the end cannot be told from one cut off by "
         "the capture (capture with adb logcat -v threadtime)");
   }
+  if (!r.hasLevel) {
+    a.notCheckable.push_back(
+        "levels: the raw layout has no level, tag, process or time; warnings and fatal "
+        "assertions are known by their words only (capture with adb logcat -v threadtime)");
+  }
   if (!r.hasTid) {
     a.notCheckable.push_back(
         "threads: the layout has no thread ids (capture with adb logcat -v threadtime)");
