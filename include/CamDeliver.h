@@ -8,6 +8,7 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "CamDeliverConstants.h"
 #include "CamDeliverExport.h"
 #include "CamDeliverGuard.h"
 #include "LicenseQueue.h"
@@ -37,9 +38,9 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
     RawSwitch = 6,
   };
 
-  static constexpr uint32_t kNoFrame = 0xFFFFFFFF;
-  static constexpr uint32_t kConfigKeyBase = 0xFF00;
-  static constexpr size_t kPreparedFramesKept = 20;
+  static constexpr uint32_t kNoFrame = kNoFrameNumber;
+  static constexpr uint32_t kConfigKeyBase = kConfigureKeyBase;
+  static constexpr size_t kPreparedFramesKept = kPreparationWindow;
 
   // Library-wide verbosity, from "vendor.debug.camcoordinator.force.log". The guard, the
   // licence queue and the records copy it when they are built.

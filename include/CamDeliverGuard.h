@@ -9,6 +9,7 @@
 #include <set>
 #include <unordered_map>
 
+#include "CamDeliverConstants.h"
 #include "CamDeliverExport.h"
 #include "ThreadAnnotations.h"
 
@@ -21,7 +22,7 @@ class FrameContextPool;
 
 class ORVCAM_CAMDELIVER_API CamDeliverGuard {
  public:
-  static constexpr uint32_t kNoFrame = 0xFFFFFFFF;
+  static constexpr uint32_t kNoFrame = kNoFrameNumber;
 
   CamDeliverGuard();
   CamDeliverGuard(const CamDeliverGuard&) = delete;

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 
+#include "CamDeliverConstants.h"
 #include "CamDeliverExport.h"
 #include "FrameContext.h"
 #include "ThreadAnnotations.h"
@@ -17,8 +18,8 @@ namespace camcoordinator {
 
 class ORVCAM_CAMDELIVER_API FrameContextPool {
  public:
-  static constexpr size_t kMaxRecords = 20;
-  static constexpr uint32_t kNoFrame = 0xFFFFFFFF;
+  static constexpr size_t kMaxRecords = kPreparationWindow;
+  static constexpr uint32_t kNoFrame = kNoFrameNumber;
 
   FrameContextPool();
 

@@ -9,6 +9,7 @@
 #include <set>
 #include <unordered_map>
 
+#include "CamDeliverConstants.h"
 #include "CamDeliverExport.h"
 #include "ThreadAnnotations.h"
 #include "pipemgr/IPipeMgr.h"
@@ -21,7 +22,7 @@ class ORVCAM_CAMDELIVER_API LicenseQueue {
  public:
   using IPipeMgr = NSCam::camsys::pipemgr::isp7::IPipeMgr;
   using IRequestLicense = NSCam::camsys::pipemgr::isp7::IRequestLicense;
-  static constexpr uint32_t kConfigKeyBase = 0xFF00;
+  static constexpr uint32_t kConfigKeyBase = kConfigureKeyBase;
 
   LicenseQueue();
   // Aborts when licences are left: the owner hands them back with clear() first.

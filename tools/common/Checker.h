@@ -2,6 +2,7 @@
 // The ordering checker. It reads a recorded run (History.h) and nothing else, and lists every
 // place where the observed order, frame descriptors or licence handling break the rules a
 // client relies on.
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,8 @@ struct CheckResult {
   // Places where the client's own call order broke a precondition of the library, so that the
   // guarantee concerned did not apply (rule "client"); not violations of the library.
   std::vector<Violation> notes;
+  // Rules not checked because the history's source cannot support them, with the reason.
+  std::map<std::string, std::string> skipped;
   size_t jobsChecked = 0;
   size_t licencesChecked = 0;
   bool clean() const { return violations.empty(); }

@@ -15,7 +15,7 @@ namespace {
 
 // The deliverer fetches a frame's licences on a preparation of a frame number that is not
 // among the 20 it first prepared most recently.
-constexpr size_t kPreparedWindow = 20;
+constexpr size_t kPreparedWindow = NSCam::camsys::camcoordinator::kPreparationWindow;
 
 std::string sf(uint32_t sensor, uint32_t frame) {
   return "S:" + std::to_string(sensor) + " F:" + std::to_string(frame);

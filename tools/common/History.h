@@ -3,9 +3,12 @@
 // job observed, the events it reported and every licence the pipe manager handed out. The
 // checker and the report read only this; nothing here refers to the library's internals.
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "CamDeliverConstants.h"
 
 namespace orvcam {
 namespace sim {
@@ -45,7 +48,7 @@ struct FramePlan {
 };
 
 // The frame number that stands for "no frame".
-constexpr uint32_t kNoFrame = 0xFFFFFFFF;
+constexpr uint32_t kNoFrame = NSCam::camsys::camcoordinator::kNoFrameNumber;
 
 struct PrepareRecord {
   uint32_t sensor = 0;
@@ -121,6 +124,9 @@ struct History {
   // Frame numbers the pool still held when every thread had finished.
   std::vector<uint32_t> framesLeftInPool;
   Nanos wallTime = 0;
+  // Rules the source of this history cannot support, with the reason (a history rebuilt from
+  // a log has no licence identities); the checker skips exactly these and says so.
+  std::map<std::string, std::string> unsupportedRules;
 };
 
 }  // namespace sim

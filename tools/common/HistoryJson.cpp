@@ -111,6 +111,16 @@ void fromJson(const json& root, History* h) {
   h->wallTime = number<Nanos>(root, "", "wallTimeNs", 0, false);
   h->teardownAt = number<Nanos>(root, "", "teardownAtNs", 0, false);
   h->framesLeftInPool = numbers<uint32_t>(root, "", "framesLeftInPool");
+  if (root.contains("unsupportedRules")) {
+    const json& u = root["unsupportedRules"];
+    if (!u.is_object()) throw FieldError("field \"unsupportedRules\": not an object");
+    for (const auto& item : u.items()) {
+      if (!item.value().is_string()) {
+        throw FieldError("field \"unsupportedRules." + item.key() + "\": not a string");
+      }
+      h->unsupportedRules[item.key()] = item.value().get<std::string>();
+    }
+  }
   if (root.contains("account")) {
     const json& a = root["account"];
     if (!a.is_object()) throw FieldError("field \"account\": not an object");

@@ -1,5 +1,5 @@
 #pragma once
-// Reading a history back from the JSON that `writeHistoryJson` (tools/sim/Report.h) and
+// Reading a history back from the JSON that `writeHistoryJson` (Report.h) and
 // camdeliver-log's --history write, so that a saved run can be checked again.
 #include <istream>
 #include <string>

@@ -1,5 +1,7 @@
 #include "LogReader.h"
 
+#include "LogText.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -8,155 +10,15 @@
 namespace orvcam {
 namespace logread {
 
+using namespace text;
+
 namespace {
 
 constexpr size_t kRecentLines = 6;
 constexpr size_t kLoggerLineLimit = 1023;
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isLevel(char c) { return std::strchr("VDIWEFA", c) != nullptr && c != 0; }
-
-// Reads an unsigned decimal number at `pos`; false when there is none.
-bool readNumber(std::string_view s, size_t* pos, int64_t* value) {
-  size_t p = *pos;
-  if (p >= s.size() || !isDigit(s[p])) return false;
-  int64_t v = 0;
-  while (p < s.size() && isDigit(s[p])) v = v * 10 + (s[p++] - '0');
-  *value = v;
-  *pos = p;
-  return true;
-}
-
-bool expect(std::string_view s, size_t* pos, char c) {
-  if (*pos >= s.size() || s[*pos] != c) return false;
-  ++*pos;
-  return true;
-}
-
-void skipSpaces(std::string_view s, size_t* pos) {
-  while (*pos < s.size() && s[*pos] == ' ') ++*pos;
-}
-
-// "[YYYY-]MM-DD HH:MM:SS.fff[fff]" -> nanoseconds from the start of a (leap) year.
-bool readTimestamp(std::string_view s, size_t* pos, int64_t* ns) {
-  static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
-  size_t p = *pos;
-  int64_t a = 0, month = 0, day = 0, h = 0, m = 0, sec = 0;
-  if (!readNumber(s, &p, &a) || !expect(s, &p, '-')) return false;
-  if (a > 12) {  // a year came first
-    if (!readNumber(s, &p, &month) || !expect(s, &p, '-')) return false;
-  } else {
-    month = a;
-  }
-  if (!readNumber(s, &p, &day) || !expect(s, &p, ' ')) return false;
-  if (!readNumber(s, &p, &h) || !expect(s, &p, ':') || !readNumber(s, &p, &m) ||
-      !expect(s, &p, ':') || !readNumber(s, &p, &sec) || !expect(s, &p, '.')) {
-    return false;
-  }
-  size_t fracStart = p;
-  int64_t frac = 0;
-  if (!readNumber(s, &p, &frac)) return false;
-  size_t digits = p - fracStart;
-  if (month < 1 || month > 12 || day < 1 || day > 31 || digits > 9) return false;
-  for (size_t i = digits; i < 9; ++i) frac *= 10;
-  int64_t days = kDaysBefore[month - 1] + day - 1;
-  *ns = ((days * 24 + h) * 60 + m) * 60 + sec;
-  *ns = *ns * 1000000000LL + frac;
-  *pos = p;
-  return true;
-}
-
-// "L/TAG(  PID): message"
-bool readBrief(std::string_view s, size_t p, LogLine* out) {
-  if (p + 2 >= s.size() || !isLevel(s[p]) || s[p + 1] != '/') return false;
-  out->level = s[p];
-  p += 2;
-  size_t close = s.find("): ", p);
-  if (close == std::string_view::npos) return false;
-  size_t open = s.rfind('(', close);
-  if (open == std::string_view::npos || open < p) return false;
-  size_t q = open + 1;
-  skipSpaces(s, &q);
-  int64_t pid = 0;
-  if (!readNumber(s, &q, &pid) || q != close) return false;
-  size_t tagEnd = open;
-  while (tagEnd > p && s[tagEnd - 1] == ' ') --tagEnd;
-  out->tag = s.substr(p, tagEnd - p);
-  out->pid = int(pid);
-  out->text = s.substr(close + 3);
-  return true;
-}
+constexpr const char* kUnknownWarning = "not a warning this tool knows";
 
 }  // namespace
-
-const char* layoutName(Layout layout) {
-  switch (layout) {
-    case Layout::ThreadTime: return "threadtime";
-    case Layout::Time: return "time";
-    case Layout::Brief: return "brief";
-    case Layout::Unknown: break;
-  }
-  return "unknown";
-}
-
-bool parseLogLine(std::string_view s, LogLine* out) {
-  *out = LogLine();
-  while (!s.empty() && (s.back() == '\r')) s.remove_suffix(1);
-  size_t p = 0;
-  int64_t ns = 0;
-  if (!readTimestamp(s, &p, &ns)) {
-    if (!readBrief(s, 0, out)) return false;
-    out->layout = Layout::Brief;
-    return true;
-  }
-  out->hasTime = true;
-  out->timeNs = ns;
-  skipSpaces(s, &p);
-  if (p + 1 < s.size() && isLevel(s[p]) && s[p + 1] == '/') {
-    if (!readBrief(s, p, out)) return false;
-    out->hasTime = true;
-    out->timeNs = ns;
-    out->layout = Layout::Time;
-    return true;
-  }
-  // threadtime: [uid] pid tid level tag: message. A uid may be a name.
-  std::vector<std::string_view> fields;
-  while (p < s.size() && fields.size() < 4) {
-    size_t end = s.find(' ', p);
-    if (end == std::string_view::npos) return false;
-    std::string_view field = s.substr(p, end - p);
-    p = end;
-    skipSpaces(s, &p);
-    if (field.size() == 1 && isLevel(field[0]) && fields.size() >= 2) {
-      out->level = field[0];
-      break;
-    }
-    fields.push_back(field);
-  }
-  if (out->level == '?' || fields.size() < 2) return false;
-  auto number = [](std::string_view f, int* v) {
-    size_t q = 0;
-    int64_t n = 0;
-    if (!readNumber(f, &q, &n) || q != f.size()) return false;
-    *v = int(n);
-    return true;
-  };
-  if (!number(fields[fields.size() - 2], &out->pid) || !number(fields.back(), &out->tid)) {
-    return false;
-  }
-  size_t colon = s.find(": ", p);
-  if (colon == std::string_view::npos) {
-    // A message cut right after the tag still names the tag.
-    if (!s.empty() && s.back() == ':') colon = s.size() - 1;
-    if (colon == std::string_view::npos) return false;
-  }
-  size_t tagEnd = colon;
-  while (tagEnd > p && s[tagEnd - 1] == ' ') --tagEnd;
-  out->tag = s.substr(p, tagEnd - p);
-  out->text = colon + 2 <= s.size() ? s.substr(colon + 2) : std::string_view();
-  out->layout = Layout::ThreadTime;
-  return true;
-}
 
 namespace {
 
@@ -214,13 +76,6 @@ bool numberAfter(std::string_view s, std::string_view key, int64_t* value) {
   return true;
 }
 
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
-}
-bool contains(std::string_view s, std::string_view part) {
-  return s.find(part) != std::string_view::npos;
-}
-
 // Fatal messages of the library, as the message starts (numbers left out).
 const char* const kFatalShapes[] = {
     "FCPool size > ",
@@ -246,6 +101,10 @@ bool isFatalText(std::string_view text) {
     if (startsWith(s, f)) return true;
   }
   return false;
+}
+
+bool isWarningText(std::string_view text) {
+  return explainWarning(shape(text)).why != kUnknownWarning;
 }
 
 }  // namespace
@@ -293,47 +152,107 @@ std::string ruleForFatal(const std::string& message) {
          "invariant)";
 }
 
-std::string explainWarning(const std::string& kind, bool* benign) {
+WarningExplanation explainWarning(const std::string& kind) {
   struct Known {
     const char* pattern;  // a part of the warning's text; the first match explains it
+    WarningClass cls;
     const char* why;
-    bool benign;
+    const char* clientOrder;
   };
+  constexpr WarningClass kBenign = WarningClass::Benign;
+  constexpr WarningClass kOrder = WarningClass::ClientOrder;
+  constexpr WarningClass kLook = WarningClass::Attention;
   // "already finished" and "FC not found ! maybe flushed" come before the plain "FC not found".
   static const Known kKnown[] = {
-      {"license already null !",
-       "written on every setConfigured and every drop (every release by key); benign", true},
-      {"NOT have F:N in licenseQueue",
-       "a licence was asked for or handed back that was not queued: flushed, dropped or "
-       "configured before",
-       false},
-      {"FD(NULL)", "a job found no licence for its frame: the frame was flushed or dropped", false},
-      {"null license, maybe flushed, skip execute",
-       "an enqueue job was not run and its send returned -1: its licence was gone (flushed or "
-       "dropped)",
-       false},
-      {"FC not found ! maybe flushed",
+      {"license already null !", kBenign,
+       "written on every setConfigured and every drop (every release by key)", ""},
+      {"NOT have F:N in licenseQueue", kOrder,
+       "a licence was asked for or handed back that was not queued any more",
+       "a drop or flush before the frame's job took its licence (a drop before the configure "
+       "step, a racing drop)"},
+      {"FD(NULL)", kOrder, "a job found no licence for its frame",
+       "a racing drop or flush: the frame's licence was handed back while its send was on its "
+       "way"},
+      {"null license, maybe flushed, skip execute", kOrder,
+       "an enqueue job was not run and its send returned -1: its licence was gone",
+       "a racing drop or flush: the frame's licence was handed back while its send was on its "
+       "way"},
+      {"FC not found ! maybe flushed", kOrder,
        "setConfigured or a job's completion came for a frame that had already left the pool",
-       false},
-      {"already finished",
-       "a drop came for a frame whose sensors were all enqueued; nothing was done", false},
-      {"FC not found", "a drop came for a frame that is not in the pool; nothing was done", false},
-      {"FC not exist, skip", "erase of a frame not in the pool", false},
-      {"still there", "the pool still holds a frame of the sensor", false},
-      {"license is null, skip", "an empty licence was handed back", false},
+       "a drop or flush of the frame while its job ran"},
+      {"already finished", kOrder,
+       "a drop came for a frame whose sensors were all enqueued; nothing was done",
+       "a late drop: the frame had been enqueued by every sensor"},
+      {"FC not found", kOrder, "a drop came for a frame that is not in the pool; nothing was done",
+       "a late drop: the frame had already retired"},
+      {"FC not exist, skip", kLook, "erase of a frame not in the pool", ""},
+      {"still there", kLook, "the pool still holds a frame of the sensor", ""},
+      {"license is null, skip", kLook, "an empty licence was handed back", ""},
   };
+  WarningExplanation e;
   for (const Known& k : kKnown) {
     if (contains(kind, k.pattern)) {
-      *benign = k.benign;
-      return k.why;
+      e.cls = k.cls;
+      e.why = k.why;
+      e.clientOrder = k.clientOrder;
+      e.needsDropOrFlush = k.cls == kOrder;
+      return e;
     }
   }
-  *benign = false;
-  return "not a warning this tool knows";
+  e.why = kUnknownWarning;
+  return e;
+}
+
+int64_t LogClock::place(int64_t raw, uint64_t lineNo) {
+  int64_t t = raw + offset_;
+  if (!started_) {
+    started_ = true;
+    first_ = last_ = t;
+    return 0;
+  }
+  if (last_ - t > kYearNs / 2) {  // the year turned
+    offset_ += kYearNs;
+    t += kYearNs;
+  } else if (t - last_ > kYearNs / 2 && offset_ >= kYearNs) {  // set back over the new year
+    offset_ -= kYearNs;
+    t -= kYearNs;
+  }
+  if (t < last_) {
+    ++outOfOrder_;
+    if (last_ - t > kSmallBackNs) {
+      steps_.push_back({lineNo, t - last_});
+      offset_ += last_ - t;
+    }
+    t = last_;
+  } else if (t - last_ > kLargeForwardNs) {
+    steps_.push_back({lineNo, t - last_});
+    offset_ -= t - last_;
+    t = last_;
+  }
+  last_ = t;
+  return t - first_;
+}
+
+std::string_view stripColour(std::string_view raw, std::string* buffer) {
+  if (raw.find('\x1b') == std::string_view::npos) return raw;
+  buffer->clear();
+  for (size_t i = 0; i < raw.size(); ++i) {
+    if (raw[i] == '\x1b' && i + 1 < raw.size() && raw[i + 1] == '[') {
+      size_t end = i + 2;
+      while (end < raw.size() && (isDigit(raw[end]) || raw[end] == ';')) ++end;
+      if (end < raw.size() && raw[end] == 'm') {
+        i = end;
+        continue;
+      }
+    }
+    buffer->push_back(raw[i]);
+  }
+  return *buffer;
 }
 
 void LogReader::addLine(std::string_view raw) {
   ++total_;
+  raw = stripColour(raw, &colourFree_);
   // Text logs hold no NUL and few control bytes; anything else is not a log.
   size_t controls = 0;
   for (char c : raw) {
@@ -346,32 +265,142 @@ void LogReader::addLine(std::string_view raw) {
     return;
   }
   LogLine line;
-  if (!parseLogLine(raw, &line)) return;
-  ++parsed_;
-  if (!isLibraryTag(line.tag)) return;
-  ++library_;
-  auto it = runs_.find(line.pid);
-  if (it == runs_.end()) {
-    it = runs_.emplace(line.pid, Context()).first;
-    it->second.run.pid = line.pid;
-    it->second.run.layout = line.layout;
-    it->second.run.hasTime = line.hasTime;
-    it->second.run.hasTid = line.tid >= 0;
-    order_.push_back(line.pid);
+  if (!pendingHeader_.empty()) {
+    // The long layout: the message follows its header line, then a blank line.
+    std::string_view message = raw;
+    while (!message.empty() && message.back() == '\r') message.remove_suffix(1);
+    currentHeader_.swap(pendingHeader_);
+    pendingHeader_.clear();
+    if (message.empty() || !parseLongHeader(currentHeader_, &line)) return;
+    line.text = message;
+  } else if (parseLongHeader(raw, &line)) {
+    pendingHeader_.assign(raw);
+    ++parsed_;
+    if (firstLayout_ == Layout::Unknown) firstLayout_ = line.layout;
+    if (line.hasTime) clock_.place(line.timeNs, total_);
+    return;
+  } else if (!parseLogLine(raw, &line)) {
+    return;
+  } else {
+    ++parsed_;
+    if (firstLayout_ == Layout::Unknown) firstLayout_ = line.layout;
   }
-  if (raw.size() >= kLoggerLineLimit) ++it->second.run.truncated;
-  handle(it->second, line);
+  if (line.level == '?') {
+    // Raw lines have no level: fatal and warning texts are known by their words.
+    line.level = isFatalText(line.text) ? 'E' : isWarningText(line.text) ? 'W' : 'D';
+  }
+  if (line.layout == Layout::Long) {
+    processLine(raw, line, line.hasTime ? clock_.last() : -1);
+    return;
+  }
+  processLine(raw, line, line.hasTime ? clock_.place(line.timeNs, total_) : -1);
 }
 
-void LogReader::handle(Context& c, const LogLine& line) {
+void LogReader::processLine(std::string_view raw, LogLine& line, int64_t fileAt) {
+  if (!isLibraryTag(line.tag)) return;
+  ++library_;
+  Context& c = sessionFor(line, fileAt);
+  if (line.level == '?' || line.layout == Layout::Raw) c.run.hasLevel = false;
+  if (raw.size() >= kLoggerLineLimit) ++c.run.truncated;
+  handle(c, line, fileAt);
+}
+
+LogReader::Context& LogReader::startSession(const LogLine& line, int session,
+                                            std::string boundary) {
+  auto cur = current_.find(line.pid);
+  if (cur != current_.end()) previous_[line.pid] = cur->second;
+  contexts_.emplace_back();
+  Context& c = contexts_.back();
+  c.run.pid = line.pid;
+  c.run.session = session;
+  c.run.boundary = std::move(boundary);
+  c.run.layout = line.layout;
+  c.run.hasTime = line.hasTime;
+  c.run.hasTid = line.tid >= 0;
+  current_[line.pid] = contexts_.size() - 1;
+  return c;
+}
+
+LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
+  auto cur = current_.find(line.pid);
+  if (cur == current_.end()) return startSession(line, 1, "");
+  Context& c = contexts_[cur->second];
+  std::string_view text = line.text;
+  std::string where = " (line " + std::to_string(total_) + ")";
+  // The constructor's own line (written with the force-log property) opens every deliverer.
+  if (line.tag == "OrvCam/CamDeliver" && startsWith(text, "[CamDeliver]") && c.run.lines > 0) {
+    return startSession(line, c.run.session + 1, "the deliverer's constructor line" + where);
+  }
+  uint32_t sensor = 0, frame = 0;
+  size_t close = text.find("] ");
+  size_t pos = close == std::string_view::npos ? 0 : close + 2;
+  bool hasSF = !text.empty() && text[0] == '[' && close != std::string_view::npos &&
+               readSensorFrame(text, &pos, &sensor, &frame);
+  if (!hasSF) return c;
+  // Preparation orders count up from 0 per sensor for the deliverer's life, and start again
+  // after a flush of the sensor with frame numbers that go on: an order 0 without a flush
+  // before it, or with frame numbers that start again, is a new deliverer.
+  if (line.tag == "OrvCam/CamDeliver" && startsWith(text, "[notifyEvent]") &&
+      contains(text, "type(Flush)")) {
+    c.flushedSensors.insert(sensor);
+  }
+  int64_t order = -1;
+  if (line.tag == "OrvCam/CamDeliverGuard" && startsWith(text, "[prepare]") &&
+      numberAfter(text, "prepared, order(", &order) && order == 0) {
+    auto seq = c.run.sequence.find(sensor);
+    bool flushed = c.flushedSensors.erase(sensor) > 0;
+    if (seq != c.run.sequence.end() && !seq->second.empty()) {
+      uint32_t last = seq->second.back();
+      if (!flushed) {
+        return startSession(line, c.run.session + 1,
+                            "S:" + std::to_string(sensor) +
+                                "'s preparation order started again at 0 without a flush" + where);
+      }
+      if (frame <= last) {
+        return startSession(line, c.run.session + 1,
+                            "S:" + std::to_string(sensor) +
+                                "'s frame numbers started again (F:" + std::to_string(frame) +
+                                " after F:" + std::to_string(last) + ")" + where);
+      }
+    }
+    if (fileAt >= 0 && c.baseNs >= 0 && fileAt - c.baseNs - c.lastAt > kSessionSilenceNs &&
+        !c.run.sequence.empty()) {
+      return startSession(
+          line, c.run.session + 1,
+          "a silence of " + std::to_string((fileAt - c.baseNs - c.lastAt) / 1000000) +
+              " ms, then S:" + std::to_string(sensor) + " prepared at order 0" + where);
+    }
+  }
+  // After a boundary, a line naming a frame only the older deliverer holds is its own.
+  auto prev = previous_.find(line.pid);
+  if (prev == previous_.end()) return c;
+  Context& old = contexts_[prev->second];
+  uint32_t s = sensor >= kConfigKeyBase ? (sensor & 0xFF) : sensor;
+  auto mine = c.run.states.find({s, frame});
+  auto theirs = old.run.states.find({s, frame});
+  // Only a frame the older deliverer still has in flight can take a line back.
+  bool oldOpen = theirs != old.run.states.end() && theirs->second.prepared &&
+                 !theirs->second.done() &&
+                 !(old.run.frames.count(frame) && old.run.frames.at(frame).retired);
+  if (mine == c.run.states.end() || !mine->second.prepared) {
+    if (oldOpen && !startsWith(text, "[prepare]")) {
+      ++old.run.lateLines;
+      return old;
+    }
+  } else if (oldOpen) {
+    ++c.run.ambiguousLines;
+  }
+  return c;
+}
+
+void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   Run& r = c.run;
   ++r.lines;
   // Time: from the first line of the run; lines within one clock tick keep their order.
   Nanos at;
-  if (line.hasTime) {
-    if (c.baseNs < 0) c.baseNs = line.timeNs;
-    at = line.timeNs - c.baseNs;
-    if (at < 0) at += 366LL * 24 * 3600 * 1000000000LL;  // the year turned
+  if (fileAt >= 0) {
+    if (c.baseNs < 0) c.baseNs = fileAt;
+    at = fileAt - c.baseNs;
   } else {
     at = Nanos(c.seq) * 1000;
   }
@@ -454,7 +483,12 @@ void LogReader::handle(Context& c, const LogLine& line) {
     r.lastSeen[s] = {at, full};
     if (line.tid >= 0) ++r.threadSensors[line.tid][s];
   };
-  auto closeEvent = [&] { c.eventOpen[line.tid] = false; };
+  // Without thread ids every thread's lines look like one thread's: an event's own lines (sync
+  // breaks, FD changes) cannot be told from the others by thread, so events stay open until
+  // the next one.
+  auto closeEvent = [&] {
+    if (line.tid >= 0) c.eventOpen[line.tid] = false;
+  };
   auto openEvent = [&]() -> sim::EventRecord* {
     auto e = c.lastEvent.find(line.tid);
     if (e == c.lastEvent.end() || !c.eventOpen[line.tid]) return nullptr;
@@ -668,7 +702,13 @@ void LogReader::handle(Context& c, const LogLine& line) {
         r.frames[frame].retired = true;
         r.frames[frame].retiredAt = at;
       }
-      openEvent();
+      sim::EventRecord* e = openEvent();
+      // Without thread ids the drop's own last line ends it: a release after it is another
+      // thread's (a setConfigured).
+      if (line.tid < 0 && func == "drop" && e && e->kind == sim::EventKind::Drop &&
+          contains(tail, "drop")) {
+        c.eventOpen[line.tid] = false;
+      }
     }
     return;
   }
@@ -704,7 +744,7 @@ void LogReader::handle(Context& c, const LogLine& line) {
     } else if (func == "releaseLicense") {
       if (contains(tail, "license already null !")) {
         sim::EventRecord* e = openEvent();
-        bool inDrop = e && e->kind == sim::EventKind::Drop;
+        bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
         if (config && !inDrop) {
           closeEvent();
           SensorFrame& st = state(s, frame);
@@ -746,11 +786,19 @@ void LogReader::handle(Context& c, const LogLine& line) {
 
 std::vector<Run> LogReader::finish() {
   std::vector<Run> out;
-  for (int pid : order_) {
-    Context& c = runs_[pid];
+  std::map<int, int> sessions;  // pid -> sessions in the log
+  for (const Context& c : contexts_)
+    sessions[c.run.pid] = std::max(sessions[c.run.pid], c.run.session);
+  for (Context& c : contexts_) {
     Run& r = c.run;
+    int pid = r.pid;
     sim::History& h = r.history;
-    h.scenario = "log of process " + std::to_string(pid);
+    h.scenario = "log of process " + std::to_string(pid) +
+                 (sessions[pid] > 1 ? ", session " + std::to_string(r.session) : std::string());
+    h.unsupportedRules["licence"] =
+        "rebuilt from a log: the log has no licence identities, only the FDs jobs were given";
+    h.unsupportedRules["pool"] =
+        "rebuilt from a log: the log does not show what the frame pool held at the end";
     std::set<uint32_t> sensors;
     for (const auto& entry : r.states) sensors.insert(entry.first.first);
     h.sensors.assign(sensors.begin(), sensors.end());
@@ -830,10 +878,12 @@ std::vector<Run> LogReader::finish() {
     std::sort(h.jobs.begin(), h.jobs.end(),
               [](const sim::JobRecord& a, const sim::JobRecord& b) { return a.sent < b.sent; });
     h.wallTime = r.endAt;
+    r.captureEnd = std::max(r.endAt, c.baseNs >= 0 ? clock_.last() - c.baseNs : r.endAt);
     out.push_back(std::move(r));
   }
-  runs_.clear();
-  order_.clear();
+  contexts_.clear();
+  current_.clear();
+  previous_.clear();
   return out;
 }
 

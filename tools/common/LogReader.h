@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "CamDeliverConstants.h"
 #include "History.h"
 
 namespace orvcam {
@@ -21,7 +22,7 @@ namespace logread {
 
 using sim::Nanos;
 
-enum class Layout { Unknown, ThreadTime, Time, Brief };
+enum class Layout { Unknown, ThreadTime, Time, Brief, Process, Tag, Thread, Raw, Long };
 const char* layoutName(Layout layout);
 
 struct LogLine {
@@ -30,17 +31,25 @@ struct LogLine {
   int tid = -1;  // -1 when the layout has none
   bool hasTime = false;
   int64_t timeNs = 0;  // from the start of the year; ordering only
-  char level = '?';    // V D I W E F
+  char level = '?';    // V D I W E F; '?' when the layout has none (raw)
   std::string_view tag;
   std::string_view text;
 };
 
 // False when `raw` is not a log line in one of the layouts (a bugreport's section headers,
-// a line cut before its message, other text).
+// a line cut before its message, other text). A trailing CR is ignored; colour escapes must
+// have been taken out (stripColour).
 bool parseLogLine(std::string_view raw, LogLine* out);
+// The `long` layout's "[ time pid: tid L/tag ]" line; its message is on the lines after it.
+bool parseLongHeader(std::string_view raw, LogLine* out);
+// `raw` without the `color` modifier's ANSI escapes (copied into `buffer` when it has any).
+std::string_view stripColour(std::string_view raw, std::string* buffer);
+// The deliverer's tag that writes `message`, from the function it names; empty for other
+// text. Layouts without tags (thread, raw) get theirs from it.
+std::string_view inferTag(std::string_view message);
 
-constexpr uint32_t kNoFrame = 0xFFFFFFFF;
-constexpr uint32_t kConfigKeyBase = 0xFF00;
+constexpr uint32_t kNoFrame = NSCam::camsys::camcoordinator::kNoFrameNumber;
+constexpr uint32_t kConfigKeyBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
 
 // What the log shows of one sensor in one frame.
 struct SensorFrame {
@@ -109,17 +118,31 @@ struct LastSeen {
   std::string text;
 };
 
-// One process's lines, replayed.
+// One session's lines, replayed: a deliverer built in a process, from its first line to the
+// line that shows the next one built in the same process.
 struct Run {
   int pid = -1;
+  int session = 1;  // 1 for the process's first deliverer in the log
+  // How the start of this session was told from the one before it (empty for the first).
+  std::string boundary;
+  // Lines after this session began that named a frame both it and the one before it hold:
+  // given to this session, though they may have been the older deliverer's.
+  uint64_t ambiguousLines = 0;
+  // Lines after the next session began that were given back to this one: they named a frame
+  // only this session held.
+  uint64_t lateLines = 0;
   Layout layout = Layout::Unknown;
   bool hasTime = true;
   bool hasTid = true;
+  bool hasLevel = true;
   uint64_t lines = 0;         // the library's lines of this process
   uint64_t debugLines = 0;    // prepare lines: the debug level was on
   uint64_t verboseLines = 0;  // lines only the force-log property writes
   uint64_t truncated = 0;     // lines cut at the logger's 1023 bytes
   Nanos endAt = 0;
+  // The capture's end on this run's clock: the last time stamp of any line in the file, of any
+  // tag or process. A send waiting at that point has waited at least this long.
+  Nanos captureEnd = 0;
   std::map<std::pair<uint32_t, uint32_t>, SensorFrame> states;  // (sensor, frame)
   std::map<uint32_t, FrameInfo> frames;
   std::map<uint32_t, std::vector<uint32_t>> sequence;         // per sensor, frames in prepare order
@@ -133,8 +156,42 @@ struct Run {
   sim::History history;         // filled by finish()
 };
 
+// A step of the log's clock that the reader could not take as time passing: the line number
+// and how far the stamp jumped (negative: backwards).
+struct ClockStep {
+  uint64_t line = 0;
+  int64_t stepNs = 0;
+};
+
+// Places the log's time stamps on one timeline that never goes backwards. Merged buffers put
+// a line slightly before the one above it: such a stamp is held at the previous one and
+// counted. A stamp without a year that goes back most of a year is the new year. Any other
+// jump back, or forward by more than an hour, is a clock change: it is recorded and the
+// timeline goes on from the previous stamp.
+class LogClock {
+ public:
+  static constexpr int64_t kSmallBackNs = 1000000000LL;        // 1 s
+  static constexpr int64_t kLargeForwardNs = 3600000000000LL;  // 1 h
+  static constexpr int64_t kYearNs = 366LL * 24 * 3600 * 1000000000LL;
+  // `raw`: nanoseconds from the start of a (leap) year. Returns nanoseconds from the first
+  // stamp.
+  int64_t place(int64_t raw, uint64_t lineNo);
+  int64_t last() const { return started_ ? last_ - first_ : 0; }
+  uint64_t outOfOrder() const { return outOfOrder_; }
+  const std::vector<ClockStep>& steps() const { return steps_; }
+
+ private:
+  bool started_ = false;
+  int64_t first_ = 0, last_ = 0, offset_ = 0;
+  uint64_t outOfOrder_ = 0;
+  std::vector<ClockStep> steps_;
+};
+
 class LogReader {
  public:
+  // A silence this long between two lines of one process, followed by a preparation at
+  // order 0, starts a new session even when the sensor had not prepared in the old one.
+  static constexpr int64_t kSessionSilenceNs = 5000000000LL;
   // One raw line (without its newline).
   void addLine(std::string_view raw);
   // Replays what is left and builds each run's History. Runs by first line.
@@ -145,6 +202,9 @@ class LogReader {
   uint64_t libraryLines() const { return library_; }
   bool binary() const { return binary_; }
   uint64_t firstBinaryLine() const { return firstBinaryLine_; }
+  const LogClock& clock() const { return clock_; }
+  // The layout of the first line that was read as a log line (Unknown: none was).
+  Layout firstLayout() const { return firstLayout_; }
 
  private:
   struct Context {
@@ -156,21 +216,39 @@ class LogReader {
     std::map<int, std::deque<std::string>> recent;  // tid -> last lines
     std::map<int, size_t> lastEvent;                // tid -> index in history.events
     std::map<int, bool> eventOpen;                  // tid -> lines still belong to it
+    std::set<uint32_t> flushedSensors;  // flushed, not prepared since: their order restarts
   };
-  void handle(Context& c, const LogLine& line);
-  std::map<int, Context> runs_;
-  std::vector<int> order_;
+  void handle(Context& c, const LogLine& line, int64_t fileAt);
+  LogClock clock_;
+  // The session a line of a process belongs to, and why a new one begins with it.
+  Context& sessionFor(const LogLine& line, int64_t fileAt);
+  Context& startSession(const LogLine& line, int session, std::string boundary);
+  std::deque<Context> contexts_;    // every session, by first line
+  std::map<int, size_t> current_;   // pid -> the session its lines go to
+  std::map<int, size_t> previous_;  // pid -> the session before it
   uint64_t total_ = 0, parsed_ = 0, library_ = 0;
+  void processLine(std::string_view raw, LogLine& line, int64_t fileAt);
   bool binary_ = false;
   uint64_t firstBinaryLine_ = 0;
+  Layout firstLayout_ = Layout::Unknown;
+  std::string pendingHeader_;  // a long layout's header, waiting for its message line
+  std::string currentHeader_;  // the header of the message line being read
+  std::string colourFree_;     // the line with its colour escapes taken out
 };
 
 // The client-protocol rule a fatal assertion message stands for: the "Don't" of the
 // README's table, or an explanation for the library's own invariants.
 std::string ruleForFatal(const std::string& message);
-// One line saying what a warning kind means; `benign` is set for those that mean nothing on
-// their own.
-std::string explainWarning(const std::string& kind, bool* benign);
+// What a warning kind means for the verdict: nothing on its own (benign), the trace of a call
+// order the client protocol allows (named), or something to look at.
+enum class WarningClass { Benign, ClientOrder, Attention };
+struct WarningExplanation {
+  WarningClass cls = WarningClass::Attention;
+  std::string why;                // one line
+  std::string clientOrder;        // ClientOrder: the legal call order that provokes it
+  bool needsDropOrFlush = false;  // that call order is a drop or a flush
+};
+WarningExplanation explainWarning(const std::string& kind);
 
 }  // namespace logread
 }  // namespace orvcam

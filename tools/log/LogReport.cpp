@@ -74,12 +74,9 @@ bool noFrameSendWentOn(const Run& r, const SensorFrame& st) {
   return it != r.threadLastAt.end() && it->second > st.enqLastLineAt;
 }
 
-void blockedFinding(const Run& r, const SensorFrame& st, bool isConfig, Analysis* a) {
-  const char* label = isConfig ? "ConfigJob" : "EnqJob";
-  Nanos since = isConfig ? st.cfgSentAt : st.enqSentAt;
-  std::string text = "blocked send: " + sf(st.sensor, st.frame) + " " + label +
-                     " still waiting at the end of the log (since " + ms(since) + ")";
-  std::set<uint32_t> explained;
+// What a send still waiting at the capture's end waits for.
+std::string waitsFor(const Run& r, const SensorFrame& st, bool isConfig) {
+  std::string text;
   int64_t off = st.offWaitOpen[isConfig ? 1 : 0];
   if (off >= 0) {
     uint32_t offSensor = uint32_t(off);
@@ -91,45 +88,81 @@ void blockedFinding(const Run& r, const SensorFrame& st, bool isConfig, Analysis
                         stateText(findState(r, offSensor, *prev)) + ")"
                   : " to enqueue its previous frame");
     text += "\n    " + lastSeen(r, offSensor);
-    a->findings.push_back({"blocked", text});
-    return;
+    return text;
   }
   std::optional<uint32_t> prev = previousFrame(r, st);
-  if (!prev) {
-    text += "\n    waits for the sync group of its previous frame (not in the log)";
-  } else {
-    text += "\n    waits for its previous frame F:" + std::to_string(*prev) +
-            " (by preparation order) to be enqueued by its sync partners";
-    auto fi = r.frames.find(*prev);
-    bool any = false;
-    if (fi != r.frames.end()) {
-      for (uint32_t partner : fi->second.sensors) {
-        const SensorFrame* p = findState(r, partner, *prev);
-        if (p && p->done()) continue;
-        any = true;
-        explained.insert(partner);
-        text += "\n    missing partner " + sf(partner, *prev) + ": " + stateText(p);
-        text += "\n    " + lastSeen(r, partner);
-      }
-    }
-    if (!any) {
-      text += "\n    every sensor the log shows in F:" + std::to_string(*prev) +
-              " is done; a partner whose prepare line is missing has not enqueued it";
+  if (!prev) return text + "\n    waits for the sync group of its previous frame (not in the log)";
+  text += "\n    waits for its previous frame F:" + std::to_string(*prev) +
+          " (by preparation order) to be enqueued by its sync partners";
+  auto fi = r.frames.find(*prev);
+  bool any = false;
+  if (fi != r.frames.end()) {
+    for (uint32_t partner : fi->second.sensors) {
+      const SensorFrame* p = findState(r, partner, *prev);
+      if (p && p->done()) continue;
+      any = true;
+      text += "\n    missing partner " + sf(partner, *prev) + ": " + stateText(p);
+      text += "\n    " + lastSeen(r, partner);
     }
   }
-  a->findings.push_back({"blocked", text});
+  if (!any) {
+    text += "\n    every sensor the log shows in F:" + std::to_string(*prev) +
+            " is done; a partner whose prepare line is missing has not enqueued it";
+  }
+  return text;
+}
+
+// A send still waiting at the capture's end: a stall once it has waited `stallNs` (measured
+// from the start of its wait to the last line of the file), else cut off by the capture.
+void waitingAtEnd(const Run& r, const SensorFrame& st, bool isConfig, Analysis* a) {
+  const char* label = isConfig ? "ConfigJob" : "EnqJob";
+  Nanos since = isConfig ? st.cfgSentAt : st.enqSentAt;
+  Nanos waited = std::max<Nanos>(0, r.captureEnd - since);
+  std::string who = sf(st.sensor, st.frame) + " " + label;
+  if (!r.hasTime || waited < a->stallNs) {
+    a->inFlight.push_back(who + (r.hasTime
+                                     ? " had waited " + ms(waited) + " (since " + ms(since) + ")"
+                                     : std::string(" (the layout has no times)")));
+    return;
+  }
+  a->findings.push_back(
+      {"blocked", "blocked send: " + who + " still waiting at the end of the log: waited " +
+                      ms(waited) + " (since " + ms(since) + ")" + waitsFor(r, st, isConfig)});
+}
+
+Nanos p99(std::vector<Nanos> v) {
+  if (v.empty()) return 0;
+  size_t i = std::min(v.size() - 1, v.size() * 99 / 100);
+  std::nth_element(v.begin(), v.begin() + long(i), v.end());
+  return v[i];
 }
 
 }  // namespace
 
-Analysis analyse(const Run& r) {
-  Analysis a;
-  a.debugMissing = r.debugLines == 0;
-  // Sends still waiting when the log ends.
+Nanos derivedStallNs(const Run& r) {
+  std::vector<Nanos> waits, jobs;
   for (const auto& entry : r.states) {
     const SensorFrame& st = entry.second;
-    if (st.cfgBlocked()) blockedFinding(r, st, true, &a);
-    if (st.enqBlocked() && !noFrameSendWentOn(r, st)) blockedFinding(r, st, false, &a);
+    if (st.enqStarted && (st.enqSentSeen || st.enqWaitSeen)) {
+      waits.push_back(st.enqStart - st.enqSentAt);
+    }
+    if (st.enqDone && st.enqStarted) jobs.push_back(st.enqEnd - st.enqStart);
+    if (st.cfgDone && st.cfgStarted) jobs.push_back(st.cfgEnd - st.cfgStart);
+  }
+  return std::max(kStallFloorNs, kStallFactor * std::max(p99(waits), p99(jobs)));
+}
+
+Analysis analyse(const Run& r, const AnalysisOptions& options) {
+  Analysis a;
+  a.debugMissing = r.debugLines == 0;
+  a.strict = options.strict;
+  a.stallDerived = options.stallNs < 0;
+  a.stallNs = a.stallDerived ? derivedStallNs(r) : options.stallNs;
+  // Sends still waiting when the capture ends.
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (st.cfgBlocked()) waitingAtEnd(r, st, true, &a);
+    if (st.enqBlocked() && !noFrameSendWentOn(r, st)) waitingAtEnd(r, st, false, &a);
   }
   for (const FatalAssertion& f : r.fatals) {
     std::string text = "fatal assertion \"" + f.message + "\"" +
@@ -142,15 +175,27 @@ Analysis analyse(const Run& r) {
     }
     a.findings.push_back({"fatal", text});
   }
+  bool hasDropOrFlush = false;
+  for (const sim::EventRecord& e : r.history.events) {
+    hasDropOrFlush = hasDropOrFlush || e.kind == sim::EventKind::Drop ||
+                     e.kind == sim::EventKind::Flush || e.kind == sim::EventKind::QueueFlush;
+  }
   for (const auto& entry : r.warnings) {
     const WarningCount& w = entry.second;
-    bool benign = false;
-    std::string why = explainWarning(w.kind, &benign);
-    std::string line = std::to_string(w.count) + " x \"" + w.kind + "\": " + why;
-    if (benign) {
-      a.notes.push_back(line);
+    WarningExplanation e = explainWarning(w.kind);
+    std::string line = std::to_string(w.count) + " x \"" + w.kind + "\": " + e.why;
+    if (e.cls == WarningClass::ClientOrder && e.needsDropOrFlush && !a.debugMissing &&
+        !hasDropOrFlush) {
+      e.cls = WarningClass::Attention;
+      line += "; the log shows no drop or flush that would explain it";
+    }
+    if (e.cls == WarningClass::Benign) {
+      a.notes.push_back(line + "; benign");
+    } else if (e.cls == WarningClass::ClientOrder) {
+      a.warnings.push_back({"warning", line + "\n    explained by a legal client call order: " +
+                                           e.clientOrder + "\n    first: " + w.first});
     } else {
-      a.findings.push_back({"warning", line + "\n    first: " + w.first});
+      a.warnings.push_back({"warning", line + "\n    needs attention\n    first: " + w.first});
     }
   }
 
@@ -158,7 +203,6 @@ Analysis analyse(const Run& r) {
     a.check = sim::checkHistory(r.history);
     std::vector<sim::Violation> kept;
     for (const sim::Violation& v : a.check.violations) {
-      if (v.rule == "licence" || v.rule == "pool") continue;
       if (v.rule == "delivery") {
         // A frame still in flight when the log ends is not a delivery fault.
         unsigned s = 0, f = 0;
@@ -199,8 +243,14 @@ Analysis analyse(const Run& r) {
   }
   if (!r.hasTime) {
     a.notCheckable.push_back(
-        "times: the brief layout has no time stamps; waits and durations are by line order "
-        "only (capture with adb logcat -v threadtime)");
+        "times and stalls: the layout has no time stamps; waits and durations are by line "
+        "order only and a send still waiting at the end cannot be told from one cut off by "
+        "the capture (capture with adb logcat -v threadtime)");
+  }
+  if (!r.hasLevel) {
+    a.notCheckable.push_back(
+        "levels: the raw layout has no level, tag, process or time; warnings and fatal "
+        "assertions are known by their words only (capture with adb logcat -v threadtime)");
   }
   if (!r.hasTid) {
     a.notCheckable.push_back(
@@ -309,6 +359,18 @@ void printAnalysis(std::ostream& out, const Analysis& a) {
   if (!a.notes.empty()) {
     out << "benign warnings:\n";
     for (const std::string& n : a.notes) out << "  " << n << "\n";
+  }
+  if (!a.inFlight.empty()) {
+    out << "in flight when the capture ended (waited less than the stall threshold of "
+        << ms(a.stallNs) << (a.stallDerived ? ", derived from the log; --stall-ms sets it" : "")
+        << "):\n";
+    for (const std::string& n : a.inFlight) out << "  " << n << "\n";
+  }
+  if (!a.warnings.empty()) {
+    out << a.warnings.size() << " warning kind(s)"
+        << (a.strict ? ", failing the run (--strict)" : ", not failing the run without --strict")
+        << ":\n";
+    for (const Finding& f : a.warnings) out << "  [" << f.kind << "] " << f.text << "\n";
   }
   out << "not checkable from this log:\n";
   for (const std::string& n : a.notCheckable) out << "  " << n << "\n";
@@ -523,7 +585,8 @@ void writeScenario(std::ostream& out, const Run& r) {
   }
   std::sort(marks.begin(), marks.end());
   for (const auto& m : marks) maxInFlight = std::max(maxInFlight, inFlight += m.second);
-  root["maxInFlight"] = std::min(maxInFlight, 19);
+  root["maxInFlight"] =
+      std::min(maxInFlight, int(NSCam::camsys::camcoordinator::kPreparationWindow) - 1);
   // Job durations per sensor, fitted as a normal distribution.
   std::map<uint32_t, std::vector<double>> durations;
   for (const auto& j : h.jobs) {

@@ -2,6 +2,8 @@
 // per sensor and frame, checks it with the simulator's ordering checker and explains what it
 // finds. Exit code 0: no findings; 1: findings; 2: bad command line or input.
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -24,6 +26,7 @@ bool writeFile(const std::string& option, const std::string& path,
     std::cerr << "camdeliver-log: " << option << ": cannot write " << path << "\n";
     return false;
   }
+  std::cout << "wrote " << path << " (" << option << ")\n";
   return true;
 }
 
@@ -38,6 +41,9 @@ int main(int argc, char** argv) {
   std::string tracePath, historyPath, scenarioPath;
   bool frames = false;
   int pid = -1;
+  int session = -1;
+  double stallMs = -1;
+  bool strict = false;
   app.add_option("log", inputPath, "Log file (default or \"-\": standard input)");
   app.add_flag("--frames", frames, "Also print a table of every (frame, sensor)");
   app.add_option("--trace", tracePath, "Write a Chrome JSON trace rebuilt from the log");
@@ -48,6 +54,18 @@ int main(int argc, char** argv) {
   app.add_option("--pid", pid,
                  "Process whose run the --trace, --history and --scenario files describe "
                  "(default: the last one in the log)");
+  app.add_option("--session", session,
+                 "Session (1 for a process's first deliverer in the log, 2 for the one built "
+                 "after it, ...) whose run --trace, --history and --scenario describe "
+                 "(default: the last one of the process)")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--stall-ms", stallMs,
+                 "A send still waiting at the end of the capture is a stall once it has waited "
+                 "this long (default: derived from the log, at least 500 ms)")
+      ->check(CLI::NonNegativeNumber);
+  app.add_flag("--strict", strict,
+               "Warnings that are not benign fail the run too (exit 1), even those a legal "
+               "client call order explains");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -59,6 +77,11 @@ int main(int argc, char** argv) {
   std::istream* in = &std::cin;
   std::string inputName = "standard input";
   if (inputPath != "-") {
+    std::error_code ec;
+    if (std::filesystem::is_directory(inputPath, ec)) {
+      std::cerr << "camdeliver-log: " << inputPath << ": a directory, not a log file\n";
+      return kExitBadInput;
+    }
     file.open(inputPath, std::ios::binary);
     if (!file) {
       std::cerr << "camdeliver-log: " << inputPath << ": cannot open\n";
@@ -69,7 +92,12 @@ int main(int argc, char** argv) {
   }
   logread::LogReader reader;
   std::string line;
-  while (std::getline(*in, line)) reader.addLine(line);
+  std::string firstLine;
+  while (std::getline(*in, line)) {
+    size_t text = line.find_first_not_of(" \t\r");
+    if (firstLine.empty() && text != std::string::npos) firstLine = line.substr(text);
+    reader.addLine(line);
+  }
   if (reader.totalLines() == 0) {
     std::cerr << "camdeliver-log: " << inputName << ": empty, no line to read\n";
     return kExitBadInput;
@@ -82,21 +110,61 @@ int main(int argc, char** argv) {
   if (reader.libraryLines() == 0) {
     std::cerr << "camdeliver-log: " << inputName << ": none of its " << reader.totalLines()
               << " lines is a line of the deliverer (tags OrvCam/CamDeliver, "
-                 "OrvCam/CamDeliverGuard, OrvCam/FrameContextPool, OrvCam/LicenseQueue in "
-                 "logcat's threadtime, time or brief layout)\n";
+                 "OrvCam/CamDeliverGuard, OrvCam/FrameContextPool, OrvCam/LicenseQueue); ";
+    if (reader.firstLayout() != logread::Layout::Unknown) {
+      std::cerr << "its lines look like logcat's " << logread::layoutName(reader.firstLayout())
+                << " layout of other tags\n";
+    } else if (firstLine.find('{') == 0 || firstLine.find('[') == 0) {
+      std::cerr << "its first line looks like JSON (a scenario or history? camdeliver-sim "
+                   "reads those), not a logcat capture\n";
+    } else {
+      std::cerr << "its first line looks like no adb logcat -v layout: \""
+                << firstLine.substr(0, 80) << "\"\n";
+    }
     return kExitBadInput;
   }
   std::vector<logread::Run> runs = reader.finish();
+  const logread::LogClock& clock = reader.clock();
+  if (clock.outOfOrder() > 0) {
+    std::cout << clock.outOfOrder()
+              << " time stamp(s) were earlier than the line before (merged buffers); held at "
+                 "the previous one\n";
+  }
+  for (const logread::ClockStep& step : clock.steps()) {
+    std::cout << "the clock jumped " << (step.stepNs < 0 ? "back " : "forward ")
+              << double(step.stepNs < 0 ? -step.stepNs : step.stepNs) / 1e9 << " s at line "
+              << step.line << ": the timeline goes on from the line before\n";
+  }
 
   bool findings = false;
   bool nothingRebuilt = true;
   const logread::Run* chosen = nullptr;
   for (const logread::Run& run : runs) {
-    if (pid < 0 || run.pid == pid) chosen = &run;
-    std::cout << "process " << run.pid << ": " << run.lines << " lines of the deliverer ("
-              << logread::layoutName(run.layout) << " layout"
-              << (run.verboseLines ? ", verbose lines present" : "") << ")\n";
-    logread::Analysis analysis = logread::analyse(run);
+    if ((pid < 0 || run.pid == pid) && (session < 0 || run.session == session)) chosen = &run;
+    bool several = run.session > 1 || !run.boundary.empty() ||
+                   std::any_of(runs.begin(), runs.end(), [&](const logread::Run& o) {
+                     return o.pid == run.pid && o.session > 1;
+                   });
+    std::cout << "process " << run.pid;
+    if (several) std::cout << " session " << run.session;
+    std::cout << ": " << run.lines << " lines of the deliverer (" << logread::layoutName(run.layout)
+              << " layout" << (run.verboseLines ? ", verbose lines present" : "") << ")\n";
+    if (!run.boundary.empty()) {
+      std::cout << "  a new deliverer: " << run.boundary << "\n";
+    }
+    if (run.ambiguousLines) {
+      std::cout << "  " << run.ambiguousLines
+                << " line(s) named frames the session before still held: ambiguous, counted "
+                   "here\n";
+    }
+    if (run.lateLines) {
+      std::cout << "  " << run.lateLines
+                << " line(s) after the next session began named frames only this one held\n";
+    }
+    logread::AnalysisOptions options;
+    options.strict = strict;
+    if (stallMs >= 0) options.stallNs = sim::Nanos(stallMs * 1e6);
+    logread::Analysis analysis = logread::analyse(run, options);
     if (analysis.debugMissing) {
       std::cout << "  nothing to rebuild: the log has only the deliverer's warnings and "
                    "errors; its debug lines need "
@@ -110,7 +178,7 @@ int main(int argc, char** argv) {
         logread::printFrames(std::cout, run);
         std::cout << "\n";
       }
-      std::cout << "verdict: " << (analysis.findings.empty() ? "PASS" : "FAIL") << " - "
+      std::cout << "verdict: " << (analysis.failed() ? "FAIL" : "PASS") << " - "
                 << analysis.check.jobsChecked << " jobs checked for order, sync, raw switch, FD "
                 << "and delivery\n";
     }
@@ -124,10 +192,12 @@ int main(int argc, char** argv) {
     }
     logread::printAnalysis(std::cout, analysis);
     std::cout << "\n";
-    findings = findings || !analysis.findings.empty();
+    findings = findings || analysis.failed();
   }
-  if (pid >= 0 && !chosen) {
-    std::cerr << "camdeliver-log: --pid: no line of process " << pid << " in the log\n";
+  if ((pid >= 0 || session >= 0) && !chosen) {
+    std::cerr << "camdeliver-log: " << (session >= 0 ? "--session" : "--pid") << ": no "
+              << (session >= 0 ? "session " + std::to_string(session) + " of " : "")
+              << (pid >= 0 ? "process " + std::to_string(pid) : "any process") << " in the log\n";
     return kExitBadInput;
   }
   if (chosen) {

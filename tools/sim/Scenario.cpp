@@ -607,10 +607,6 @@ bool loadDefaultScenario(Scenario* out, ScenarioError* error) {
   return parseScenario(defaultScenarioText(), "<built-in default>", out, error);
 }
 
-bool FramePlan::participates(uint32_t sensor) const {
-  return std::binary_search(sensors.begin(), sensors.end(), sensor);
-}
-
 size_t planIndex(const std::vector<FramePlan>& plans, uint32_t frame) {
   auto it = std::lower_bound(plans.begin(), plans.end(), frame,
                              [](const FramePlan& p, uint32_t f) { return p.frame < f; });

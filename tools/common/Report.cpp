@@ -121,7 +121,13 @@ std::vector<SensorSummary> summarize(const History& h) {
 std::string verdictLine(const CheckResult& check) {
   std::string counts = std::to_string(check.jobsChecked) + " jobs and " +
                        std::to_string(check.licencesChecked) + " licences checked";
-  if (check.clean()) return "verdict: PASS - " + counts + ", no ordering or licence violation";
+  std::string skipped;
+  for (const auto& s : check.skipped) skipped += (skipped.empty() ? "" : ", ") + s.first;
+  if (!skipped.empty()) counts += " (not checked: " + skipped + ")";
+  if (check.clean()) {
+    return "verdict: PASS - " + counts +
+           (skipped.empty() ? ", no ordering or licence violation" : ", no violation");
+  }
   std::map<std::string, size_t> byRule;
   for (const auto& v : check.violations) ++byRule[v.rule];
   std::string rules;
@@ -172,6 +178,9 @@ void printReport(std::ostream& out, const History& h, const CheckResult& check,
     }
     out << "\n";
   }
+  for (const auto& skipped : check.skipped) {
+    out << "not checked: " << skipped.first << " (" << skipped.second << ")\n";
+  }
   out << verdictLine(check) << "\n";
 }
 
@@ -184,6 +193,7 @@ void writeHistoryJson(std::ostream& out, const History& h) {
   root["wallTimeNs"] = h.wallTime;
   root["teardownAtNs"] = h.teardownAt;
   root["framesLeftInPool"] = h.framesLeftInPool;
+  if (!h.unsupportedRules.empty()) root["unsupportedRules"] = h.unsupportedRules;
   root["account"] = {{"acquired", h.account.acquired},
                      {"released", h.account.released},
                      {"destroyed", h.account.destroyed}};

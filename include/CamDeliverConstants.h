@@ -1,0 +1,22 @@
+#pragma once
+// Numbers that name one fact of the deliverer's protocol, shared by its classes and by the
+// tools that read its logs and histories. Plain constants: nothing here needs the library.
+#include <cstddef>
+#include <cstdint>
+
+namespace NSCam {
+namespace camsys {
+namespace camcoordinator {
+
+// The frame number that stands for "no frame" (a send or report not tied to a frame).
+constexpr uint32_t kNoFrameNumber = 0xFFFFFFFF;
+// A configure licence is queued under sensorId | kConfigureKeyBase; an enqueue licence under
+// the sensor id itself.
+constexpr uint32_t kConfigureKeyBase = 0xFF00;
+// How many frames are kept: the prepared licences' window, and the frame pool's size at which
+// emplacing is a fatal error (it holds at most one fewer).
+constexpr size_t kPreparationWindow = 20;
+
+}  // namespace camcoordinator
+}  // namespace camsys
+}  // namespace NSCam
