@@ -1,9 +1,12 @@
 #include "Client.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <deque>
 #include <map>
+#include <mutex>
 #include <set>
+#include <thread>
 #include <unordered_map>
 
 #include "CamDeliver.h"
@@ -51,15 +54,20 @@ struct ClientRun::Impl {
    public:
     EnqueueJob(Impl& impl, size_t rec) : mImpl(impl), mRec(rec) {}
     int32_t assignLicense(std::unique_ptr<host::IRequestLicense> license) override {
+      Inside in(mImpl);
       mImpl.observeLicence(mImpl.jobs[mRec], license.get());
       return ReqBaseJob::assignLicense(std::move(license));
     }
     int32_t execute() override {
+      Inside in(mImpl);
       JobRecord& rec = mImpl.jobs[mRec];
       rec.ran = true;
       rec.start = mImpl.tick();
-      if (mpLicense) host::IPipeMgr::getInstance()->releaseLicense(mpLicense, false, true);
-      mpLicense.reset();
+      {
+        Outside out(mImpl);  // the observer takes the lock itself
+        if (mpLicense) host::IPipeMgr::getInstance()->releaseLicense(mpLicense, false, true);
+        mpLicense.reset();
+      }
       mImpl.jobs[mRec].end = mImpl.tick();
       return 0;
     }
@@ -74,13 +82,18 @@ struct ClientRun::Impl {
     ConfigureJob(Impl& impl, size_t rec, std::shared_ptr<host::ConfigParam> config)
         : ReqCfgJob(host::IPipeMgr::getInstance(), std::move(config)), mImpl(impl), mRec(rec) {}
     int32_t assignLicense(std::unique_ptr<host::IRequestLicense> license) override {
+      Inside in(mImpl);
       mImpl.observeLicence(mImpl.jobs[mRec], license.get());
       return ReqCfgJob::assignLicense(std::move(license));
     }
     int32_t execute() override {
-      mImpl.jobs[mRec].ran = true;
-      mImpl.jobs[mRec].start = mImpl.tick();
+      {
+        Inside in(mImpl);
+        mImpl.jobs[mRec].ran = true;
+        mImpl.jobs[mRec].start = mImpl.tick();
+      }
       int32_t rc = ReqCfgJob::execute();
+      Inside in(mImpl);
       mImpl.jobs[mRec].end = mImpl.tick();
       return rc;
     }
@@ -91,6 +104,43 @@ struct ClientRun::Impl {
   };
 
   explicit Impl(const sim::Scenario& s) : scenario(s), plans(sim::planFrames(scenario)) {}
+
+  // Without the scheduler (a plain run, the benchmark's baseline) the client's state is
+  // guarded by `plainMutex`: a client thread holds it except inside the library's calls and
+  // while it waits; the library's calls back into the client (jobs, the licence observer)
+  // take it for their own duration. Under the scheduler these are no-ops.
+  struct Outside {
+    explicit Outside(Impl& impl) : d(impl) {
+      if (!d.plain) return;
+      d.plainCond.notify_all();
+      d.plainMutex.unlock();
+    }
+    ~Outside() {
+      if (d.plain) d.plainMutex.lock();
+    }
+    Impl& d;
+  };
+  struct Inside {
+    explicit Inside(Impl& impl) : d(impl) {
+      if (d.plain) d.plainMutex.lock();
+    }
+    ~Inside() {
+      if (!d.plain) return;
+      d.plainCond.notify_all();
+      d.plainMutex.unlock();
+    }
+    Impl& d;
+  };
+  void waitUntil(const std::function<bool()>& ready, const char* what) {
+    if (!plain) {
+      Scheduler::waitUntil(ready, what);
+      return;
+    }
+    plainCond.notify_all();
+    std::unique_lock<std::mutex> lock(plainMutex, std::adopt_lock);
+    plainCond.wait(lock, ready);
+    lock.release();
+  }
 
   Nanos tick() { return ++clock; }
 
@@ -193,8 +243,8 @@ struct ClientRun::Impl {
   void requestDrop(uint32_t sensor, size_t idx, bool wait) {
     dropRequests.push_back({sensor, idx});
     if (!wait) return;
-    Scheduler::waitUntil([&] { return frames[idx].dropReported.count(sensor) > 0; },
-                         "its drop to be reported");
+    waitUntil([&] { return frames[idx].dropReported.count(sensor) > 0; },
+              "its drop to be reported");
   }
 
   void configureStep(uint32_t sensor, const FramePlan& p, bool byJob) {
@@ -205,12 +255,18 @@ struct ClientRun::Impl {
       config->frameNo = p.frame;
       auto job = std::make_shared<ConfigureJob>(*this, rec, config);
       jobs[rec].sent = tick();
-      deliver->sendJobForConfigure(sensor, p.frame, job);
+      {
+        Outside out(*this);
+        deliver->sendJobForConfigure(sensor, p.frame, job);
+      }
       if (!jobs[rec].ran) jobs[rec].end = tick();
     } else {
       setConfigured.push_back({sensor, p.frame, tick()});
       context = int32_t(sensor);
-      deliver->setConfigured(sensor, p.frame);
+      {
+        Outside out(*this);
+        deliver->setConfigured(sensor, p.frame);
+      }
       context = -1;
     }
   }
@@ -227,7 +283,11 @@ struct ClientRun::Impl {
     size_t rec = newJob(sensor, frame, JobKind::Enqueue);
     auto job = std::make_shared<EnqueueJob>(*this, rec);
     jobs[rec].sent = tick();
-    int32_t result = deliver->sendJobForEnque(sensor, frame, job);
+    int32_t result;
+    {
+      Outside out(*this);
+      result = deliver->sendJobForEnque(sensor, frame, job);
+    }
     jobs[rec].result = result;
     if (!jobs[rec].ran) jobs[rec].end = tick();
   }
@@ -274,7 +334,10 @@ struct ClientRun::Impl {
           firstPrepareBusy = true;
         }
         sim::PrepareRecord rec{sensor, plans[idx].frame, tick(), 0};
-        deliver->prepare(sensor, plans[idx].frame, f.fc);
+        {
+          Outside out(*this);
+          deliver->prepare(sensor, plans[idx].frame, f.fc);
+        }
         rec.end = tick();
         prepares.push_back(rec);
         f.prepared.insert(sensor);
@@ -293,9 +356,8 @@ struct ClientRun::Impl {
         continue;
       }
       if (!maySend(sensor, idx)) {
-        Scheduler::waitUntil(
-            [&] { return mayPrepare() || frames[idx].flushed || maySend(sensor, idx); },
-            "its next frame to be preparable or sendable");
+        waitUntil([&] { return mayPrepare() || frames[idx].flushed || maySend(sensor, idx); },
+                  "its next frame to be preparable or sendable");
         continue;
       }
       bool sent = sendFrame(sensor, idx);
@@ -320,10 +382,14 @@ struct ClientRun::Impl {
   void notify(sim::EventRecord& e) {
     e.begin = tick();
     if (e.kind == EventKind::QueueFlush) {
+      Outside out(*this);
       deliver->flush(e.sensor);
     } else {
       if (e.kind == EventKind::Drop) context = int32_t(e.sensor);
-      deliver->notifyEvent(cc::CamDeliver::EventType(e.kind), e.sensor, e.frame, e.value);
+      {
+        Outside out(*this);
+        deliver->notifyEvent(cc::CamDeliver::EventType(e.kind), e.sensor, e.frame, e.value);
+      }
       context = -1;
     }
     e.end = tick();
@@ -392,7 +458,7 @@ struct ClientRun::Impl {
       if (reportDueDrops()) continue;
       if (pred()) return;
       std::function<bool()> ready = [&] { return pred() || dropsDue(); };
-      Scheduler::waitUntil(ready, what);
+      waitUntil(ready, what);
     }
   }
 
@@ -451,7 +517,10 @@ struct ClientRun::Impl {
     auto fc = std::make_shared<const cc::FrameContext>(p.frame, p.syncList, all, std::move(states),
                                                        p.isRawSwitch());
     Scheduler::nameObject(&fc->mutex, "record F:" + std::to_string(p.frame) + ".mutex");
-    pool->emplace(p.frame, fc);
+    {
+      Outside out(*this);
+      pool->emplace(p.frame, fc);
+    }
     frames[idx].fc = fc;
     frames[idx].emplaced = true;
     ++inFlight;
@@ -547,6 +616,9 @@ struct ClientRun::Impl {
 
   const sim::Scenario scenario;
   std::vector<FramePlan> plans;
+  bool plain = false;
+  std::mutex plainMutex;
+  std::condition_variable plainCond;
   std::shared_ptr<host::HostPipeMgr> pipeMgr;
   std::shared_ptr<cc::FrameContextPool> pool;
   std::unique_ptr<cc::CamDeliver> deliver;
@@ -590,6 +662,7 @@ std::vector<std::function<void()>> ClientRun::begin() {
   d.pipeMgr = host::hostPipeMgr();
   d.pipeMgr->reset();
   d.pipeMgr->setObserver([&d](host::LicenseEvent event, uint64_t serial, int32_t fd) {
+    Impl::Inside in(d);
     sim::LicenceRecord r;
     r.kind = event == host::LicenseEvent::Acquired   ? sim::LicenceEventKind::Acquired
              : event == host::LicenseEvent::Released ? sim::LicenceEventKind::Released
@@ -617,6 +690,25 @@ std::vector<std::function<void()>> ClientRun::begin() {
     bodies.push_back([&d, id] { d.sensorLoop(id); });
   }
   return bodies;
+}
+
+sim::History ClientRun::runPlain() {
+  Impl& d = *mImpl;
+  std::vector<std::function<void()>> bodies = begin();
+  d.plain = true;
+  std::vector<std::thread> threads;
+  for (auto& body : bodies) {
+    threads.emplace_back([&d, &body] {
+      d.plainMutex.lock();
+      body();
+      d.plainCond.notify_all();
+      d.plainMutex.unlock();
+    });
+  }
+  for (auto& t : threads) t.join();
+  sim::History h = end();
+  d.plain = false;
+  return h;
 }
 
 sim::History ClientRun::end() {

@@ -5,6 +5,7 @@
 // The client's own coordination is made of scheduler waits (Scheduler::waitUntil), not of
 // locks: with one thread running at a time its state needs none, and each wait is one
 // scheduling point instead of a lock, a check and a notification.
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +34,8 @@ class ClientRun {
   std::vector<std::function<void()>> begin();
   // After a completed run: tears the deliverer down and returns the history to judge.
   sim::History end();
+  // One run on real threads without the scheduler, for comparison; unmanaged thread only.
+  sim::History runPlain();
 
   struct Impl;
 

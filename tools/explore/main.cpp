@@ -17,10 +17,11 @@ using namespace orvcam;
 constexpr int kExitFinding = 1;
 constexpr int kExitUsage = 2;
 
-void printSummary(const explore::Report& r, const std::string& what) {
+void printSummary(const explore::Report& r, const std::string& what, bool search) {
   std::printf("%s: %llu schedules, %s, %.2f s, %.0f schedules/s, deepest %llu steps / %u choices\n",
               what.c_str(), static_cast<unsigned long long>(r.schedules),
               r.hasFailure  ? "stopped at a failing schedule"
+              : !search     ? "no failure"
               : r.exhausted ? "exhausted"
                             : "not exhausted",
               r.seconds, r.seconds > 0 ? double(r.schedules) / r.seconds : 0.0,
@@ -137,7 +138,7 @@ int main(int argc, char** argv) {
     what = unbounded ? "unbounded search" : "search, preemption bound " + std::to_string(bound);
   }
   what = scenario.name + " " + what + ", spurious " + std::to_string(spurious);
-  printSummary(report, what);
+  printSummary(report, what, randomCount == 0);
   if (report.hasFailure) return reportFailure(ex, report.failure, !noShrink, tracePath);
   return 0;
 }
