@@ -153,10 +153,7 @@ void Explorer::judge(Verdict* v) {
     case Outcome::Completed: v->findings = mTarget->judgeCompleted(); break;
     case Outcome::Deadlock: {
       std::string text = "deadlock: every live thread is blocked";
-      for (const auto& b : r.blocked) {
-        text += "\n    " + b.thread + " waits for " + b.waitsFor;
-        if (b.caller) text += "  at " + describeAddress(b.caller);
-      }
+      for (const auto& b : r.blocked) text += "\n    " + b.thread + " waits for " + b.waitsFor;
       v->findings.push_back(text);
       break;
     }
@@ -353,7 +350,7 @@ std::string describeSchedule(const Verdict& v, const std::vector<std::string>& n
     std::string op = s.spurious ? "spurious wake-up" : opKindName(s.op);
     std::string line = num + name + "  " + op;
     if (s.object) line += " " + Scheduler::objectName(s.object);
-    if (s.caller) line += "  at " + describeAddress(s.caller);
+    if (s.caller) line += "  at " + describeCaller(s.caller);
     out += line + "\n";
   }
   return out;
@@ -380,7 +377,7 @@ std::string chromeTrace(const Verdict& v, const std::vector<std::string>& names)
     out += "{\"name\":" + quote(name) +
            ",\"ph\":\"X\",\"pid\":1,\"tid\":" + std::to_string(s.thread) +
            ",\"ts\":" + std::to_string(ts) +
-           ",\"dur\":1,\"args\":{\"at\":" + quote(describeAddress(s.caller)) + "}},\n";
+           ",\"dur\":1,\"args\":{\"at\":" + quote(describeCaller(s.caller)) + "}},\n";
     ++ts;
   }
   out += "{\"name\":\"end\",\"ph\":\"i\",\"s\":\"g\",\"pid\":1,\"tid\":0,\"ts\":" +

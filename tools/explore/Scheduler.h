@@ -123,8 +123,11 @@ class Scheduler {
   [[noreturn]] static void fatal(const std::string& message);
 };
 
-// "function+0x12 (object)" for a return address.
+// "function file:line" for a return address (addr2line; slow, for failing schedules only).
 std::string describeAddress(void* address);
+// The first of the call sites that is the library's or the client's own code, not a lock's
+// wrapper in libstdc++ or the scheduler; `caller` is a step's or a blocked thread's.
+std::string describeCaller(void* caller);
 
 }  // namespace explore
 }  // namespace orvcam

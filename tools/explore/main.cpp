@@ -40,6 +40,10 @@ int reportFailure(explore::Explorer& ex, explore::Verdict v, bool shrink,
   explore::Verdict detail = ex.replay(v.choices, true);
   std::printf("FAILING SCHEDULE (%u preemptions)\n", v.preemptions);
   for (const auto& f : detail.findings) std::printf("  %s\n", f.c_str());
+  for (const auto& b : detail.run.blocked) {
+    std::printf("  %s is blocked at %s\n", b.thread.c_str(),
+                explore::describeCaller(b.caller).c_str());
+  }
   std::printf("replay: %s\n", v.replay().c_str());
   std::printf("interleaving:\n%s", explore::describeSchedule(detail, ex.threadNames()).c_str());
   if (detail.findings != v.findings) {
