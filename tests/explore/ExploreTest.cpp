@@ -4,9 +4,12 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 
 #include "CamDeliver.h"
+#include "Checker.h"
+#include "Client.h"
 #include "Explorer.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
@@ -141,6 +144,92 @@ TEST(ExploreToy, ConditionFaultsAreFoundAndTheCorrectHandoffPasses) {
   EXPECT_TRUE(good.exhausted);
 }
 
+// Two threads take two named mutexes in opposite orders.
+class LockOrder : public Target {
+ public:
+  std::vector<std::string> threadNames() const override { return {"ab", "ba"}; }
+  std::vector<std::function<void()>> begin() override {
+    Scheduler::nameObject(&mA, "a");
+    Scheduler::nameObject(&mB, "b");
+    auto take = [](std::mutex& first, std::mutex& second) {
+      std::lock_guard<std::mutex> one(first);
+      std::lock_guard<std::mutex> two(second);
+    };
+    return {[this, take] { take(mA, mB); }, [this, take] { take(mB, mA); }};
+  }
+  std::vector<std::string> judgeCompleted() override { return {}; }
+
+ private:
+  std::mutex mA, mB;
+};
+
+TEST(ExploreToy, LockOrderInversionIsADeadlockNamingHolders) {
+  Report r = Explorer(make<LockOrder>(), 0).dfs(1, 0);
+  ASSERT_TRUE(r.hasFailure);
+  ASSERT_EQ(r.failure.run.outcome, Outcome::Deadlock);
+  ASSERT_EQ(r.failure.run.blocked.size(), 2u);
+  EXPECT_EQ(r.failure.run.blocked[0].waitsFor, "mutex b held by ba");
+  EXPECT_EQ(r.failure.run.blocked[1].waitsFor, "mutex a held by ab");
+}
+
+// A writer updates two fields under std::shared_mutex; readers check they agree. The fault
+// takes the writer's lock shared, so a reader can see the update half done.
+class SharedPair : public Target {
+ public:
+  explicit SharedPair(bool writerShared) : mWriterShared(writerShared) {}
+  std::vector<std::string> threadNames() const override { return {"writer", "reader"}; }
+  std::vector<std::function<void()>> begin() override {
+    mX = mY = 0;
+    mTorn = false;
+    auto writer = [this] {
+      if (mWriterShared) {
+        std::shared_lock<std::shared_mutex> lock(mLock);
+        write();
+      } else {
+        std::unique_lock<std::shared_mutex> lock(mLock);
+        write();
+      }
+    };
+    auto reader = [this] {
+      std::shared_lock<std::shared_mutex> lock(mLock);
+      if (mX != mY) mTorn = true;
+    };
+    return {writer, reader};
+  }
+  std::vector<std::string> judgeCompleted() override {
+    if (mTorn) return {"torn read"};
+    return {};
+  }
+
+ private:
+  // A notification between the two stores is a scheduling point inside the critical section.
+  void write() {
+    mX = 1;
+    mCond.notify_all();
+    mY = 1;
+  }
+  bool mWriterShared;
+  std::shared_mutex mLock;
+  std::condition_variable mCond;
+  int mX = 0, mY = 0;
+  bool mTorn = false;
+};
+
+TEST(ExploreToy, SharedMutexExcludesReadersOnlyFromAnExclusiveHolder) {
+  EXPECT_TRUE(Explorer(make<SharedPair>(true), 0).dfs(1, 0).hasFailure);
+  Report good = Explorer(make<SharedPair>(false), 0).dfs(-1, 0);
+  EXPECT_FALSE(good.hasFailure);
+  EXPECT_TRUE(good.exhausted);
+}
+
+TEST(ExploreToy, RandomAndPctSchedulesFindTheRaceWithAFixedSeed) {
+  Explorer racy(make<Withdraw>(false), 0);
+  EXPECT_TRUE(racy.random(200, 1, 0).hasFailure);
+  EXPECT_TRUE(racy.random(200, 1, 2).hasFailure);
+  Explorer correct(make<Withdraw>(true), 0);
+  EXPECT_FALSE(correct.random(200, 1, 2).hasFailure);
+}
+
 TEST(ExploreReplay, StringsRoundTripAndMalformedOnesAreRefused) {
   std::vector<uint32_t> choices{0, 0, 0, 0, 0, 1, 2, 2, 35, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
   std::string text = encodeReplay(2, choices);
@@ -184,6 +273,20 @@ TEST(ExploreLibrary, TwoSensorSyncIsCleanAtBoundOneAndReplaysItsSchedules) {
   EXPECT_FALSE(r.hasFailure) << (r.hasFailure ? r.failure.findings[0] : "");
   EXPECT_TRUE(r.exhausted);
   EXPECT_GT(r.schedules, 100u);
+}
+
+// The benchmark's baseline: the same client on real threads, without the scheduler, keeps the
+// protocol and passes the checker, run after run.
+TEST(ExploreLibrary, ThePlainRunOfTheClientIsCleanToo) {
+  sim::Scenario s = scenario(kTwoSensorSync);
+  ClientRun client(s);
+  for (int i = 0; i < 20; ++i) {
+    sim::History h = client.runPlain();
+    sim::CheckResult check = sim::checkHistory(h);
+    EXPECT_TRUE(check.clean()) << check.violations[0].message;
+    EXPECT_EQ(h.jobs.size(), 8u);  // two configure jobs, six enqueues
+    EXPECT_EQ(h.account.live(), 0u);
+  }
 }
 
 // A send racing a drop of the same sensor's frame breaks the client protocol: when the drop
