@@ -1,9 +1,9 @@
 # shellcheck shell=bash
 # Seeded faults of the mutation check (sourced by run.sh). Each one edits one library source:
-#   fault NAME FILE FUNCTION OLD NEW
+#   fault NAME FILE FUNCTION OLD NEW [OLD NEW ...]
 # In FILE, inside the definition of FUNCTION (from the line that starts the definition, at
 # column 0, to the next "}" at column 0), the text OLD must occur exactly once; it becomes NEW
-# (empty: deleted). A fault that no longer matches the code stops the check instead of
+# (empty: deleted). Further pairs are applied in turn to the result. A fault that no longer matches the code stops the check instead of
 # passing unnoticed. Faults of one file follow each other, so each costs one recompile.
 
 guard=hw/camsys/cam_deliver/CamDeliverGuard.cpp
@@ -38,6 +38,28 @@ fault drop-keeps-order-counter "$guard" "CamDeliverGuard::drop(" \
 # A flush leaves the sensor's order counter where it was.
 fault flush-keeps-order-counter "$guard" "CamDeliverGuard::flush(" \
   "orderMap[sensorId] = 0;" \
+  ""
+
+# Faults that only some interleavings expose; camdeliver-explore is meant to catch them.
+# A completed job notifies before it takes the guard's lock and marks its progress: a waiter
+# that checks in between sleeps on with nobody left to wake it.
+fault finished-notifies-before-update "$guard" "CamDeliverGuard::finished(" \
+  "  cond.notify_all();" \
+  "" \
+  "  std::lock_guard<std::mutex> lock(mutex);" \
+  "  cond.notify_all();
+  std::lock_guard<std::mutex> lock(mutex);"
+
+# The raw-switch wait tests its predicate once: a wake-up for anything else, or a spurious
+# one, lets the sensor go before the off sensor's previous frame is enqueued.
+fault off-sensor-wait-tests-once "$guard" "CamDeliverGuard::wait(" \
+  "while (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) cond.wait(lock);" \
+  "if (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) cond.wait(lock);"
+
+# A drop retires the record but wakes nobody: a sensor waiting for the dropped frame's sync
+# group sleeps on unless some later change happens to wake it.
+fault drop-wakes-nobody "$guard" "CamDeliverGuard::drop(" \
+  "  cond.notify_all();" \
   ""
 
 # A sync group's licences each get an FD of their own.

@@ -31,9 +31,13 @@ sim_stall_timeout=3   # seconds without progress before the simulator gives up
 test_targets=(delivery_concurrency_test delivery_guard_test delivery_license_plan_test
   delivery_death_test foundation_license_queue_test foundation_frames_test)
 # Left out: programs not built here (the simulator's and the log tool's own tests), and
-# packaging checks.
-test_exclude='_NOT_BUILT$|^library_exports$|^consumer_package$|^sim_|^log_'
+# packaging checks, and the explorer's full table (label explore; the explorer runs below instead).
+test_exclude='_NOT_BUILT$|^library_exports$|^consumer_package$|^sim_|^log_|^explore_'
 random_batch=(--random 40 --seed 7)  # generated scenarios, free call orders included
+# camdeliver-explore on every configuration of scenarios/explore: the first schedules of the
+# depth-first search with at most one preemption; a failing schedule counts only when its
+# replay string fails again.
+explore_args=(--preemptions 1 --limit 4000 --no-shrink)
 
 started=$SECONDS
 busy_ms=0
@@ -63,7 +67,17 @@ step() {
 
 # ---- Faults ---------------------------------------------------------------------------------
 names=() files=() funcs=() olds=() news=()
-fault() { names+=("$1") files+=("$2") funcs+=("$3") olds+=("$4") news+=("$5"); }
+# A fault's edits are kept as OLD and NEW lists joined by the unit separator.
+sep=$'\x1f'
+fault() {
+  local name=$1 file=$2 func=$3 old="" new=""
+  shift 3
+  while (($# >= 2)); do
+    old+="$sep$1" new+="$sep$2"
+    shift 2
+  done
+  names+=("$name") files+=("$file") funcs+=("$func") olds+=("$old") news+=("$new")
+}
 # shellcheck source=faults.sh
 source "$here/faults.sh"
 
@@ -78,10 +92,23 @@ else
   done
 fi
 
-# Writes FILE with fault i applied to stdout; fails unless its text occurs exactly once in the
-# function's definition.
+# Writes FILE with fault i applied to stdout; fails unless each edit's text occurs exactly once
+# in the function's definition.
 mutate() {
-  M_FUNC=${funcs[$1]} M_OLD=${olds[$1]} M_NEW=${news[$1]} awk '
+  local i=$1 text k
+  local -a old new
+  IFS=$sep read -r -d '' -a old < <(printf '%s%s' "${olds[$i]#"$sep"}" "$sep")
+  IFS=$sep read -r -d '' -a new < <(printf '%s%s' "${news[$i]#"$sep"}" "$sep")
+  text=$(cat "$2") || return 3
+  for k in "${!old[@]}"; do
+    text=$(edit_once "${funcs[$i]}" "${old[k]}" "${new[k]:-}" <<<"$text") || return 3
+  done
+  printf '%s\n' "$text"
+}
+
+# One edit of mutate(), stdin to stdout.
+edit_once() {
+  M_FUNC=$1 M_OLD=$2 M_NEW=$3 awk '
     BEGIN { fn = ENVIRON["M_FUNC"]; old = ENVIRON["M_OLD"]; repl = ENVIRON["M_NEW"]; n = 0 }
     {
       line = $0
@@ -98,7 +125,7 @@ mutate() {
       print line
       if (inside && $0 ~ /^}/) inside = 0
     }
-    END { if (n != 1) { printf "%d matches\n", n > "/dev/stderr"; exit 3 } }' "$2"
+    END { if (n != 1) { printf "%d matches\n", n > "/dev/stderr"; exit 3 } }'
 }
 
 # ---- The copy and its build ---------------------------------------------------------------
@@ -133,10 +160,31 @@ if [[ ! -f $obj/build.ninja ]]; then
 fi
 
 build() { ninja -C "$obj" -j "$jobs" "$@" >"$logs/build.log" 2>&1; }
-step build orvcam_camdeliver camdeliver-sim "${test_targets[@]}" ||
+step build orvcam_camdeliver camdeliver-sim camdeliver-explore "${test_targets[@]}" ||
   die "build failed, see $logs/build.log"
 sim=$obj/tools/sim/camdeliver-sim
 scenarios=("$src"/scenarios/*.json)
+explore=$obj/tools/explore/camdeliver-explore
+explore_configs=("$src"/scenarios/explore/*.json)
+
+# Explores one configuration; prints what caught the fault, if anything.
+explore_one() {
+  local cfg=$1 log=$2 name replay rc
+  name=$(basename "$cfg" .json)
+  timeout 120 "$explore" "$cfg" "${explore_args[@]}" >"$log" 2>&1
+  rc=$?
+  ((rc == 0)) && return
+  if ((rc != 1)); then
+    say "camdeliver-explore $name (exit $rc)"
+    return
+  fi
+  replay=$(sed -n 's/^replay: //p' "$log" | head -1)
+  if timeout 60 "$explore" "$cfg" --replay "$replay" >"$log.replay" 2>&1; then
+    say "camdeliver-explore $name (its replay $replay passed)"
+  else
+    say "camdeliver-explore $name, replay $replay"
+  fi
+}
 
 # Runs the tests and the scenarios; writes the names of those that failed, one per line, to
 # $logs/TAG.failed.
@@ -158,10 +206,14 @@ failures() {
   done
   step timeout 60 "$sim" "${random_batch[@]}" --stall-timeout "$sim_stall_timeout" \
     >"$logs/$tag.sim.random.log" 2>&1 || say "camdeliver-sim ${random_batch[*]}" >>"$out"
+  for s in "${explore_configs[@]}"; do
+    step explore_one "$s" "$logs/$tag.explore.$(basename "$s" .json).log" >>"$out"
+  done
 }
 
 say "== mutation check: ${#selected[@]} faults, tests of ${#test_targets[@]} programs," \
-  "${#scenarios[@]} scenarios and ${random_batch[*]}"
+  "${#scenarios[@]} scenarios, ${random_batch[*]} and camdeliver-explore ${explore_args[*]}" \
+  "on ${#explore_configs[@]} configurations"
 step failures unchanged
 baseline=$(cat "$logs/unchanged.failed")
 [[ -z $baseline ]] || die "fails without any fault (see $logs/unchanged.*):"$'\n'"$baseline"

@@ -1,0 +1,60 @@
+// camdeliver-explore-bench: what one explored schedule of the 2-sensor sync configuration
+// (scenarios/explore/sync-2x3-configure.json) costs, against one plain run of the same client
+// on real threads without the scheduler, both measured in the same process and iteration.
+//
+// Counters: schedules_per_s (the depth-first search at preemption bound 1, one spurious
+// wake-up), plain_runs_per_s, and schedule_over_plain_run, the time of one schedule divided
+// by the time of one plain run.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+
+#include "Client.h"
+#include "Explorer.h"
+#include "Scenario.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace orvcam;
+
+double since(Clock::time_point t0) {
+  return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+void BM_ExploreTwoSensorSync(benchmark::State& state) {
+  sim::Scenario scenario;
+  sim::ScenarioError error;
+  if (!sim::loadScenarioFile(ORVCAM_SCENARIO_DIR "/explore/sync-2x3-configure.json", &scenario,
+                             &error)) {
+    state.SkipWithError(error.text().c_str());
+    return;
+  }
+  explore::Explorer explorer(explore::scenarioTarget(scenario), 1);
+  explore::ClientRun plain(scenario);
+  const uint64_t kSchedules = static_cast<uint64_t>(state.range(0));
+  const int kPlainRuns = 50;
+  double exploreSeconds = 0, plainSeconds = 0;
+  uint64_t schedules = 0, plainRuns = 0;
+  for (auto _ : state) {
+    auto t0 = Clock::now();
+    explore::Report report = explorer.dfs(1, kSchedules);
+    exploreSeconds += since(t0);
+    schedules += report.schedules;
+    if (report.hasFailure) {
+      state.SkipWithError("a schedule failed");
+      return;
+    }
+    t0 = Clock::now();
+    for (int i = 0; i < kPlainRuns; ++i) benchmark::DoNotOptimize(plain.runPlain());
+    plainSeconds += since(t0);
+    plainRuns += kPlainRuns;
+  }
+  state.counters["schedules_per_s"] = double(schedules) / exploreSeconds;
+  state.counters["plain_runs_per_s"] = double(plainRuns) / plainSeconds;
+  state.counters["schedule_over_plain_run"] =
+      (exploreSeconds / double(schedules)) / (plainSeconds / double(plainRuns));
+}
+BENCHMARK(BM_ExploreTwoSensorSync)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+}  // namespace

@@ -1,0 +1,336 @@
+// The explorer on programs whose faults are known: toy programs built on std::mutex and
+// std::condition_variable, and the real library driven by scenario clients.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+
+#include "CamDeliver.h"
+#include "Checker.h"
+#include "Client.h"
+#include "Explorer.h"
+#include "FrameContext.h"
+#include "FrameContextPool.h"
+#include "HostPlatform.h"
+#include "Scenario.h"
+
+namespace orvcam {
+namespace explore {
+namespace {
+
+namespace cc = NSCam::camsys::camcoordinator;
+
+// Two threads withdraw from a balance of one. The racy version checks and withdraws under two
+// separate holds of the lock, so one preemption between them overdraws the balance.
+class Withdraw : public Target {
+ public:
+  explicit Withdraw(bool atomic) : mAtomic(atomic) {}
+  std::vector<std::string> threadNames() const override { return {"a", "b"}; }
+  std::vector<std::function<void()>> begin() override {
+    mBalance = 1;
+    auto body = [this] {
+      if (mAtomic) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mBalance > 0) --mBalance;
+        return;
+      }
+      bool ok;
+      {
+        std::lock_guard<std::mutex> lock(mMutex);
+        ok = mBalance > 0;
+      }
+      if (ok) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        --mBalance;
+      }
+    };
+    return {body, body};
+  }
+  std::vector<std::string> judgeCompleted() override {
+    if (mBalance < 0) return {"overdrawn: " + std::to_string(mBalance)};
+    return {};
+  }
+
+ private:
+  bool mAtomic;
+  std::mutex mMutex;
+  int mBalance = 1;
+};
+
+// A consumer waits for a flag a producer sets. Faults: the consumer tests the flag once
+// instead of in a loop (a spurious wake-up lets it through), or the producer notifies before
+// it sets the flag and outside the lock (the wake-up is lost: deadlock).
+class Handoff : public Target {
+ public:
+  enum class Fault { None, WaitWithoutLoop, NotifyBeforeSet };
+  explicit Handoff(Fault fault) : mFault(fault) {}
+  std::vector<std::string> threadNames() const override { return {"consumer", "producer"}; }
+  std::vector<std::function<void()>> begin() override {
+    mReady = false;
+    mSeen = false;
+    auto consumer = [this] {
+      std::unique_lock<std::mutex> lock(mMutex);
+      if (mFault == Fault::WaitWithoutLoop) {
+        if (!mReady) mCond.wait(lock);
+      } else {
+        mCond.wait(lock, [this] { return mReady; });
+      }
+      mSeen = mReady;
+    };
+    auto producer = [this] {
+      if (mFault == Fault::NotifyBeforeSet) {
+        mCond.notify_one();
+        std::lock_guard<std::mutex> lock(mMutex);
+        mReady = true;
+        return;
+      }
+      std::lock_guard<std::mutex> lock(mMutex);
+      mReady = true;
+      mCond.notify_one();
+    };
+    return {consumer, producer};
+  }
+  std::vector<std::string> judgeCompleted() override {
+    if (!mSeen) return {"the consumer went on without the flag"};
+    return {};
+  }
+
+ private:
+  Fault mFault;
+  std::mutex mMutex;
+  std::condition_variable mCond;
+  bool mReady = false;
+  bool mSeen = false;
+};
+
+template <typename T, typename... Args>
+TargetFactory make(Args... args) {
+  return [=] { return std::unique_ptr<Target>(new T(args...)); };
+}
+
+TEST(ExploreToy, RacyCheckThenActFailsAndCorrectPasses) {
+  Explorer racy(make<Withdraw>(false), 0);
+  Report bad = racy.dfs(2, 0);
+  ASSERT_TRUE(bad.hasFailure);
+  EXPECT_EQ(bad.failure.findings, std::vector<std::string>{"overdrawn: -1"});
+  EXPECT_EQ(bad.failure.preemptions, 1u);
+  // Without any preemption every thread runs to its end: the race cannot show.
+  EXPECT_FALSE(racy.dfs(0, 0).hasFailure);
+
+  Explorer correct(make<Withdraw>(true), 0);
+  Report good = correct.dfs(-1, 0);
+  EXPECT_FALSE(good.hasFailure);
+  EXPECT_TRUE(good.exhausted);
+  EXPECT_GT(good.schedules, 1u);
+}
+
+TEST(ExploreToy, ConditionFaultsAreFoundAndTheCorrectHandoffPasses) {
+  // A wait that tests its predicate once is only caught through an injected spurious wake-up.
+  EXPECT_FALSE(Explorer(make<Handoff>(Handoff::Fault::WaitWithoutLoop), 0).dfs(-1, 0).hasFailure);
+  Report once = Explorer(make<Handoff>(Handoff::Fault::WaitWithoutLoop), 1).dfs(-1, 0);
+  ASSERT_TRUE(once.hasFailure);
+  EXPECT_EQ(once.failure.findings[0], "the consumer went on without the flag");
+
+  Report lost = Explorer(make<Handoff>(Handoff::Fault::NotifyBeforeSet), 1).dfs(-1, 0);
+  ASSERT_TRUE(lost.hasFailure);
+  EXPECT_EQ(lost.failure.run.outcome, Outcome::Deadlock);
+  ASSERT_EQ(lost.failure.run.blocked.size(), 1u);
+  EXPECT_EQ(lost.failure.run.blocked[0].thread, "consumer");
+
+  Report good = Explorer(make<Handoff>(Handoff::Fault::None), 2).dfs(-1, 0);
+  EXPECT_FALSE(good.hasFailure);
+  EXPECT_TRUE(good.exhausted);
+}
+
+// Two threads take two named mutexes in opposite orders.
+class LockOrder : public Target {
+ public:
+  std::vector<std::string> threadNames() const override { return {"ab", "ba"}; }
+  std::vector<std::function<void()>> begin() override {
+    Scheduler::nameObject(&mA, "a");
+    Scheduler::nameObject(&mB, "b");
+    auto take = [](std::mutex& first, std::mutex& second) {
+      std::lock_guard<std::mutex> one(first);
+      std::lock_guard<std::mutex> two(second);
+    };
+    return {[this, take] { take(mA, mB); }, [this, take] { take(mB, mA); }};
+  }
+  std::vector<std::string> judgeCompleted() override { return {}; }
+
+ private:
+  std::mutex mA, mB;
+};
+
+TEST(ExploreToy, LockOrderInversionIsADeadlockNamingHolders) {
+  Report r = Explorer(make<LockOrder>(), 0).dfs(1, 0);
+  ASSERT_TRUE(r.hasFailure);
+  ASSERT_EQ(r.failure.run.outcome, Outcome::Deadlock);
+  ASSERT_EQ(r.failure.run.blocked.size(), 2u);
+  EXPECT_EQ(r.failure.run.blocked[0].waitsFor, "mutex b held by ba");
+  EXPECT_EQ(r.failure.run.blocked[1].waitsFor, "mutex a held by ab");
+}
+
+// A writer updates two fields under std::shared_mutex; readers check they agree. The fault
+// takes the writer's lock shared, so a reader can see the update half done.
+class SharedPair : public Target {
+ public:
+  explicit SharedPair(bool writerShared) : mWriterShared(writerShared) {}
+  std::vector<std::string> threadNames() const override { return {"writer", "reader"}; }
+  std::vector<std::function<void()>> begin() override {
+    mX = mY = 0;
+    mTorn = false;
+    auto writer = [this] {
+      if (mWriterShared) {
+        std::shared_lock<std::shared_mutex> lock(mLock);
+        write();
+      } else {
+        std::unique_lock<std::shared_mutex> lock(mLock);
+        write();
+      }
+    };
+    auto reader = [this] {
+      std::shared_lock<std::shared_mutex> lock(mLock);
+      if (mX != mY) mTorn = true;
+    };
+    return {writer, reader};
+  }
+  std::vector<std::string> judgeCompleted() override {
+    if (mTorn) return {"torn read"};
+    return {};
+  }
+
+ private:
+  // A notification between the two stores is a scheduling point inside the critical section.
+  void write() {
+    mX = 1;
+    mCond.notify_all();
+    mY = 1;
+  }
+  bool mWriterShared;
+  std::shared_mutex mLock;
+  std::condition_variable mCond;
+  int mX = 0, mY = 0;
+  bool mTorn = false;
+};
+
+TEST(ExploreToy, SharedMutexExcludesReadersOnlyFromAnExclusiveHolder) {
+  EXPECT_TRUE(Explorer(make<SharedPair>(true), 0).dfs(1, 0).hasFailure);
+  Report good = Explorer(make<SharedPair>(false), 0).dfs(-1, 0);
+  EXPECT_FALSE(good.hasFailure);
+  EXPECT_TRUE(good.exhausted);
+}
+
+TEST(ExploreToy, RandomAndPctSchedulesFindTheRaceWithAFixedSeed) {
+  Explorer racy(make<Withdraw>(false), 0);
+  EXPECT_TRUE(racy.random(200, 1, 0).hasFailure);
+  EXPECT_TRUE(racy.random(200, 1, 2).hasFailure);
+  Explorer correct(make<Withdraw>(true), 0);
+  EXPECT_FALSE(correct.random(200, 1, 2).hasFailure);
+}
+
+TEST(ExploreReplay, StringsRoundTripAndMalformedOnesAreRefused) {
+  std::vector<uint32_t> choices{0, 0, 0, 0, 0, 1, 2, 2, 35, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+  std::string text = encodeReplay(2, choices);
+  EXPECT_EQ(text, "s2:0*5.122z1*11.");
+  uint32_t spurious = 0;
+  std::vector<uint32_t> back;
+  ASSERT_TRUE(decodeReplay(text, &spurious, &back));
+  EXPECT_EQ(spurious, 2u);
+  EXPECT_EQ(back, choices);
+  for (const char* bad : {"", "0101", "s:01", "sx:0", "s1:0*", "s1:0*.", "s1:0*3", "s1:A"}) {
+    EXPECT_FALSE(decodeReplay(bad, &spurious, &back)) << bad;
+  }
+}
+
+TEST(ExploreReplay, AFailingScheduleReplaysExactlyEveryTime) {
+  Explorer racy(make<Withdraw>(false), 0);
+  Report bad = racy.dfs(2, 0);
+  ASSERT_TRUE(bad.hasFailure);
+  for (int i = 0; i < 3; ++i) {
+    Verdict again = racy.replay(bad.failure.choices, true);
+    EXPECT_EQ(again.findings, bad.failure.findings);
+    EXPECT_EQ(again.choices, bad.failure.choices);
+    EXPECT_FALSE(again.run.steps.empty());
+  }
+}
+
+sim::Scenario scenario(const std::string& json) {
+  sim::Scenario s;
+  sim::ScenarioError error;
+  EXPECT_TRUE(sim::parseScenario(json, "<test>", &s, &error)) << error.text();
+  return s;
+}
+
+const char* const kTwoSensorSync = R"({
+  "frames": 3, "sensors": [ { "id": 0 }, { "id": 1 } ],
+  "syncGroups": [ { "sensors": [0, 1] } ], "configure": [ { "frame": 1 } ] })";
+
+TEST(ExploreLibrary, TwoSensorSyncIsCleanAtBoundOneAndReplaysItsSchedules) {
+  Explorer ex(scenarioTarget(scenario(kTwoSensorSync)), 1);
+  Report r = ex.dfs(1, 0);
+  EXPECT_FALSE(r.hasFailure) << (r.hasFailure ? r.failure.findings[0] : "");
+  EXPECT_TRUE(r.exhausted);
+  EXPECT_GT(r.schedules, 100u);
+}
+
+// The benchmark's baseline: the same client on real threads, without the scheduler, keeps the
+// protocol and passes the checker, run after run.
+TEST(ExploreLibrary, ThePlainRunOfTheClientIsCleanToo) {
+  sim::Scenario s = scenario(kTwoSensorSync);
+  ClientRun client(s);
+  for (int i = 0; i < 20; ++i) {
+    sim::History h = client.runPlain();
+    sim::CheckResult check = sim::checkHistory(h);
+    EXPECT_TRUE(check.clean()) << check.violations[0].message;
+    EXPECT_EQ(h.jobs.size(), 8u);  // two configure jobs, six enqueues
+    EXPECT_EQ(h.account.live(), 0u);
+  }
+}
+
+// A send racing a drop of the same sensor's frame breaks the client protocol: when the drop
+// retires the record first, the send's guard wait aborts. Only some orders do that; the
+// abort is caught in-process, reported with its message and replayed.
+class SendAfterDrop : public Target {
+ public:
+  std::vector<std::string> threadNames() const override { return {"sender", "dropper"}; }
+  std::vector<std::function<void()>> begin() override {
+    host::hostPipeMgr()->reset();
+    mPool = std::make_shared<cc::FrameContextPool>();
+    mDeliver = std::make_unique<cc::CamDeliver>(mPool);
+    std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
+    states[0].needEnq = true;
+    auto fc = std::make_shared<const cc::FrameContext>(1, std::set<uint32_t>{},
+                                                       std::set<uint32_t>{0}, states, false);
+    mPool->emplace(1, fc);
+    mDeliver->prepare(0, 1, fc);
+    return {[this] { mDeliver->sendJobForEnque(0, 1, std::make_shared<cc::ReqBaseJob>()); },
+            [this] { mDeliver->notifyEvent(cc::CamDeliver::Drop, 0, 1, 0); }};
+  }
+  std::vector<std::string> judgeCompleted() override {
+    mDeliver.reset();
+    return {};
+  }
+
+ private:
+  std::shared_ptr<cc::FrameContextPool> mPool;
+  std::unique_ptr<cc::CamDeliver> mDeliver;
+};
+
+TEST(ExploreLibrary, AFatalAssertionOfTheLibraryIsCaughtAndReplayed) {
+  Explorer ex(make<SendAfterDrop>(), 0);
+  Report r = ex.dfs(0, 0);
+  ASSERT_TRUE(r.hasFailure);
+  EXPECT_EQ(r.failure.run.outcome, Outcome::Fatal);
+  EXPECT_EQ(r.failure.run.fatalThread, "sender");
+  EXPECT_EQ(r.failure.run.fatalMessage.rfind("[S:0 F:1] FC not found !", 0), 0u)
+      << r.failure.run.fatalMessage;
+  Verdict again = ex.replay(r.failure.choices, false);
+  EXPECT_EQ(again.run.outcome, Outcome::Fatal);
+  EXPECT_EQ(again.run.fatalMessage, r.failure.run.fatalMessage);
+}
+
+}  // namespace
+}  // namespace explore
+}  // namespace orvcam

@@ -1,0 +1,47 @@
+#pragma once
+// The client the explorer runs under its scheduler: the simulator's client model (README's
+// client protocol) without time. One pipeline thread emplaces frames and reports events; one
+// request thread per sensor prepares its frames and sends their jobs, which take no time.
+// The client's own coordination is made of scheduler waits (Scheduler::waitUntil), not of
+// locks: with one thread running at a time its state needs none, and each wait is one
+// scheduling point instead of a lock, a check and a notification.
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "History.h"
+#include "Scenario.h"
+#include "Scheduler.h"
+
+namespace orvcam {
+namespace explore {
+
+// What makes no sense without time, or is not played: job durations, the frame interval,
+// gaps. Empty when the scenario can be explored, else why not.
+std::string unsupportedFeature(const sim::Scenario& scenario);
+
+class ClientRun {
+ public:
+  explicit ClientRun(const sim::Scenario& scenario);
+  ~ClientRun();
+  ClientRun(const ClientRun&) = delete;
+  ClientRun& operator=(const ClientRun&) = delete;
+
+  // "pipeline", "sensor N", ...
+  std::vector<std::string> threadNames() const;
+  // Builds a fresh deliverer, pool and pipe-manager state; unmanaged thread, before the run.
+  std::vector<std::function<void()>> begin();
+  // After a completed run: tears the deliverer down and returns the history to judge.
+  sim::History end();
+  // One run on real threads without the scheduler, for comparison; unmanaged thread only.
+  sim::History runPlain();
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> mImpl;
+};
+
+}  // namespace explore
+}  // namespace orvcam

@@ -1,0 +1,133 @@
+#pragma once
+// A controlled scheduler for real threads. Exactly one managed thread runs at a time; every
+// synchronisation operation a managed thread makes is a scheduling point at which a Chooser
+// decides which thread goes next.
+//
+// How operations are caught: this program defines pthread_mutex_lock/trylock/unlock,
+// pthread_cond_wait/timedwait/clockwait/signal/broadcast and pthread_rwlock_* itself
+// (Scheduler.cpp) and exports them. libstdc++'s std::mutex, std::condition_variable and
+// std::shared_mutex call those functions, from inline code in the library and from
+// libstdc++.so, and the dynamic linker resolves every such call to this program's
+// definitions. The library is compiled and linked unmodified.
+//
+// Limits, by design:
+// - On a managed thread the scheduler models every mutex, condition and rwlock itself and never
+//   touches the real object. Calls from unmanaged threads (main, gtest) go to glibc unchanged.
+//   An object must therefore not be in use by managed and unmanaged threads at the same time.
+// - Calls made from inside the host platform library (logger, pipe manager, properties,
+//   trace) go to glibc unchanged too: its locks are leaves that are never held across a
+//   scheduling point, so each host call is one atomic step of the calling thread. Exploring
+//   their orders would only reorder counter updates of a linearisable component.
+// - Only synchronisation is a scheduling point. Plain memory shared without a lock (a data
+//   race) is not explored; ThreadSanitizer covers that.
+// - Scheduling points are taken before a lock, try-lock, shared lock, wait and notify, and at a
+//   client wait. An unlock is not one: whoever it lets go was blocked until then, so a
+//   preemption just before the unlock gives the same orders as one after it.
+// - std::mutex types only (no recursive or error-checking semantics).
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace orvcam {
+namespace explore {
+
+enum class OpKind : uint8_t {
+  Start,
+  Lock,
+  TryLock,
+  RdLock,
+  WrLock,
+  Wait,
+  Signal,
+  Broadcast,
+  ClientWait,
+  End,
+};
+const char* opKindName(OpKind kind);
+
+// One option at a scheduling point: run `thread` (its pending operation), or, with
+// `spurious`, wake `thread` from its condition wait without a notification.
+struct Choice {
+  uint16_t thread = 0;
+  bool spurious = false;
+  bool operator==(const Choice& o) const { return thread == o.thread && spurious == o.spurious; }
+};
+
+// What the chooser is shown at a point with more than one option.
+struct ChoicePoint {
+  const std::vector<Choice>* options;
+  int current;  // the thread that ran last, or -1
+  bool currentEnabled;
+  uint64_t step;
+};
+
+// Returns the index into options.
+using Chooser = std::function<size_t(const ChoicePoint&)>;
+
+// One executed step, for the readable interleaving and the trace.
+struct StepRecord {
+  uint16_t thread;
+  OpKind op;
+  bool spurious;
+  const void* object;
+  void* caller;  // return address of the synchronisation call
+};
+
+struct BlockedThread {
+  std::string thread;
+  std::string waitsFor;  // readable: "mutex guard.mutex held by sensor 1"
+  void* caller;
+};
+
+enum class Outcome { Completed, Deadlock, Fatal, StepLimit };
+
+struct RunResult {
+  Outcome outcome = Outcome::Completed;
+  std::string fatalMessage;
+  std::string fatalThread;
+  std::vector<BlockedThread> blocked;  // deadlock
+  std::vector<StepRecord> steps;       // when recording
+  uint64_t stepCount = 0;
+  uint32_t choicePoints = 0;
+  uint32_t spuriousBudget = 0;
+};
+
+struct RunOptions {
+  uint32_t spuriousBudget = 0;  // spurious wake-ups per schedule
+  uint64_t stepLimit = 200000;
+  bool recordSteps = false;
+};
+
+class Scheduler {
+ public:
+  // Runs `bodies` as managed threads, one at a time, until every one has ended, all left are
+  // blocked (deadlock), one hit a fatal assertion, or the step limit. `names` label threads.
+  // After anything but Completed the threads are left parked forever and the caller must keep
+  // whatever they refer to alive (see leak()).
+  static RunResult run(const std::vector<std::function<void()>>& bodies,
+                       const std::vector<std::string>& names, const Chooser& chooser,
+                       const RunOptions& options);
+
+  // Called on a managed thread: blocks it until `ready()` holds. `ready` is evaluated by the
+  // scheduler while no other thread runs. A scheduling point. On an unmanaged thread `ready`
+  // must already hold.
+  static void waitUntil(const std::function<bool()>& ready, const char* what);
+  // Whether the calling thread is managed by a running schedule.
+  static bool managed();
+  // Names an object for the readable output; cleared at the start of each run.
+  static void nameObject(const void* object, std::string name);
+  static std::string objectName(const void* object);
+  // Called from the fatal-assertion hook on a managed thread: records the message and parks
+  // the thread for good. Never returns.
+  [[noreturn]] static void fatal(const std::string& message);
+};
+
+// "function file:line" for a return address (addr2line; slow, for failing schedules only).
+std::string describeAddress(void* address);
+// The first of the call sites that is the library's or the client's own code, not a lock's
+// wrapper in libstdc++ or the scheduler; `caller` is a step's or a blocked thread's.
+std::string describeCaller(void* caller);
+
+}  // namespace explore
+}  // namespace orvcam

@@ -1,0 +1,148 @@
+// camdeliver-explore: runs a scenario's client against the library under a controlled
+// scheduler and explores its schedules. Exit code 0: no schedule failed; 1: a failing
+// schedule (printed with its replay string); 2: bad command line or scenario.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+
+#include "Explorer.h"
+#include "HostPlatform.h"
+#include "Scenario.h"
+
+namespace {
+
+using namespace orvcam;
+
+constexpr int kExitFinding = 1;
+constexpr int kExitUsage = 2;
+
+void printSummary(const explore::Report& r, const std::string& what, bool search) {
+  std::printf("%s: %llu schedules, %s, %.2f s, %.0f schedules/s, deepest %llu steps / %u choices\n",
+              what.c_str(), static_cast<unsigned long long>(r.schedules),
+              r.hasFailure  ? "stopped at a failing schedule"
+              : !search     ? "no failure"
+              : r.exhausted ? "exhausted"
+                            : "not exhausted",
+              r.seconds, r.seconds > 0 ? double(r.schedules) / r.seconds : 0.0,
+              static_cast<unsigned long long>(r.deepestSteps), r.deepestChoices);
+}
+
+int reportFailure(explore::Explorer& ex, explore::Verdict v, bool shrink,
+                  const std::string& tracePath) {
+  if (shrink && v.preemptions > 0) {
+    explore::Verdict smaller = ex.shrink(v, 20000);
+    if (smaller.preemptions < v.preemptions) {
+      std::printf("shrunk from %u to %u preemptions\n", v.preemptions, smaller.preemptions);
+      v = smaller;
+    }
+  }
+  explore::Verdict detail = ex.replay(v.choices, true);
+  std::printf("FAILING SCHEDULE (%u preemptions)\n", v.preemptions);
+  for (const auto& f : detail.findings) std::printf("  %s\n", f.c_str());
+  for (const auto& b : detail.run.blocked) {
+    std::printf("  %s is blocked at %s\n", b.thread.c_str(),
+                explore::describeCaller(b.caller).c_str());
+  }
+  std::printf("replay: %s\n", v.replay().c_str());
+  std::printf("interleaving:\n%s", explore::describeSchedule(detail, ex.threadNames()).c_str());
+  if (detail.findings != v.findings) {
+    std::printf("warning: the replay judged differently from the original run\n");
+  }
+  if (!tracePath.empty()) {
+    std::ofstream out(tracePath);
+    out << explore::chromeTrace(detail, ex.threadNames());
+    if (!out) {
+      std::fprintf(stderr, "camdeliver-explore: cannot write the trace to %s\n", tracePath.c_str());
+    }
+  }
+  return kExitFinding;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Explores the schedules of a scenario's client against the deliverer"};
+  std::string scenarioPath;
+  int preemptions = 2;
+  bool unbounded = false;
+  uint64_t randomCount = 0;
+  uint64_t seed = 1;
+  uint32_t pct = 0;
+  uint32_t spurious = 1;
+  uint64_t limit = 0;
+  std::string replay;
+  std::string tracePath;
+  bool noShrink = false;
+  app.add_option("scenario", scenarioPath, "Scenario JSON file")->required();
+  app.add_option("--preemptions", preemptions, "Depth-first search with at most K preemptions")
+      ->check(CLI::Range(0, 1000));
+  app.add_flag("--unbounded", unbounded, "Depth-first search without a preemption bound");
+  app.add_option("--random", randomCount, "N random schedules instead of the search");
+  app.add_option("--seed", seed, "Seed of --random (default 1)");
+  app.add_option("--pct", pct, "With --random: PCT priorities of depth D")
+      ->check(CLI::Range(1, 50));
+  app.add_option("--spurious", spurious, "Spurious wake-ups injected per schedule (default 1)")
+      ->check(CLI::Range(0, 100));
+  app.add_option("--limit", limit, "Stop the search after N schedules");
+  app.add_option("--replay", replay, "Run the schedule of a replay string");
+  app.add_option("--trace", tracePath, "Write a failing schedule as a Chrome JSON trace");
+  app.add_flag("--no-shrink", noShrink, "Report a failing schedule as found");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int rc = app.exit(e);
+    return rc == 0 ? 0 : kExitUsage;
+  }
+
+  sim::Scenario scenario;
+  sim::ScenarioError error;
+  if (!sim::loadScenarioFile(scenarioPath, &scenario, &error)) {
+    std::fprintf(stderr, "camdeliver-explore: %s\n", error.text().c_str());
+    return kExitUsage;
+  }
+  std::string unsupported = explore::unsupportedFeature(scenario);
+  if (!unsupported.empty()) {
+    std::fprintf(stderr, "camdeliver-explore: %s: %s cannot be explored\n", scenarioPath.c_str(),
+                 unsupported.c_str());
+    return kExitUsage;
+  }
+  // Only fatal lines: the library's warnings would be written once per schedule.
+  host::LoggerSettings quiet = host::loggerSettings();
+  quiet.detailsLevel = 0;
+  host::applyLoggerSettings(quiet);
+
+  if (!replay.empty()) {
+    uint32_t budget = 0;
+    std::vector<uint32_t> choices;
+    if (!explore::decodeReplay(replay, &budget, &choices)) {
+      std::fprintf(stderr, "camdeliver-explore: --replay: malformed replay string \"%s\"\n",
+                   replay.c_str());
+      return kExitUsage;
+    }
+    explore::Explorer ex(explore::scenarioTarget(scenario), budget);
+    explore::Verdict v = ex.replay(choices, false);
+    if (!v.failed) {
+      std::printf("replay: the schedule passes\n");
+      return 0;
+    }
+    return reportFailure(ex, v, false, tracePath);
+  }
+
+  explore::Explorer ex(explore::scenarioTarget(scenario), spurious);
+  explore::Report report;
+  std::string what;
+  if (randomCount > 0) {
+    report = ex.random(randomCount, seed, pct);
+    what = pct ? "PCT depth " + std::to_string(pct) + ", seed " + std::to_string(seed)
+               : "random, seed " + std::to_string(seed);
+  } else {
+    int bound = unbounded ? -1 : preemptions;
+    report = ex.dfs(bound, limit);
+    what = unbounded ? "unbounded search" : "search, preemption bound " + std::to_string(bound);
+  }
+  what = scenario.name + " " + what + ", spurious " + std::to_string(spurious);
+  printSummary(report, what, randomCount == 0);
+  if (report.hasFailure) return reportFailure(ex, report.failure, !noShrink, tracePath);
+  return 0;
+}
