@@ -197,51 +197,66 @@ void writeHistoryJson(std::ostream& out, const History& h) {
   root["account"] = {{"acquired", h.account.acquired},
                      {"released", h.account.released},
                      {"destroyed", h.account.destroyed}};
+  // The scalars first, then each list written item by item, so that a long run's history
+  // never sits in memory as one JSON document.
+  std::string head = root.dump();
+  head.pop_back();  // the closing brace
+  out << head;
+  std::string open;  // the list being written
+  auto emit = [&](const char* key, const json& item) {
+    if (open != key) {
+      out << (open.empty() ? "" : "]") << ",\n\"" << key << "\":[\n";
+      open = key;
+    } else {
+      out << ",\n";
+    }
+    out << item.dump();
+  };
   for (const auto& p : h.plans) {
-    root["frames"].push_back({{"frame", p.frame},
-                              {"sensors", p.sensors},
-                              {"needCfg", p.needCfg},
-                              {"cfgByJob", p.cfgByJob},
-                              {"syncList", p.syncList},
-                              {"offSensor", p.offSensor},
-                              {"onSensor", p.onSensor}});
+    emit("frames", {{"frame", p.frame},
+                    {"sensors", p.sensors},
+                    {"needCfg", p.needCfg},
+                    {"cfgByJob", p.cfgByJob},
+                    {"syncList", p.syncList},
+                    {"offSensor", p.offSensor},
+                    {"onSensor", p.onSensor}});
   }
   for (const auto& p : h.prepares) {
-    root["prepares"].push_back({{"sensor", p.sensor}, {"frame", p.frame}, {"at", p.at}});
+    emit("prepares", {{"sensor", p.sensor}, {"frame", p.frame}, {"at", p.at}});
   }
   for (const auto& r : h.setConfigured) {
-    root["setConfigured"].push_back({{"sensor", r.sensor}, {"frame", r.frame}, {"at", r.at}});
+    emit("setConfigured", {{"sensor", r.sensor}, {"frame", r.frame}, {"at", r.at}});
   }
   for (const auto& j : h.jobs) {
-    root["jobs"].push_back({{"sensor", j.sensor},
-                            {"frame", j.frame},
-                            {"kind", jobKindName(j.kind)},
-                            {"sent", j.sent},
-                            {"start", j.start},
-                            {"end", j.end},
-                            {"ran", j.ran},
-                            {"result", j.result},
-                            {"serial", j.serial},
-                            {"fd", j.fd}});
+    emit("jobs", {{"sensor", j.sensor},
+                  {"frame", j.frame},
+                  {"kind", jobKindName(j.kind)},
+                  {"sent", j.sent},
+                  {"start", j.start},
+                  {"end", j.end},
+                  {"ran", j.ran},
+                  {"result", j.result},
+                  {"serial", j.serial},
+                  {"fd", j.fd}});
   }
   for (const auto& e : h.events) {
-    root["events"].push_back({{"type", eventKindName(e.kind)},
-                              {"sensor", e.sensor},
-                              {"frame", e.frame},
-                              {"value", e.value},
-                              {"begin", e.begin},
-                              {"end", e.end},
-                              {"frames", e.frames}});
+    emit("events", {{"type", eventKindName(e.kind)},
+                    {"sensor", e.sensor},
+                    {"frame", e.frame},
+                    {"value", e.value},
+                    {"begin", e.begin},
+                    {"end", e.end},
+                    {"frames", e.frames}});
   }
   static const char* const kinds[] = {"Acquired", "Released", "Destroyed"};
   for (const auto& l : h.licences) {
-    root["licences"].push_back({{"event", kinds[int(l.kind)]},
-                                {"serial", l.serial},
-                                {"fd", l.fd},
-                                {"at", l.at},
-                                {"context", l.context}});
+    emit("licences", {{"event", kinds[int(l.kind)]},
+                      {"serial", l.serial},
+                      {"fd", l.fd},
+                      {"at", l.at},
+                      {"context", l.context}});
   }
-  out << root.dump(1) << "\n";
+  out << (open.empty() ? "" : "]") << "}\n";
 }
 
 }  // namespace sim

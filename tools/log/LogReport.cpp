@@ -384,7 +384,13 @@ void printAnalysis(std::ostream& out, const Analysis& a) {
 
 void writeTrace(std::ostream& out, const Run& r) {
   using json = nlohmann::json;
-  json events = json::array();
+  // Events are written as they are made: a long capture's trace never sits in memory whole.
+  bool first = true;
+  out << "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[";
+  auto emit = [&](const json& e) {
+    out << (first ? "" : ",") << e.dump();
+    first = false;
+  };
   const int pid = r.pid;
   auto us = [](Nanos ns) { return double(ns) / 1000.0; };
   // A thread serves the sensor most of its lines name; one that names several is the
@@ -399,22 +405,22 @@ void writeTrace(std::ostream& out, const Run& r) {
     }
     names[t.first] = best * 10 >= total * 9 ? "sensor " + std::to_string(sensor) : "pipeline";
   }
-  events.push_back({{"name", "process_name"},
-                    {"ph", "M"},
-                    {"pid", pid},
-                    {"tid", 0},
-                    {"args", {{"name", "camdeliver-log: process " + std::to_string(pid)}}}});
+  emit({{"name", "process_name"},
+        {"ph", "M"},
+        {"pid", pid},
+        {"tid", 0},
+        {"args", {{"name", "camdeliver-log: process " + std::to_string(pid)}}}});
   for (const auto& n : names) {
-    events.push_back({{"name", "thread_name"},
-                      {"ph", "M"},
-                      {"pid", pid},
-                      {"tid", n.first},
-                      {"args", {{"name", n.second}}}});
-    events.push_back({{"name", "thread_sort_index"},
-                      {"ph", "M"},
-                      {"pid", pid},
-                      {"tid", n.first},
-                      {"args", {{"sort_index", n.second == "pipeline" ? -1 : n.first}}}});
+    emit({{"name", "thread_name"},
+          {"ph", "M"},
+          {"pid", pid},
+          {"tid", n.first},
+          {"args", {{"name", n.second}}}});
+    emit({{"name", "thread_sort_index"},
+          {"ph", "M"},
+          {"pid", pid},
+          {"tid", n.first},
+          {"args", {{"sort_index", n.second == "pipeline" ? -1 : n.first}}}});
   }
   int eventTid = 0;
   for (const auto& n : names) {
@@ -425,32 +431,31 @@ void writeTrace(std::ostream& out, const Run& r) {
     int tid = st && st->tid >= 0 ? st->tid : int(j.sensor) + 1;
     std::string name = sf(j.sensor, j.frame);
     Nanos end = std::max(j.end, j.sent);
-    events.push_back({{"name", name},
-                      {"cat", "send"},
-                      {"ph", "X"},
-                      {"ts", us(j.sent)},
-                      {"dur", us(end - j.sent)},
-                      {"pid", pid},
-                      {"tid", tid}});
+    emit({{"name", name},
+          {"cat", "send"},
+          {"ph", "X"},
+          {"ts", us(j.sent)},
+          {"dur", us(end - j.sent)},
+          {"pid", pid},
+          {"tid", tid}});
     if (j.ran && j.start > j.sent) {
-      events.push_back(
-          {{"name", name + " isConfig:" + (j.kind == sim::JobKind::Configure ? "1" : "0")},
-           {"cat", "wait"},
-           {"ph", "X"},
-           {"ts", us(j.sent)},
-           {"dur", us(j.start - j.sent)},
-           {"pid", pid},
-           {"tid", tid}});
+      emit({{"name", name + " isConfig:" + (j.kind == sim::JobKind::Configure ? "1" : "0")},
+            {"cat", "wait"},
+            {"ph", "X"},
+            {"ts", us(j.sent)},
+            {"dur", us(j.start - j.sent)},
+            {"pid", pid},
+            {"tid", tid}});
     }
     if (j.ran) {
-      events.push_back({{"name", std::string(sim::jobKindName(j.kind)) + " " + name},
-                        {"cat", "job"},
-                        {"ph", "X"},
-                        {"ts", us(j.start)},
-                        {"dur", us(std::max(j.end, j.start) - j.start)},
-                        {"pid", pid},
-                        {"tid", tid},
-                        {"args", {{"fd", j.fd}}}});
+      emit({{"name", std::string(sim::jobKindName(j.kind)) + " " + name},
+            {"cat", "job"},
+            {"ph", "X"},
+            {"ts", us(j.start)},
+            {"dur", us(std::max(j.end, j.start) - j.start)},
+            {"pid", pid},
+            {"tid", tid},
+            {"args", {{"fd", j.fd}}}});
     }
   }
   // Flow arrows: from the partner's enqueue job whose end released a waiting enqueue (the
@@ -471,21 +476,21 @@ void writeTrace(std::ostream& out, const Run& r) {
     }
     if (!releaser || releaser->tid < 0 || st.tid < 0) continue;
     ++flowId;
-    events.push_back({{"name", "releases"},
-                      {"cat", "flow"},
-                      {"ph", "s"},
-                      {"id", flowId},
-                      {"ts", us(releaser->enqStart)},
-                      {"pid", pid},
-                      {"tid", releaser->tid}});
-    events.push_back({{"name", "releases"},
-                      {"cat", "flow"},
-                      {"ph", "f"},
-                      {"bp", "e"},
-                      {"id", flowId},
-                      {"ts", us(st.enqStart)},
-                      {"pid", pid},
-                      {"tid", st.tid}});
+    emit({{"name", "releases"},
+          {"cat", "flow"},
+          {"ph", "s"},
+          {"id", flowId},
+          {"ts", us(releaser->enqStart)},
+          {"pid", pid},
+          {"tid", releaser->tid}});
+    emit({{"name", "releases"},
+          {"cat", "flow"},
+          {"ph", "f"},
+          {"bp", "e"},
+          {"id", flowId},
+          {"ts", us(st.enqStart)},
+          {"pid", pid},
+          {"tid", st.tid}});
   }
   // Counters: frames in flight (first prepare to retirement) and enqueue sends waiting.
   std::vector<std::pair<Nanos, std::pair<int, int>>> marks;  // time -> (frames, waiting)
@@ -505,26 +510,26 @@ void writeTrace(std::ostream& out, const Run& r) {
   for (const auto& m : marks) {
     inFlight += m.second.first;
     waiting += m.second.second;
-    events.push_back({{"name", m.second.first ? "frames in flight" : "sends waiting"},
-                      {"cat", "counter"},
-                      {"ph", "C"},
-                      {"ts", us(m.first)},
-                      {"pid", pid},
-                      {"tid", eventTid},
-                      {"args", {{"value", m.second.first ? inFlight : waiting}}}});
+    emit({{"name", m.second.first ? "frames in flight" : "sends waiting"},
+          {"cat", "counter"},
+          {"ph", "C"},
+          {"ts", us(m.first)},
+          {"pid", pid},
+          {"tid", eventTid},
+          {"args", {{"value", m.second.first ? inFlight : waiting}}}});
   }
   for (const auto& e : r.history.events) {
     std::string name = e.kind == sim::EventKind::QueueFlush
                            ? std::string("flush()")
                            : std::string(sim::eventKindName(e.kind)) + " " + sf(e.sensor, e.frame) +
                                  " value:" + std::to_string(e.value);
-    events.push_back({{"name", name},
-                      {"cat", "event"},
-                      {"ph", "i"},
-                      {"s", "t"},
-                      {"ts", us(e.begin)},
-                      {"pid", pid},
-                      {"tid", eventTid}});
+    emit({{"name", name},
+          {"cat", "event"},
+          {"ph", "i"},
+          {"s", "t"},
+          {"ts", us(e.begin)},
+          {"pid", pid},
+          {"tid", eventTid}});
   }
   // Each frame's life, from its first prepare to the line that retired it.
   for (const auto& entry : r.frames) {
@@ -533,22 +538,22 @@ void writeTrace(std::ostream& out, const Run& r) {
     Nanos begin = fi.firstSeen;
     Nanos end = fi.retired ? fi.retiredAt : r.endAt;
     std::string name = "F:" + std::to_string(fi.frame);
-    events.push_back({{"name", name},
-                      {"cat", "frame"},
-                      {"ph", "b"},
-                      {"id", fi.frame},
-                      {"ts", us(begin)},
-                      {"pid", pid},
-                      {"tid", eventTid}});
-    events.push_back({{"name", name},
-                      {"cat", "frame"},
-                      {"ph", "e"},
-                      {"id", fi.frame},
-                      {"ts", us(std::max(end, begin))},
-                      {"pid", pid},
-                      {"tid", eventTid}});
+    emit({{"name", name},
+          {"cat", "frame"},
+          {"ph", "b"},
+          {"id", fi.frame},
+          {"ts", us(begin)},
+          {"pid", pid},
+          {"tid", eventTid}});
+    emit({{"name", name},
+          {"cat", "frame"},
+          {"ph", "e"},
+          {"id", fi.frame},
+          {"ts", us(std::max(end, begin))},
+          {"pid", pid},
+          {"tid", eventTid}});
   }
-  out << json{{"traceEvents", events}, {"displayTimeUnit", "ms"}}.dump() << "\n";
+  out << "]}\n";
 }
 
 void writeScenario(std::ostream& out, const Run& r) {
