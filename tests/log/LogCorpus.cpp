@@ -122,11 +122,11 @@ int main(int argc, char** argv) {
     lines.push_back({l.timeNs, l.pid, l.tid, l.level, std::string(l.tag), std::string(l.text)});
   }
   if (mode == "layout") {
-    std::stringstream format(argv[2]);
+    std::stringstream layoutArg(argv[2]);
     std::string layout, mod;
-    std::getline(format, layout, ',');
+    std::getline(layoutArg, layout, ',');
     std::set<std::string> mods;
-    while (std::getline(format, mod, ',')) mods.insert(mod);
+    while (std::getline(layoutArg, mod, ',')) mods.insert(mod);
     const char* end = mods.count("crlf") ? "\r\n" : "\n";
     for (const Line& l : lines) out << format(l, layout, mods) << end;
   } else if (mode == "sessions") {
