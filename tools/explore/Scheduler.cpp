@@ -36,58 +36,82 @@ const char* opKindName(OpKind kind) {
   return "?";
 }
 
-// ---- the real functions and the host platform's address range ------------------------------
+// ---- the real functions and the unmanaged libraries' address ranges ------------------------
 
-template <typename F>
-F realFn(const char* name) {
+void* realSymbol(const char* name) {
   void* p = dlsym(RTLD_NEXT, name);
   if (!p) {
     static const char msg[] = "camdeliver-explore: a pthread function is missing\n";
     (void)!write(2, msg, sizeof msg - 1);
     std::abort();
   }
-  return reinterpret_cast<F>(p);
+  return p;
 }
 
 namespace {
 
-#define REAL(name)                                                        \
-  static auto real = ::orvcam::explore::realFn<decltype(&::name)>(#name); \
-  return real
+// The pointer is a constant-initialised atomic, not a guarded static: libc++abi's guard for a
+// function-local static takes a pthread mutex, which would call back into the interposed
+// pthread_mutex_lock before its real function is known. It is kept as void* because GCC drops
+// the functions' attributes from a pointer type used as a class template's argument.
+#define REAL(name)                                                               \
+  static std::atomic<void*> real{nullptr};                                       \
+  if (!real.load(std::memory_order_acquire)) {                                   \
+    real.store(::orvcam::explore::realSymbol(#name), std::memory_order_release); \
+  }                                                                              \
+  return reinterpret_cast<decltype(&::name)>(real.load(std::memory_order_acquire))
 
-struct Range {
-  uintptr_t lo = UINTPTR_MAX;
-  uintptr_t hi = 0;
-};
+// Calls from these libraries are not scheduling points: the host platform (see Scheduler.h)
+// and libc++abi, whose guard of a function-local static takes a pthread mutex only on a
+// static's first use, which would make the first schedule's choices differ from the next
+// ones'. Their loaded segments are kept in constant-initialised atomics, not a guarded
+// static, for the same reason: a managed thread asks from inside the interposed
+// pthread_mutex_lock. Two threads that both find them unknown compute the same ranges.
+constexpr const char* kUnmanagedLibraries[] = {"liborvcam_platform_host", "libc++abi"};
+constexpr size_t kUnmanagedCount = sizeof kUnmanagedLibraries / sizeof kUnmanagedLibraries[0];
+std::atomic<uintptr_t> gUnmanagedLo[kUnmanagedCount] = {};
+std::atomic<uintptr_t> gUnmanagedHi[kUnmanagedCount] = {};
+std::atomic<bool> gUnmanagedKnown{false};
 
-// The loaded segments of the host platform library; empty when it is not loaded.
-const Range& hostRange() {
-  static const Range range = [] {
-    Range r;
+void findUnmanagedRanges() {
+  struct Range {
+    const char* name;
+    uintptr_t lo = UINTPTR_MAX;
+    uintptr_t hi = 0;
+  };
+  for (size_t i = 0; i < kUnmanagedCount; ++i) {
+    Range r{kUnmanagedLibraries[i]};
     dl_iterate_phdr(
         [](dl_phdr_info* info, size_t, void* data) {
-          if (!info->dlpi_name || !std::strstr(info->dlpi_name, "liborvcam_platform_host"))
-            return 0;
           auto* out = static_cast<Range*>(data);
-          for (int i = 0; i < info->dlpi_phnum; ++i) {
-            if (info->dlpi_phdr[i].p_type != PT_LOAD) continue;
-            uintptr_t lo = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
-            uintptr_t hi = lo + info->dlpi_phdr[i].p_memsz;
+          if (!info->dlpi_name || !std::strstr(info->dlpi_name, out->name)) return 0;
+          for (int j = 0; j < info->dlpi_phnum; ++j) {
+            if (info->dlpi_phdr[j].p_type != PT_LOAD) continue;
+            uintptr_t lo = info->dlpi_addr + info->dlpi_phdr[j].p_vaddr;
+            uintptr_t hi = lo + info->dlpi_phdr[j].p_memsz;
             if (lo < out->lo) out->lo = lo;
             if (hi > out->hi) out->hi = hi;
           }
           return 1;
         },
         &r);
-    return r;
-  }();
-  return range;
+    if (r.hi == 0) r.lo = 0;  // not loaded: an empty range
+    gUnmanagedLo[i].store(r.lo, std::memory_order_relaxed);
+    gUnmanagedHi[i].store(r.hi, std::memory_order_relaxed);
+  }
+  gUnmanagedKnown.store(true, std::memory_order_release);
 }
 
-bool fromHost(void* caller) {
-  const Range& r = hostRange();
+bool fromUnmanagedLibrary(void* caller) {
+  if (!gUnmanagedKnown.load(std::memory_order_acquire)) findUnmanagedRanges();
   auto a = reinterpret_cast<uintptr_t>(caller);
-  return a >= r.lo && a < r.hi;
+  for (size_t i = 0; i < kUnmanagedCount; ++i) {
+    if (a >= gUnmanagedLo[i].load(std::memory_order_relaxed) &&
+        a < gUnmanagedHi[i].load(std::memory_order_relaxed)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 // ---- futex batons ----------------------------------------------------------------------------
@@ -559,7 +583,7 @@ namespace {
 
 ex::Thread* managedCaller(void* caller) {
   ex::Thread* t = ex::tlsThread;
-  if (!t || ex::fromHost(caller)) return nullptr;
+  if (!t || ex::fromUnmanagedLibrary(caller)) return nullptr;
   return t;
 }
 
@@ -593,12 +617,18 @@ int pthread_mutex_trylock(pthread_mutex_t* m) {
   REAL(pthread_mutex_trylock)(m);
 }
 
+// A mutex the scheduler handed to the calling thread goes back to the scheduler whoever the
+// caller looks like: libc++'s out-of-line std::mutex::unlock may end in a tail call, so the
+// return address seen here is its caller's (the host platform, say), not libc++'s.
 int pthread_mutex_unlock(pthread_mutex_t* m) {
   void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) {
+  if (ex::Thread* t = ex::tlsThread) {
     auto it = ex::gRun->owners.find(m);
-    if (it != ex::gRun->owners.end() && it->second == t->id) ex::gRun->owners.erase(it);
-    return 0;
+    if (it != ex::gRun->owners.end() && it->second == t->id) {
+      ex::gRun->owners.erase(it);
+      return 0;
+    }
+    if (!ex::fromUnmanagedLibrary(ra)) return 0;
   }
   REAL(pthread_mutex_unlock)(m);
 }

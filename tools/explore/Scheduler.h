@@ -5,9 +5,9 @@
 //
 // How operations are caught: this program defines pthread_mutex_lock/trylock/unlock,
 // pthread_cond_wait/timedwait/clockwait/signal/broadcast and pthread_rwlock_* itself
-// (Scheduler.cpp) and exports them. libstdc++'s std::mutex, std::condition_variable and
+// (Scheduler.cpp) and exports them. The standard library's std::mutex, std::condition_variable and
 // std::shared_mutex call those functions, from inline code in the library and from
-// libstdc++.so, and the dynamic linker resolves every such call to this program's
+// libstdc++.so or libc++.so, and the dynamic linker resolves every such call to this program's
 // definitions. The library is compiled and linked unmodified.
 //
 // Limits, by design:
@@ -17,7 +17,12 @@
 // - Calls made from inside the host platform library (logger, pipe manager, properties,
 //   trace) go to glibc unchanged too: its locks are leaves that are never held across a
 //   scheduling point, so each host call is one atomic step of the calling thread. Exploring
-//   their orders would only reorder counter updates of a linearisable component.
+//   their orders would only reorder counter updates of a linearisable component. This holds
+//   where the host's locks are taken from inline code (libstdc++); libc++'s std::mutex::lock
+//   is out of line, so under libc++ the caller seen is libc++ and the host's locks are
+//   scheduling points too: more schedules, the same judgements.
+// - Calls from libc++abi (the guard of a function-local static's first use) go to glibc
+//   unchanged, so that every schedule offers the same choices whichever ran first.
 // - Only synchronisation is a scheduling point. Plain memory shared without a lock (a data
 //   race) is not explored; ThreadSanitizer covers that.
 // - Scheduling points are taken before a lock, try-lock, shared lock, wait and notify, and at a
