@@ -618,6 +618,11 @@ struct ClientRun::Impl {
   const sim::Scenario scenario;
   std::vector<FramePlan> plans;
   bool plain = false;
+  // Guards the client's state below in plain runs only (Outside and Inside above say when it
+  // is held); under the scheduler it is never taken, since one thread runs at a time. A
+  // contract that depends on `plain` is beyond clang's attributes, so the fields carry no
+  // ORVCAM_GUARDED_BY. It is released around every call into the library and taken inside
+  // the library's callbacks (jobs, the licence observer), so it comes after the library's locks.
   std::mutex plainMutex;
   std::condition_variable plainCond;
   std::shared_ptr<host::HostPipeMgr> pipeMgr;
@@ -719,7 +724,10 @@ sim::History ClientRun::end() {
   for (const auto& cam : d.scenario.sensors) h.sensors.push_back(cam.id);
   std::sort(h.sensors.begin(), h.sensors.end());
   h.plans = d.plans;
-  for (const auto& entry : d.pool->pool) h.framesLeftInPool.push_back(entry.first);
+  {
+    std::lock_guard<std::mutex> lock(d.pool->mutex);
+    for (const auto& entry : d.pool->pool) h.framesLeftInPool.push_back(entry.first);
+  }
   h.teardownAt = d.tick();
   d.deliver.reset();
   h.wallTime = d.tick();

@@ -11,11 +11,13 @@
 #include <thread>
 #include <unordered_map>
 
+#include "AnnotatedLock.h"
 #include "CamDeliver.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
 #include "Instrumentation.h"
+#include "ThreadAnnotations.h"
 
 namespace orvcam {
 namespace sim {
@@ -55,7 +57,11 @@ static_assert(uint32_t(EventKind::InformInflight) == cc::CamDeliver::InformInfli
 // - The pool's own mutex is read by run() only after every client thread has finished.
 // - `logs` entries are each written by one sensor thread; `events` by the pipeline thread;
 //   both are read by run() after the threads have been joined.
-// Helpers named ...Locked expect `mutex` held by the caller.
+// Helpers named ...Locked expect `mutex` held by the caller (ORVCAM_REQUIRES); functions that
+// take it themselves exclude it, through an AnnotatedLock so that clang's analysis follows the
+// lock across the condition-variable waits and the releases around library calls. The helpers
+// that release it around a library call (notify, emplaceFrameLocked) unlock the mutex itself and
+// relock it before they return (see AnnotatedLock.h).
 struct Runner::Impl {
   struct FrameState {
     std::shared_ptr<const cc::FrameContext> fc;
@@ -117,12 +123,12 @@ struct Runner::Impl {
                        [](const PlannedEvent* e) { return e->when == EventTiming::WhileRunning; });
   }
 
-  bool completeLocked(size_t idx) const {
+  bool completeLocked(size_t idx) const ORVCAM_REQUIRES(mutex) {
     return frames[idx].flushed || frames[idx].done.size() == plans[idx].sensors.size();
   }
 
   // A frame's async track from emplace to retirement, and the count of frames in flight.
-  void traceFrameLocked(size_t idx, bool emplaced) {
+  void traceFrameLocked(size_t idx, bool emplaced) ORVCAM_REQUIRES(mutex) {
     if (!options.trace) return;
     std::string name = "F:" + std::to_string(plans[idx].frame);
     if (emplaced) {
@@ -133,18 +139,18 @@ struct Runner::Impl {
     host::traceCounter("frames in flight", int64_t(inFlight));
   }
 
-  bool fullyPreparedLocked(size_t idx) const {
+  bool fullyPreparedLocked(size_t idx) const ORVCAM_REQUIRES(mutex) {
     return frames[idx].flushed || frames[idx].prepared.size() == plans[idx].sensors.size();
   }
 
   // A frame may be emplaced once the frame kPreparedWindow places before it is prepared by all
   // of its sensors; with first preparations in frame order, no frame can then drop out of the
   // deliverer's window of recently prepared frames while a sensor still has to prepare it.
-  bool mayEmplaceLocked(size_t idx) const {
+  bool mayEmplaceLocked(size_t idx) const ORVCAM_REQUIRES(mutex) {
     return idx < kPreparedWindow || fullyPreparedLocked(idx - kPreparedWindow);
   }
 
-  void markDoneLocked(uint32_t sensor, size_t idx) {
+  void markDoneLocked(uint32_t sensor, size_t idx) ORVCAM_REQUIRES(mutex) {
     if (!frames[idx].done.insert(sensor).second || frames[idx].flushed) return;
     if (completeLocked(idx)) {
       --inFlight;
@@ -165,7 +171,7 @@ struct Runner::Impl {
   // Whether the sensor may send frame `idx` now: it prepared it itself; the pipeline does not
   // hold the frame; the other sensors prepared it (with early sends: on a raw-switch frame,
   // the off sensor did); a racing drop of another sensor of the frame has been reported.
-  bool maySendLocked(uint32_t sensor, size_t idx) const {
+  bool maySendLocked(uint32_t sensor, size_t idx) const ORVCAM_REQUIRES(mutex) {
     if (idx >= gate) return false;
     const FramePlan& p = plans[idx];
     const FrameState& f = frames[idx];
@@ -189,13 +195,14 @@ struct Runner::Impl {
 
   // Asks the pipeline thread to report the sensor's drop of frame `idx`; with `wait`, returns
   // once it has been reported.
-  void requestDrop(SensorLog& log, uint32_t sensor, size_t idx, bool wait) {
-    std::unique_lock<std::mutex> lock(mutex);
+  void requestDrop(SensorLog& log, uint32_t sensor, size_t idx, bool wait) ORVCAM_EXCLUDES(mutex) {
+    AnnotatedLock lock(mutex);
     dropRequests.push_back({sensor, idx});
     cond.notify_all();
     if (!wait) return;
     log.set(Activity::WaitingForDrop, plans[idx].frame);
-    cond.wait(lock, [&] { return frames[idx].dropReported.count(sensor) > 0; });
+    cond.wait(lock.native(),
+              [&]() ORVCAM_REQUIRES(mutex) { return frames[idx].dropReported.count(sensor) > 0; });
   }
 
   void configureStep(SensorLog& log, uint32_t sensor, const FramePlan& p, bool byJob,
@@ -236,7 +243,7 @@ struct Runner::Impl {
   // Sends the frame's configure step and enqueue job, or has it dropped. True when the sensor
   // itself is done with the frame; false when the pipeline thread marks it done with the drop.
   bool sendFrame(uint32_t sensor, size_t idx, SensorLog& log, std::mt19937_64& rng,
-                 const DurationModel& duration) {
+                 const DurationModel& duration) ORVCAM_EXCLUDES(mutex) {
     const FramePlan& p = plans[idx];
     const EventTiming* drop = dropFor(sensor, p.frame);
     bool needCfg = p.needCfg.count(sensor) > 0;
@@ -269,7 +276,7 @@ struct Runner::Impl {
 
   // Prepares every frame of the sensor as soon as the client allows it, and sends them in
   // order once maySendLocked() lets it.
-  void sensorLoop(const SensorSetup& cam) {
+  void sensorLoop(const SensorSetup& cam) ORVCAM_EXCLUDES(mutex) {
     if (options.trace) host::traceThreadName("sensor " + std::to_string(cam.id));
     SensorLog& log = *logs[cam.id];
     std::mt19937_64 rng(options.seed * 0x9E3779B97F4A7C15ull + cam.id + 1);
@@ -279,7 +286,7 @@ struct Runner::Impl {
       if (plans[i].participates(cam.id)) mine.push_back(i);
     }
     size_t prepPos = 0, sendPos = 0;
-    std::unique_lock<std::mutex> lock(mutex);
+    AnnotatedLock lock(mutex);
     while (sendPos < mine.size()) {
       while (prepPos < mine.size() && frames[mine[prepPos]].emplaced) {
         size_t idx = mine[prepPos];
@@ -317,7 +324,7 @@ struct Runner::Impl {
       }
       log.set(Activity::Idle, plans[idx].frame);
       if (!maySendLocked(cam.id, idx)) {
-        cond.wait(lock);
+        cond.wait(lock.native());
         continue;
       }
       lock.unlock();
@@ -344,13 +351,13 @@ struct Runner::Impl {
     return e;
   }
 
-  // Caller holds `lock`; it is released around the deliverer's call.
-  void notify(std::unique_lock<std::mutex>& lock, EventRecord& e) {
+  // Releases `mutex` around the deliverer's call.
+  void notify(EventRecord& e) ORVCAM_REQUIRES(mutex) {
     if (options.trace) {
       host::traceInstant(std::string(eventKindName(e.kind)) + " " +
                          sensorFrameName(e.sensor, e.frame) + " value:" + std::to_string(e.value));
     }
-    lock.unlock();
+    mutex.unlock();
     e.begin = now();
     if (e.kind == EventKind::QueueFlush) {
       deliver->flush(e.sensor);
@@ -361,13 +368,13 @@ struct Runner::Impl {
       deliver->notifyEvent(cc::CamDeliver::EventType(e.kind), e.sensor, e.frame, e.value);
     }
     e.end = now();
-    lock.lock();
+    mutex.lock();
     touch();
   }
 
-  void reportDropLocked(std::unique_lock<std::mutex>& lock, uint32_t sensor, size_t idx) {
+  void reportDropLocked(uint32_t sensor, size_t idx) ORVCAM_REQUIRES(mutex) {
     EventRecord& e = newEvent(EventKind::Drop, sensor, plans[idx].frame, 0);
-    notify(lock, e);
+    notify(e);
     frames[idx].dropReported.insert(sensor);
     markDoneLocked(sensor, idx);
     cond.notify_all();
@@ -375,12 +382,12 @@ struct Runner::Impl {
 
   // Reports the drops that are due: those the sensor threads ask for, racing drops whose send
   // has been issued, late drops whose frame has finished. True when it reported any.
-  bool reportDueDropsLocked(std::unique_lock<std::mutex>& lock) {
+  bool reportDueDropsLocked() ORVCAM_REQUIRES(mutex) {
     bool any = false;
     while (!dropRequests.empty()) {
       auto request = dropRequests.front();
       dropRequests.pop_front();
-      reportDropLocked(lock, request.first, request.second);
+      reportDropLocked(request.first, request.second);
       any = true;
     }
     for (auto it = racingDrops.begin(); it != racingDrops.end();) {
@@ -390,7 +397,7 @@ struct Runner::Impl {
       } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
         auto request = *it;
         it = racingDrops.erase(it);
-        reportDropLocked(lock, request.first, request.second);
+        reportDropLocked(request.first, request.second);
         any = true;
         it = racingDrops.begin();
       } else {
@@ -402,7 +409,7 @@ struct Runner::Impl {
         auto request = *it;
         it = lateDrops.erase(it);
         EventRecord& e = newEvent(EventKind::Drop, request.first, plans[request.second].frame, 0);
-        notify(lock, e);
+        notify(e);
         any = true;
         it = lateDrops.begin();
       } else {
@@ -414,23 +421,23 @@ struct Runner::Impl {
 
   // Waits for `pred` and, when given, for `deadline`, reporting the due drops meanwhile.
   template <typename Pred>
-  void waitUntilLocked(std::unique_lock<std::mutex>& lock, SimClock::time_point deadline,
-                       Pred pred) {
+  void waitUntilLocked(AnnotatedLock& lock, SimClock::time_point deadline, Pred pred)
+      ORVCAM_REQUIRES(mutex) {
     for (;;) {
-      if (reportDueDropsLocked(lock)) continue;
+      if (reportDueDropsLocked()) continue;
       bool due = SimClock::now() >= deadline;
       if (due && pred()) return;
       if (!due) {
-        cond.wait_until(lock, deadline);
+        cond.wait_until(lock.native(), deadline);
       } else {
-        cond.wait(lock);
+        cond.wait(lock.native());
       }
     }
   }
 
   // The frames the deliverer may name for an in-flight report of `sensor`: those in flight
   // that hold the sensor in their sync list and are not yet broken.
-  std::vector<size_t> syncFramesLocked(uint32_t sensor) const {
+  std::vector<size_t> syncFramesLocked(uint32_t sensor) const ORVCAM_REQUIRES(mutex) {
     std::vector<size_t> out;
     for (size_t i = 0; i < frames.size(); ++i) {
       if (frames[i].emplaced && !completeLocked(i) && !frames[i].syncBroken &&
@@ -444,8 +451,9 @@ struct Runner::Impl {
   // An in-flight report with value 0 while sends go on. Its preconditions: every frame it
   // will name has its licences queued (is first-prepared) and none of them is a configure
   // frame, whose configure licences must not meet a descriptor change.
-  void reportWhileRunningLocked(std::unique_lock<std::mutex>& lock, const PlannedEvent& ev) {
-    waitUntilLocked(lock, SimClock::time_point::min(), [&] {
+  void reportWhileRunningLocked(AnnotatedLock& lock, const PlannedEvent& ev)
+      ORVCAM_REQUIRES(mutex) {
+    waitUntilLocked(lock, SimClock::time_point::min(), [&]() ORVCAM_REQUIRES(mutex) {
       for (size_t i : syncFramesLocked(ev.sensor)) {
         if (!frames[i].firstPrepareDone || !plans[i].needCfg.empty()) return false;
       }
@@ -457,10 +465,10 @@ struct Runner::Impl {
       e.frames.push_back(plans[i].frame);
       frames[i].syncBroken = true;
     }
-    notify(lock, e);
+    notify(e);
   }
 
-  void emplaceFrameLocked(std::unique_lock<std::mutex>& lock, size_t idx) {
+  void emplaceFrameLocked(AnnotatedLock& lock, size_t idx) ORVCAM_REQUIRES(mutex) {
     const FramePlan& p = plans[idx];
     auto it = eventsAt.find(idx);
     if (it != eventsAt.end()) {
@@ -469,7 +477,7 @@ struct Runner::Impl {
         if (ev->when == EventTiming::WhileRunning) {
           reportWhileRunningLocked(lock, *ev);
         } else {
-          notify(lock, newEvent(ev->kind, ev->sensor, ev->frame, ev->value));
+          notify(newEvent(ev->kind, ev->sensor, ev->frame, ev->value));
         }
       }
     }
@@ -485,9 +493,9 @@ struct Runner::Impl {
     std::set<uint32_t> all(p.sensors.begin(), p.sensors.end());
     auto fc = std::make_shared<const cc::FrameContext>(p.frame, p.syncList, all, std::move(states),
                                                        p.isRawSwitch());
-    lock.unlock();
+    mutex.unlock();
     pool->emplace(p.frame, fc);
-    lock.lock();
+    mutex.lock();
     frames[idx].fc = fc;
     frames[idx].emplaced = true;
     ++inFlight;
@@ -500,13 +508,13 @@ struct Runner::Impl {
   // A flush or an in-flight report at a barrier: hold every send from this frame on, let the
   // earlier frames finish, emplace the next frames and let every sensor prepare them, then
   // report with no thread inside the deliverer.
-  void runHeldEventsLocked(std::unique_lock<std::mutex>& lock, size_t idx) {
+  void runHeldEventsLocked(AnnotatedLock& lock, size_t idx) ORVCAM_REQUIRES(mutex) {
     const std::vector<const PlannedEvent*>& evs = eventsAt[idx];
     uint32_t frameNo = plans[idx].frame;
     if (options.trace) host::traceBegin("hold sends from F:" + std::to_string(frameNo));
     gate = idx;
     cond.notify_all();
-    waitUntilLocked(lock, SimClock::time_point::min(), [&] {
+    waitUntilLocked(lock, SimClock::time_point::min(), [&]() ORVCAM_REQUIRES(mutex) {
       for (size_t i = 0; i < idx; ++i) {
         if (!completeLocked(i)) return false;
       }
@@ -527,7 +535,7 @@ struct Runner::Impl {
       if (configures) break;
       emplaceFrameLocked(lock, end++);
     }
-    waitUntilLocked(lock, SimClock::time_point::min(), [&] {
+    waitUntilLocked(lock, SimClock::time_point::min(), [&]() ORVCAM_REQUIRES(mutex) {
       for (size_t i = idx; i < end; ++i) {
         if (frames[i].prepared.size() < plans[i].sensors.size()) return false;
       }
@@ -548,7 +556,7 @@ struct Runner::Impl {
         for (size_t i = idx; i < end; ++i) {
           if (plans[i].syncList.count(ev->sensor)) frames[i].syncBroken = true;
         }
-        notify(lock, e);
+        notify(e);
         continue;
       }
       // The deliverer's flush() hands back every sensor's queued licences, so every sensor's
@@ -560,11 +568,11 @@ struct Runner::Impl {
       for (uint32_t s : order) {
         EventRecord& e = newEvent(EventKind::Flush, s, frameNo, ev->value);
         e.frames = pending;
-        notify(lock, e);
+        notify(e);
       }
       EventRecord& q = newEvent(EventKind::QueueFlush, ev->sensor, frameNo, 0);
       q.frames = pending;
-      notify(lock, q);
+      notify(q);
       for (size_t i = idx; i < end; ++i) {
         if (completeLocked(i)) continue;
         frames[i].flushed = true;
@@ -578,27 +586,29 @@ struct Runner::Impl {
     if (options.trace) host::traceEnd("hold sends from F:" + std::to_string(frameNo));
   }
 
-  void pipelineLoop() {
+  void pipelineLoop() ORVCAM_EXCLUDES(mutex) {
     if (options.trace) host::traceThreadName("pipeline");
-    std::unique_lock<std::mutex> lock(mutex);
+    AnnotatedLock lock(mutex);
     auto interval = std::chrono::microseconds(scenario.frameIntervalUs);
     for (size_t idx = 0; idx < plans.size(); ++idx) {
       if (frames[idx].emplaced) continue;
-      waitUntilLocked(lock, t0 + interval * int64_t(idx),
-                      [&] { return inFlight < scenario.maxInFlight && mayEmplaceLocked(idx); });
+      waitUntilLocked(lock, t0 + interval * int64_t(idx), [&]() ORVCAM_REQUIRES(mutex) {
+        return inFlight < scenario.maxInFlight && mayEmplaceLocked(idx);
+      });
       if (hasGatedEvent(idx)) {
         runHeldEventsLocked(lock, idx);
       } else {
         emplaceFrameLocked(lock, idx);
       }
     }
-    waitUntilLocked(lock, SimClock::time_point::min(),
-                    [&] { return framesDone == plans.size() && lateDrops.empty(); });
+    waitUntilLocked(lock, SimClock::time_point::min(), [&]() ORVCAM_REQUIRES(mutex) {
+      return framesDone == plans.size() && lateDrops.empty();
+    });
   }
 
   // ---- the run ---------------------------------------------------------------------------
 
-  std::string stallReport() {
+  std::string stallReport() ORVCAM_EXCLUDES(mutex) {
     std::string out =
         "the run made no progress for " + std::to_string(watchdog.timeout().count()) + " ms:\n";
     for (const auto& entry : logs) {
@@ -640,18 +650,20 @@ struct Runner::Impl {
   std::atomic<uint64_t> jobsRun{0};
   std::atomic<size_t> running{0};  // client threads not yet finished
 
+  // Taken by the pipeline thread, the sensor threads and run()'s progress reports; never held
+  // across a call into the deliverer or the pool (see above).
   std::mutex mutex;
   std::condition_variable cond;
-  std::vector<FrameState> frames;
-  size_t gate = kNoGate;  // sends of frame indices from here on are held
-  size_t inFlight = 0;
-  uint32_t framesEmplaced = 0;
-  uint32_t framesDone = 0;
-  size_t nextFirstPrepare = 0;  // the frame whose first preparation comes next
-  bool firstPrepareBusy = false;
-  std::deque<std::pair<uint32_t, size_t>> dropRequests;  // (sensor, frame index)
-  std::vector<std::pair<uint32_t, size_t>> racingDrops;  // not yet reported
-  std::vector<std::pair<uint32_t, size_t>> lateDrops;    // not yet reported
+  std::vector<FrameState> frames ORVCAM_GUARDED_BY(mutex);
+  size_t gate ORVCAM_GUARDED_BY(mutex) = kNoGate;  // sends of frame indices from here on are held
+  size_t inFlight ORVCAM_GUARDED_BY(mutex) = 0;
+  uint32_t framesEmplaced ORVCAM_GUARDED_BY(mutex) = 0;
+  uint32_t framesDone ORVCAM_GUARDED_BY(mutex) = 0;
+  size_t nextFirstPrepare ORVCAM_GUARDED_BY(mutex) = 0;  // whose first preparation comes next
+  bool firstPrepareBusy ORVCAM_GUARDED_BY(mutex) = false;
+  std::deque<std::pair<uint32_t, size_t>> dropRequests ORVCAM_GUARDED_BY(mutex);  // sensor, index
+  std::vector<std::pair<uint32_t, size_t>> racingDrops ORVCAM_GUARDED_BY(mutex);  // unreported
+  std::vector<std::pair<uint32_t, size_t>> lateDrops ORVCAM_GUARDED_BY(mutex);    // unreported
 
   std::deque<EventRecord> events;  // pipeline thread only
 };
