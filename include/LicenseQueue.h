@@ -26,7 +26,7 @@ class ORVCAM_CAMDELIVER_API LicenseQueue {
 
   LicenseQueue();
   // Aborts when licences are left: the owner hands them back with clear() first.
-  virtual ~LicenseQueue();
+  virtual ~LicenseQueue();  // NOLINT(bugprone-exception-escape): ends the process, see there
   LicenseQueue(const LicenseQueue&) = delete;
   LicenseQueue& operator=(const LicenseQueue&) = delete;
 

@@ -57,8 +57,8 @@ inline void emit(const char* tag, cam_debug_level_t dbgLevel, int ulogLevel, con
   char buf[kLineSize];
   if ((ULogger::sMode & kModeDebugPrint) && g_logInfoLv[dbgLevel].enable) {
     memset(buf, 0, sizeof(buf));
-    snprintf(buf, sizeof(buf), "%s[%s] %s:%d %s() %s", g_logInfoLv[dbgLevel].prefix, tag,
-             get_filename_log_control(file), line, func, fmt);
+    (void)snprintf(buf, sizeof(buf), "%s[%s] %s:%d %s() %s", g_logInfoLv[dbgLevel].prefix, tag,
+                   get_filename_log_control(file), line, func, fmt);
     log_dbg_print(tag, dbgLevel, buf, func, args...);
   }
   if (ULogger::sMode & kModeULogger) {

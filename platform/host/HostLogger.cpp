@@ -44,13 +44,14 @@ LoggerState& state() {
 
 // Decimal or 0x-prefixed hex; anything else (or nothing) gives `fallback`.
 long envNumber(const char* name, long fallback) {
-  const char* text = getenv(name);
+  // Read by the start-up settings only, before any thread can call setenv().
+  const char* text = getenv(name);  // NOLINT(concurrency-mt-unsafe)
   if (text == nullptr || *text == 0) return fallback;
   errno = 0;
   char* end = nullptr;
   long long value = strtoll(text, &end, 0);
   if (end == text || *end != 0 || errno == ERANGE) {
-    fprintf(stderr, "orvcam: ignoring %s=\"%s\": not a number\n", name, text);
+    (void)fprintf(stderr, "orvcam: ignoring %s=\"%s\": not a number\n", name, text);
     return fallback;
   }
   return static_cast<long>(value);
@@ -71,7 +72,7 @@ struct EnvSettings {
     NSCam::Utils::ULog::ULogger::sMode =
         static_cast<int>(envNumber("ORVCAM_ULOG_MODE", kDefaultMode));
   }
-} gEnvSettings;
+} gEnvSettings;  // NOLINT(cert-err58-cpp): a failure this early ends the process either way
 
 // The process id and each thread's id are read once; a forked child reads them again (the
 // generation tells a thread that its cached id belongs to the parent).
@@ -270,7 +271,7 @@ void ULogger::print(uint32_t /*moduleId*/, const char* tag, int level, const cha
   writeLine(ulogLevelLetter(level), tag, text ? text : "", n, orvcam::host::LogLine::Sink::ULogger);
 }
 
-void ULogger::flush(int /*flag*/) { fflush(stderr); }
+void ULogger::flush(int /*flag*/) { (void)fflush(stderr); }
 
 }  // namespace ULog
 }  // namespace Utils
@@ -318,14 +319,14 @@ void __android_log_assert(const char* cond, const char* tag, const char* fmt, ..
     va_end(copy);
     if (n > 0) {
       std::string text(static_cast<size_t>(n) + 1, '\0');
-      vsnprintf(&text[0], text.size(), fmt, ap);
+      (void)vsnprintf(&text[0], text.size(), fmt, ap);  // measured above
       text.resize(static_cast<size_t>(n));
       message += text;
     }
     va_end(ap);
   }
   writeLine('F', tag, message.data(), message.size(), orvcam::host::LogLine::Sink::Assert);
-  fflush(stderr);
+  (void)fflush(stderr);
   // abort() skips the exit handlers, and its signal handler may do only what is
   // async-signal-safe: the trace is finished here, where locks and stdio are still allowed.
   orvcam::host::finishTraceBeforeAbort();

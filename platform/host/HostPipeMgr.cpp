@@ -54,7 +54,9 @@ void notify(const std::shared_ptr<const Observer>& observer, LicenseEvent event,
 
 }  // namespace
 
-HostLicense::~HostLicense() {
+// The lock and the observer (no-throw by contract) could only throw on a broken mutex or a
+// broken observer, which ends the process either way.
+HostLicense::~HostLicense() {  // NOLINT(bugprone-exception-escape)
   if (mReleased) return;
   std::shared_ptr<const Observer> observer;
   {

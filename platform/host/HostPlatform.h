@@ -168,7 +168,7 @@ class HostLicense : public IRequestLicense {
  public:
   int32_t getFD() const override { return mFd; }
   uint64_t serial() const { return mSerial; }
-  ~HostLicense() override;
+  ~HostLicense() override;  // NOLINT(bugprone-exception-escape): see its definition
 
  private:
   friend class HostPipeMgr;

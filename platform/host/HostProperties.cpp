@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <system_error>
 #include <utility>
 
 #include "HostPlatform.h"
@@ -33,12 +34,12 @@ PropertyStore& store() {
   // Unchecked: the store is filled before any other thread can see it.
   static PropertyStore* s = []() ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
     auto* created = new PropertyStore;
-    const char* path = getenv("ORVCAM_PROPERTY_FILE");
+    const char* path = getenv("ORVCAM_PROPERTY_FILE");  // NOLINT(concurrency-mt-unsafe): once
     if (path != nullptr && *path != 0) {
       std::string error;
       if (!parsePropertyFile(path, &created->values, &error)) {
         created->values.clear();
-        fprintf(
+        (void)fprintf(
             stderr, "%s\n",
             formatLogcatLine('E', "OrvCam/HostPlatform", "ORVCAM_PROPERTY_FILE: " + error).c_str());
       }
@@ -61,7 +62,7 @@ bool parsePropertyFile(const std::string& path, std::map<std::string, std::strin
                        std::string* error) {
   std::ifstream in(path);
   if (!in) {
-    if (error) *error = path + ": cannot open: " + strerror(errno);
+    if (error) *error = path + ": cannot open: " + std::generic_category().message(errno);
     return false;
   }
   std::map<std::string, std::string> parsed;

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "HostPlatform.h"
@@ -30,13 +31,14 @@ constexpr int kTraceEnd = 6;
 constexpr const char* kHostCategory = "orvcam";
 
 uint64_t envTags() {
-  const char* text = getenv("ORVCAM_TRACE_TAGS");
+  // Read by the start-up settings only, before any thread can call setenv().
+  const char* text = getenv("ORVCAM_TRACE_TAGS");  // NOLINT(concurrency-mt-unsafe)
   if (text == nullptr || *text == 0) return 0;
   char* end = nullptr;
   errno = 0;
   unsigned long long value = strtoull(text, &end, 0);
   if (end == text || *end != 0 || errno == ERANGE) {
-    fprintf(stderr, "orvcam: ignoring ORVCAM_TRACE_TAGS=\"%s\": not a number\n", text);
+    (void)fprintf(stderr, "orvcam: ignoring ORVCAM_TRACE_TAGS=\"%s\": not a number\n", text);
     return 0;
   }
   return value;
@@ -114,7 +116,7 @@ std::string jsonString(const char* text) {
       default:
         if (c < 0x20) {
           char esc[8];
-          snprintf(esc, sizeof(esc), "\\u%04x", c);
+          (void)snprintf(esc, sizeof(esc), "\\u%04x", c);  // 6 characters
           out += esc;
         } else {
           out += static_cast<char>(c);
@@ -134,14 +136,14 @@ void writeEvent(const char* name, const char* category, char phase, const std::s
   std::lock_guard<std::mutex> lock(s.mutex);
   if (s.fd < 0) return;
   char head[128];
-  snprintf(head, sizeof(head), "%s{\"name\":", s.firstEvent ? "" : ",\n");
+  (void)snprintf(head, sizeof(head), "%s{\"name\":", s.firstEvent ? "" : ",\n");
   s.pending += head;
   s.pending += nameJson;
   s.pending += ",\"cat\":";
   s.pending += catJson;
   char fields[128];
-  snprintf(fields, sizeof(fields), ",\"ph\":\"%c\",\"ts\":%lld,\"pid\":%d,\"tid\":%d", phase,
-           nowMicros(), s.pid, tid);
+  (void)snprintf(fields, sizeof(fields), ",\"ph\":\"%c\",\"ts\":%lld,\"pid\":%d,\"tid\":%d", phase,
+                 nowMicros(), s.pid, tid);
   s.pending += fields;
   s.pending += extra;
   s.pending += '}';
@@ -200,14 +202,15 @@ int sortIndexFor(const std::string& name) {
 
 struct StartUpTraceFile {
   StartUpTraceFile() {
-    const char* path = getenv("ORVCAM_TRACE_FILE");
+    const char* path = getenv("ORVCAM_TRACE_FILE");  // NOLINT(concurrency-mt-unsafe): start-up
     if (path == nullptr || *path == 0) return;
     std::string error;
     if (!openTraceFile(path, &error))
-      fprintf(stderr, "%s\n",
-              formatLogcatLine('E', "OrvCam/HostPlatform", "ORVCAM_TRACE_FILE: " + error).c_str());
+      (void)fprintf(
+          stderr, "%s\n",
+          formatLogcatLine('E', "OrvCam/HostPlatform", "ORVCAM_TRACE_FILE: " + error).c_str());
   }
-} gStartUpTraceFile;
+} gStartUpTraceFile;  // NOLINT(cert-err58-cpp): a failure this early ends the process either way
 
 }  // namespace
 
@@ -219,7 +222,7 @@ bool openTraceFile(const std::string& path, std::string* error) {
   closeLocked(s);
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) {
-    if (error) *error = path + ": " + strerror(errno);
+    if (error) *error = path + ": " + std::generic_category().message(errno);
     return false;
   }
   s.fd = fd;
@@ -233,7 +236,8 @@ bool openTraceFile(const std::string& path, std::string* error) {
   s.open.store(true, std::memory_order_relaxed);
   if (!s.atExitRegistered) {
     s.atExitRegistered = true;
-    std::atexit(closeAtExit);
+    // Without it the trace only lacks its closing bytes, which the reader tolerates.
+    (void)std::atexit(closeAtExit);
   }
   if (!s.abortHandlerInstalled) {
     s.abortHandlerInstalled = true;
