@@ -4,6 +4,8 @@
 //   log_corpus sessions N IN OUT [newtids]        the run N times in one process, 10 s apart
 //   log_corpus backwards IN OUT                   every 7th line stamped 3 ms early
 //   log_corpus midnight IN OUT                    the run moved to cross a new year
+//   log_corpus bugreport IN OUT                   inside a bugreport's text, as its system log
+//                                                 section (uid, printable) among other sections
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -103,7 +105,7 @@ std::string format(const Line& l, const std::string& layout, const std::set<std:
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::cerr << "usage: log_corpus layout|sessions|backwards|midnight ... IN OUT\n";
+    std::cerr << "usage: log_corpus layout|sessions|backwards|midnight|bugreport ... IN OUT\n";
     return 2;
   }
   std::string mode = argv[1];
@@ -154,6 +156,45 @@ int main(int argc, char** argv) {
       l.ns = (l.ns - start + yearEnd - 50000000) % yearEnd;
       out << format(l, "threadtime", {}) << "\n";
     }
+  } else if (mode == "bugreport") {
+    // What dumpstate writes around the main buffer: a header, other sections before and after,
+    // buffer markers, other processes' lines and an event log whose lines are not the
+    // deliverer's, then dumpsys text that is not logcat at all.
+    out << "========================================================\n"
+        << "== dumpstate: 2026-11-24 03:07:51\n"
+        << "========================================================\n\n"
+        << "Build: UP1A.231005.007\nUptime: up 0 weeks, 0 days, 2 hours, 3 minutes\n\n"
+        << "------ KERNEL LOG (dmesg) ------\n"
+        << "<6>[ 1234.567890] binder: 7792:7795 transaction failed 29189/-22\n"
+        << "------ 0.020s was the duration of 'KERNEL LOG (dmesg)' ------\n"
+        << "------ SYSTEM LOG (logcat -v threadtime -v printable -v uid -d *:v) ------\n"
+        << "--------- beginning of main\n";
+    std::set<std::string> mods{"uid", "printable"};
+    for (size_t i = 0; i < lines.size(); ++i) {
+      out << format(lines[i], "threadtime", mods) << "\n";
+      if (i % 5 == 2) {
+        Line other = lines[i];
+        other.pid = 1234;
+        other.tid = 1250;
+        other.tag = "CameraService";
+        other.text = "onTorchStatusChanged: S:0 F:" + std::to_string(i) + " prepare";
+        out << format(other, "threadtime", mods) << "\n";
+      }
+      if (i == lines.size() / 2) out << "--------- beginning of system\n";
+    }
+    out << "------ 0.512s was the duration of 'SYSTEM LOG' ------\n"
+        << "------ EVENT LOG (logcat -b events -v threadtime -v printable -v uid -d *:v) ------\n";
+    for (size_t i = 0; i < lines.size(); i += 9) {
+      Line event = lines[i];
+      event.tag = "am_proc_start";
+      event.level = 'I';
+      event.text = "[0,7792,1047,camera,service,{OrvCam/CamDeliver}]";
+      out << format(event, "threadtime", mods) << "\n";
+    }
+    out << "------ 0.050s was the duration of 'EVENT LOG' ------\n"
+        << "------ DUMPSYS (dumpsys media.camera) ------\n"
+        << "  OrvCam/CamDeliver: [S:0 F:3] state dump follows\n"
+        << "    F:3 sync {0,1} inMap {0,1}\n";
   } else {
     std::cerr << "log_corpus: unknown mode " << mode << "\n";
     return 2;

@@ -1,8 +1,8 @@
 #!/bin/sh
 # The simulator's debug log of one scenario, turned into the shapes field logs arrive in (every
-# logcat layout and modifier, several sessions in one process, time stamps out of order, a new
-# year crossed, cuts at every line), reads back with the simulator's per-sensor counts and no
-# false finding.
+# logcat layout and modifier, a bugreport, several sessions in one process, time stamps out of
+# order, a new year crossed, cuts at every line), reads back with the simulator's per-sensor
+# counts and no false finding.
 # A scenario whose client sends no-frame enqueues is given "noframe" as sixth argument: those
 # write no line unless they wait, so the enqueued column is left out of the comparison.
 #   corpus.sh SIM LOG CORPUS SCENARIO WORKDIR [noframe]
@@ -41,6 +41,8 @@ read_back "$work/sessions-newtids.log" "$(printf '%s\n%s' "$expected" "$expected
 read_back "$work/backwards.log" "$expected"
 "$corpus" midnight "$work/run.log" "$work/midnight.log"
 read_back "$work/midnight.log" "$expected"
+"$corpus" bugreport "$work/run.log" "$work/bugreport.txt"
+read_back "$work/bugreport.txt" "$expected"
 # A capture cut at any line is never a hang.
 total=$(wc -l <"$work/run.log")
 i=1
