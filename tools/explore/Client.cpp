@@ -10,6 +10,7 @@
 #include <unordered_map>
 
 #include "CamDeliver.h"
+#include "ClientModel.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
@@ -30,25 +31,11 @@ std::string unsupportedFeature(const sim::Scenario& scenario) {
   return "";
 }
 
-namespace {
-constexpr size_t kNoGate = SIZE_MAX;
-constexpr size_t kPreparedWindow = cc::CamDeliver::kPreparedFramesKept;
-}  // namespace
-
-// The simulator's client model (tools/sim/Runner.cpp) with the time taken out: every wait of
-// the client is a scheduler wait on a predicate over this state, which only the running
-// thread touches. Times in the history are a logical clock that ticks at every record.
+// The simulator's client (tools/sim/Runner.cpp, with the plan, state and rules of
+// tools/sim/ClientModel.h) with the time taken out: every wait of the client is a scheduler
+// wait on a predicate over this state, which only the running thread touches. Times in the history
+// are a logical clock that ticks at every record.
 struct ClientRun::Impl {
-  struct FrameState {
-    std::shared_ptr<const cc::FrameContext> fc;
-    bool emplaced = false;
-    bool flushed = false;
-    bool firstPrepareStarted = false;
-    bool firstPrepareDone = false;
-    bool syncBroken = false;
-    std::set<uint32_t> racing, racingSent, racingReturned, prepared, done, dropReported;
-  };
-
   // An enqueue job: notes its licence and hands it back when it has run.
   class EnqueueJob : public cc::ReqBaseJob {
    public:
@@ -103,7 +90,7 @@ struct ClientRun::Impl {
     size_t mRec;
   };
 
-  explicit Impl(const sim::Scenario& s) : scenario(s), plans(sim::planFrames(scenario)) {}
+  explicit Impl(const sim::Scenario& s) : scenario(s), plan(scenario), client(plan) {}
 
   // Without the scheduler (a plain run, the benchmark's baseline) the client's state is
   // guarded by `plainMutex`: a client thread holds it except inside the library's calls and
@@ -152,99 +139,23 @@ struct ClientRun::Impl {
 
   void reset() {
     clock = 0;
-    frames.assign(plans.size(), FrameState());
-    dropsPlanned.clear();
-    eventsAt.clear();
-    racingDrops.clear();
-    lateDrops.clear();
-    dropRequests.clear();
-    noFrameAfter.clear();
-    gate = kNoGate;
-    inFlight = 0;
-    framesDone = 0;
-    nextFirstPrepare = 0;
-    firstPrepareBusy = false;
+    client = sim::ClientState(plan);
     context = -1;
     jobs.clear();
     prepares.clear();
     setConfigured.clear();
     events.clear();
     licences.clear();
-    for (const auto& e : scenario.events) {
-      size_t idx = sim::planIndex(plans, e.frame);
-      if (e.kind == EventKind::Drop) {
-        dropsPlanned[{e.sensor, e.frame}] = e.when;
-        if (e.when == EventTiming::Racing) {
-          racingDrops.push_back({e.sensor, idx});
-          frames[idx].racing.insert(e.sensor);
-        }
-        if (e.when == EventTiming::Late) lateDrops.push_back({e.sensor, idx});
-      } else {
-        eventsAt[idx].push_back(&e);
-      }
-    }
-    for (const auto& n : scenario.noFrameSends) noFrameAfter.insert({n.sensor, n.after});
   }
 
-  static bool gated(const sim::PlannedEvent& e) {
-    return (e.kind == EventKind::Flush || (e.kind == EventKind::InformInflight && e.value == 0)) &&
-           e.when == EventTiming::Usual;
-  }
-  bool hasEventWhere(size_t idx, bool (*pred)(const sim::PlannedEvent&)) const {
-    auto it = eventsAt.find(idx);
-    return it != eventsAt.end() &&
-           std::any_of(it->second.begin(), it->second.end(),
-                       [pred](const sim::PlannedEvent* e) { return pred(*e); });
-  }
-  static bool whileRunning(const sim::PlannedEvent& e) {
-    return e.when == EventTiming::WhileRunning;
-  }
-  bool complete(size_t idx) const {
-    return frames[idx].flushed || frames[idx].done.size() == plans[idx].sensors.size();
-  }
-  bool fullyPrepared(size_t idx) const {
-    return frames[idx].flushed || frames[idx].prepared.size() == plans[idx].sensors.size();
-  }
-  bool mayEmplace(size_t idx) const {
-    return idx < kPreparedWindow || fullyPrepared(idx - kPreparedWindow);
-  }
-  void markDone(uint32_t sensor, size_t idx) {
-    if (!frames[idx].done.insert(sensor).second || frames[idx].flushed) return;
-    if (complete(idx)) {
-      --inFlight;
-      ++framesDone;
-    }
-  }
-  const EventTiming* dropFor(uint32_t sensor, uint32_t frame) const {
-    auto it = dropsPlanned.find({sensor, frame});
-    return it == dropsPlanned.end() ? nullptr : &it->second;
-  }
+  void markDone(uint32_t sensor, size_t idx) { client.markDone(sensor, idx); }
 
   // ---- sensor threads ----
 
-  bool maySend(uint32_t sensor, size_t idx) const {
-    if (idx >= gate) return false;
-    const FramePlan& p = plans[idx];
-    const FrameState& f = frames[idx];
-    if (!f.prepared.count(sensor)) return false;
-    if (!scenario.earlySends) {
-      if (f.prepared.size() < p.sensors.size()) return false;
-    } else if (p.isRawSwitch() && uint32_t(p.offSensor) != sensor &&
-               !f.prepared.count(uint32_t(p.offSensor))) {
-      return false;
-    }
-    if (!f.racing.count(sensor)) {
-      for (uint32_t r : f.racing) {
-        if (!f.racingReturned.count(r) || !f.dropReported.count(r)) return false;
-      }
-    }
-    return true;
-  }
-
   void requestDrop(uint32_t sensor, size_t idx, bool wait) {
-    dropRequests.push_back({sensor, idx});
+    client.dropRequests.push_back({sensor, idx});
     if (!wait) return;
-    waitUntil([&] { return frames[idx].dropReported.count(sensor) > 0; },
+    waitUntil([&] { return client.frames[idx].dropReported.count(sensor) > 0; },
               "its drop to be reported");
   }
 
@@ -294,8 +205,8 @@ struct ClientRun::Impl {
   }
 
   bool sendFrame(uint32_t sensor, size_t idx) {
-    const FramePlan& p = plans[idx];
-    const EventTiming* drop = dropFor(sensor, p.frame);
+    const FramePlan& p = plan.plans[idx];
+    const EventTiming* drop = plan.dropFor(sensor, p.frame);
     bool needCfg = p.needCfg.count(sensor) > 0;
     if (drop && *drop == EventTiming::BeforeConfigure) {
       requestDrop(sensor, idx, true);
@@ -308,61 +219,59 @@ struct ClientRun::Impl {
       return false;
     }
     bool racing = drop && *drop == EventTiming::Racing;
-    if (racing) frames[idx].racingSent.insert(sensor);
+    if (racing) client.frames[idx].racingSent.insert(sensor);
     enqueue(sensor, p.frame);
-    if (racing) frames[idx].racingReturned.insert(sensor);
+    if (racing) client.frames[idx].racingReturned.insert(sensor);
     return true;
   }
 
   void sensorLoop(uint32_t sensor) {
     std::vector<size_t> mine;
-    for (size_t i = 0; i < plans.size(); ++i) {
-      if (plans[i].participates(sensor)) mine.push_back(i);
+    for (size_t i = 0; i < plan.plans.size(); ++i) {
+      if (plan.plans[i].participates(sensor)) mine.push_back(i);
     }
     size_t prepPos = 0, sendPos = 0;
     auto mayPrepare = [&] {
-      if (prepPos >= mine.size() || !frames[mine[prepPos]].emplaced) return false;
-      const FrameState& f = frames[mine[prepPos]];
-      return f.firstPrepareStarted || (mine[prepPos] == nextFirstPrepare && !firstPrepareBusy);
+      if (prepPos >= mine.size() || !client.frames[mine[prepPos]].emplaced) return false;
+      const sim::ClientState::FrameState& f = client.frames[mine[prepPos]];
+      return f.firstPrepareStarted ||
+             (mine[prepPos] == client.nextFirstPrepare && !client.firstPrepareBusy);
     };
     while (sendPos < mine.size()) {
       while (mayPrepare()) {
         size_t idx = mine[prepPos];
-        FrameState& f = frames[idx];
+        sim::ClientState::FrameState& f = client.frames[idx];
         bool first = !f.firstPrepareStarted;
         if (first) {
           f.firstPrepareStarted = true;
-          firstPrepareBusy = true;
+          client.firstPrepareBusy = true;
         }
-        sim::PrepareRecord rec{sensor, plans[idx].frame, tick(), 0};
+        sim::PrepareRecord rec{sensor, plan.plans[idx].frame, tick(), 0};
         {
           Outside out(*this);
-          deliver->prepare(sensor, plans[idx].frame, f.fc);
+          deliver->prepare(sensor, plan.plans[idx].frame, f.fc);
         }
         rec.end = tick();
         prepares.push_back(rec);
         f.prepared.insert(sensor);
-        if (first) {
-          f.firstPrepareDone = true;
-          firstPrepareBusy = false;
-          while (nextFirstPrepare < frames.size() && frames[nextFirstPrepare].firstPrepareDone) {
-            ++nextFirstPrepare;
-          }
-        }
+        if (first) client.firstPrepareReturned(idx);
         ++prepPos;
       }
       size_t idx = mine[sendPos];
-      if (frames[idx].flushed) {
+      if (client.frames[idx].flushed) {
         ++sendPos;
         continue;
       }
-      if (!maySend(sensor, idx)) {
-        waitUntil([&] { return mayPrepare() || frames[idx].flushed || maySend(sensor, idx); },
-                  "its next frame to be preparable or sendable");
+      if (!client.maySend(sensor, idx)) {
+        waitUntil(
+            [&] {
+              return mayPrepare() || client.frames[idx].flushed || client.maySend(sensor, idx);
+            },
+            "its next frame to be preparable or sendable");
         continue;
       }
       bool sent = sendFrame(sensor, idx);
-      if (noFrameAfter.count({sensor, plans[idx].frame})) enqueue(sensor, sim::kNoFrame);
+      if (plan.noFrameAfter.count({sensor, plan.plans[idx].frame})) enqueue(sensor, sim::kNoFrame);
       if (sent) markDone(sensor, idx);
       ++sendPos;
     }
@@ -397,55 +306,41 @@ struct ClientRun::Impl {
   }
 
   void reportDrop(uint32_t sensor, size_t idx) {
-    sim::EventRecord& e = newEvent(EventKind::Drop, sensor, plans[idx].frame, 0);
+    sim::EventRecord& e = newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0);
     notify(e);
-    frames[idx].dropReported.insert(sensor);
+    client.frames[idx].dropReported.insert(sensor);
     markDone(sensor, idx);
-  }
-
-  bool dropsDue() const {
-    if (!dropRequests.empty()) return true;
-    for (const auto& r : racingDrops) {
-      const FrameState& f = frames[r.second];
-      if (f.flushed || (f.racingSent.count(r.first) && !f.dropReported.count(r.first))) {
-        return true;
-      }
-    }
-    for (const auto& l : lateDrops) {
-      if (complete(l.second)) return true;
-    }
-    return false;
   }
 
   bool reportDueDrops() {
     bool any = false;
-    while (!dropRequests.empty()) {
-      auto request = dropRequests.front();
-      dropRequests.pop_front();
+    while (!client.dropRequests.empty()) {
+      auto request = client.dropRequests.front();
+      client.dropRequests.pop_front();
       reportDrop(request.first, request.second);
       any = true;
     }
-    for (auto it = racingDrops.begin(); it != racingDrops.end();) {
-      FrameState& f = frames[it->second];
+    for (auto it = client.racingDrops.begin(); it != client.racingDrops.end();) {
+      sim::ClientState::FrameState& f = client.frames[it->second];
       if (f.flushed) {
-        it = racingDrops.erase(it);
+        it = client.racingDrops.erase(it);
       } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
         auto request = *it;
-        racingDrops.erase(it);
+        client.racingDrops.erase(it);
         reportDrop(request.first, request.second);
         any = true;
-        it = racingDrops.begin();
+        it = client.racingDrops.begin();
       } else {
         ++it;
       }
     }
-    for (auto it = lateDrops.begin(); it != lateDrops.end();) {
-      if (complete(it->second)) {
+    for (auto it = client.lateDrops.begin(); it != client.lateDrops.end();) {
+      if (client.complete(it->second)) {
         auto request = *it;
-        lateDrops.erase(it);
-        notify(newEvent(EventKind::Drop, request.first, plans[request.second].frame, 0));
+        client.lateDrops.erase(it);
+        notify(newEvent(EventKind::Drop, request.first, plan.plans[request.second].frame, 0));
         any = true;
-        it = lateDrops.begin();
+        it = client.lateDrops.begin();
       } else {
         ++it;
       }
@@ -458,46 +353,35 @@ struct ClientRun::Impl {
     for (;;) {
       if (reportDueDrops()) continue;
       if (pred()) return;
-      std::function<bool()> ready = [&] { return pred() || dropsDue(); };
+      std::function<bool()> ready = [&] { return pred() || client.dropsDue(); };
       waitUntil(ready, what);
     }
-  }
-
-  std::vector<size_t> syncFrames(uint32_t sensor) const {
-    std::vector<size_t> out;
-    for (size_t i = 0; i < frames.size(); ++i) {
-      if (frames[i].emplaced && !complete(i) && !frames[i].syncBroken &&
-          plans[i].syncList.count(sensor)) {
-        out.push_back(i);
-      }
-    }
-    return out;
   }
 
   void reportWhileRunning(const sim::PlannedEvent& ev) {
     waitFor(
         [&] {
-          for (size_t i : syncFrames(ev.sensor)) {
-            if (!frames[i].firstPrepareDone || !plans[i].needCfg.empty()) return false;
+          for (size_t i : client.syncFrames(ev.sensor)) {
+            if (!client.frames[i].firstPrepareDone || !plan.plans[i].needCfg.empty()) return false;
           }
           return true;
         },
         "the named frames to be prepared");
-    std::vector<size_t> named = syncFrames(ev.sensor);
+    std::vector<size_t> named = client.syncFrames(ev.sensor);
     sim::EventRecord& e = newEvent(ev.kind, ev.sensor, ev.frame, ev.value);
     for (size_t i : named) {
-      e.frames.push_back(plans[i].frame);
-      frames[i].syncBroken = true;
+      e.frames.push_back(plan.plans[i].frame);
+      client.frames[i].syncBroken = true;
     }
     notify(e);
   }
 
   void emplaceFrame(size_t idx) {
-    const FramePlan& p = plans[idx];
-    auto it = eventsAt.find(idx);
-    if (it != eventsAt.end()) {
+    const FramePlan& p = plan.plans[idx];
+    auto it = plan.eventsAt.find(idx);
+    if (it != plan.eventsAt.end()) {
       for (const sim::PlannedEvent* ev : it->second) {
-        if (gated(*ev)) continue;
+        if (sim::ClientPlan::gated(*ev)) continue;
         if (ev->when == EventTiming::WhileRunning) {
           reportWhileRunning(*ev);
         } else {
@@ -505,49 +389,40 @@ struct ClientRun::Impl {
         }
       }
     }
-    std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
-    for (uint32_t s : p.sensors) {
-      cc::FrameContext::SensorState st;
-      st.sensorCode = s;
-      st.needEnq = true;
-      st.needCfg = p.needCfg.count(s) > 0;
-      st.streamingState = int64_t(s) == p.offSensor ? 1 : int64_t(s) == p.onSensor ? 0 : -1;
-      states[s] = st;
-    }
-    std::set<uint32_t> all(p.sensors.begin(), p.sensors.end());
-    auto fc = std::make_shared<const cc::FrameContext>(p.frame, p.syncList, all, std::move(states),
-                                                       p.isRawSwitch());
+    auto fc = sim::makeFrameContext(p);
     Scheduler::nameObject(&fc->mutex, "record F:" + std::to_string(p.frame) + ".mutex");
     {
       Outside out(*this);
       pool->emplace(p.frame, fc);
     }
-    frames[idx].fc = fc;
-    frames[idx].emplaced = true;
-    ++inFlight;
+    client.frames[idx].fc = fc;
+    client.frames[idx].emplaced = true;
+    ++client.inFlight;
   }
 
   void runHeldEvents(size_t idx) {
-    const std::vector<const sim::PlannedEvent*>& evs = eventsAt[idx];
-    uint32_t frameNo = plans[idx].frame;
-    gate = idx;
+    const std::vector<const sim::PlannedEvent*>& evs = plan.eventsAt.at(idx);
+    uint32_t frameNo = plan.plans[idx].frame;
+    client.gate = idx;
     waitFor(
         [&] {
           for (size_t i = 0; i < idx; ++i) {
-            if (!complete(i)) return false;
+            if (!client.complete(i)) return false;
           }
           return true;
         },
         "the frames before the barrier to finish");
     std::set<uint32_t> reporting;
     for (const sim::PlannedEvent* e : evs) {
-      if (gated(*e) && e->kind == EventKind::InformInflight) reporting.insert(e->sensor);
+      if (sim::ClientPlan::gated(*e) && e->kind == EventKind::InformInflight)
+        reporting.insert(e->sensor);
     }
     size_t end = idx;
-    while (end < plans.size() && inFlight < scenario.maxInFlight && mayEmplace(end)) {
-      if (end > idx && (hasEventWhere(end, gated) || hasEventWhere(end, whileRunning))) break;
+    while (end < plan.plans.size() && client.inFlight < scenario.maxInFlight &&
+           client.mayEmplace(end)) {
+      if (end > idx && (plan.hasGatedEvent(end) || plan.hasWhileRunningEvent(end))) break;
       bool configures = std::any_of(reporting.begin(), reporting.end(), [&](uint32_t s) {
-        return !plans[end].needCfg.empty() && plans[end].syncList.count(s);
+        return !plan.plans[end].needCfg.empty() && plan.plans[end].syncList.count(s);
       });
       if (configures) break;
       emplaceFrame(end++);
@@ -555,25 +430,25 @@ struct ClientRun::Impl {
     waitFor(
         [&] {
           for (size_t i = idx; i < end; ++i) {
-            if (frames[i].prepared.size() < plans[i].sensors.size()) return false;
+            if (client.frames[i].prepared.size() < plan.plans[i].sensors.size()) return false;
           }
           return true;
         },
         "the held frames to be prepared");
     for (const sim::PlannedEvent* ev : evs) {
-      if (!gated(*ev)) continue;
+      if (!sim::ClientPlan::gated(*ev)) continue;
       std::vector<uint32_t> pending;
       for (size_t i = idx; i < end; ++i) {
-        if (complete(i)) continue;
-        if (ev->kind == EventKind::Flush || plans[i].syncList.count(ev->sensor)) {
-          pending.push_back(plans[i].frame);
+        if (client.complete(i)) continue;
+        if (ev->kind == EventKind::Flush || plan.plans[i].syncList.count(ev->sensor)) {
+          pending.push_back(plan.plans[i].frame);
         }
       }
       if (ev->kind == EventKind::InformInflight) {
         sim::EventRecord& e = newEvent(ev->kind, ev->sensor, frameNo, ev->value);
         e.frames = pending;
         for (size_t i = idx; i < end; ++i) {
-          if (plans[i].syncList.count(ev->sensor)) frames[i].syncBroken = true;
+          if (plan.plans[i].syncList.count(ev->sensor)) client.frames[i].syncBroken = true;
         }
         notify(e);
         continue;
@@ -591,32 +466,32 @@ struct ClientRun::Impl {
       q.frames = pending;
       notify(q);
       for (size_t i = idx; i < end; ++i) {
-        if (complete(i)) continue;
-        frames[i].flushed = true;
-        --inFlight;
-        ++framesDone;
+        if (client.complete(i)) continue;
+        client.frames[i].flushed = true;
+        --client.inFlight;
+        ++client.framesDone;
       }
     }
-    gate = kNoGate;
+    client.gate = sim::kNoGate;
   }
 
   void pipelineLoop() {
-    for (size_t idx = 0; idx < plans.size(); ++idx) {
-      if (frames[idx].emplaced) continue;
-      waitFor([&] { return inFlight < scenario.maxInFlight && mayEmplace(idx); },
+    for (size_t idx = 0; idx < plan.plans.size(); ++idx) {
+      if (client.frames[idx].emplaced) continue;
+      waitFor([&] { return client.inFlight < scenario.maxInFlight && client.mayEmplace(idx); },
               "room for the next frame");
-      if (hasEventWhere(idx, gated)) {
+      if (plan.hasGatedEvent(idx)) {
         runHeldEvents(idx);
       } else {
         emplaceFrame(idx);
       }
     }
-    waitFor([&] { return framesDone == plans.size() && lateDrops.empty(); },
+    waitFor([&] { return client.framesDone == plan.plans.size() && client.lateDrops.empty(); },
             "every frame to finish");
   }
 
   const sim::Scenario scenario;
-  std::vector<FramePlan> plans;
+  const sim::ClientPlan plan;
   bool plain = false;
   // Guards the client's state below in plain runs only (Outside and Inside above say when it
   // is held); under the scheduler it is never taken, since one thread runs at a time. A
@@ -632,18 +507,7 @@ struct ClientRun::Impl {
   // Touched only by the thread the scheduler runs.
   Nanos clock = 0;
   int32_t context = -1;  // the sensor a licence handed back now is put down to
-  std::vector<FrameState> frames;
-  std::map<std::pair<uint32_t, uint32_t>, EventTiming> dropsPlanned;
-  std::map<size_t, std::vector<const sim::PlannedEvent*>> eventsAt;
-  std::set<std::pair<uint32_t, uint32_t>> noFrameAfter;
-  size_t gate = kNoGate;
-  size_t inFlight = 0;
-  uint32_t framesDone = 0;
-  size_t nextFirstPrepare = 0;
-  bool firstPrepareBusy = false;
-  std::deque<std::pair<uint32_t, size_t>> dropRequests;
-  std::vector<std::pair<uint32_t, size_t>> racingDrops;
-  std::vector<std::pair<uint32_t, size_t>> lateDrops;
+  sim::ClientState client;
   std::deque<JobRecord> jobs;
   std::vector<sim::PrepareRecord> prepares;
   std::vector<sim::SetConfiguredRecord> setConfigured;
@@ -723,7 +587,7 @@ sim::History ClientRun::end() {
   h.scenario = d.scenario.name;
   for (const auto& cam : d.scenario.sensors) h.sensors.push_back(cam.id);
   std::sort(h.sensors.begin(), h.sensors.end());
-  h.plans = d.plans;
+  h.plans = d.plan.plans;
   {
     std::lock_guard<std::mutex> lock(d.pool->mutex);
     for (const auto& entry : d.pool->pool) h.framesLeftInPool.push_back(entry.first);
