@@ -107,7 +107,11 @@ std::unique_ptr<IRequestLicense> HostPipeMgr::acquireLicenseForFD(int32_t fd) {
 void HostPipeMgr::releaseLicense(std::unique_ptr<IRequestLicense>& license, bool /*flag1*/,
                                  bool /*flag2*/) {
   std::unique_ptr<IRequestLicense> taken = std::move(license);
-  if (!taken) return;
+  if (!taken) {
+    std::lock_guard<std::mutex> lock(mState->mutex);
+    ++mState->account.emptyReleases;
+    return;
+  }
   auto* host = dynamic_cast<HostLicense*>(taken.get());
   // A licence of another manager (or not of the host at all) is only destroyed here; its own
   // manager counts it as destroyed without release.

@@ -186,6 +186,9 @@ struct LicenseAccount {
   uint64_t acquired = 0;
   uint64_t released = 0;   // handed back through releaseLicense
   uint64_t destroyed = 0;  // destroyed without having been released
+  // releaseLicense calls given an empty pointer: the deliverer never makes one (it skips a null
+  // licence with a warning), so each is a licence it handed back twice or never had.
+  uint64_t emptyReleases = 0;
   uint64_t live() const { return acquired - released - destroyed; }
   bool balanced() const { return live() == 0; }
 };

@@ -173,8 +173,10 @@ TEST(HostPipeMgr, AccountsForEveryLicenceAndRecordsConfigure) {
   EXPECT_EQ(std::make_tuple(a->getFD(), b->getFD(), c->getFD()), std::make_tuple(1, 2, 1));
   const uint64_t sa = serialOf(a), sb = serialOf(b), sc = serialOf(c);
   mgr.releaseLicense(a, false, true);
-  EXPECT_EQ(a, nullptr);  // moved out of the caller's pointer
-  b.reset();              // dies without having been handed back
+  EXPECT_EQ(a, nullptr);               // moved out of the caller's pointer
+  mgr.releaseLicense(a, false, true);  // handed back twice: the second call finds it empty
+  EXPECT_EQ(mgr.account().emptyReleases, 1u);
+  b.reset();  // dies without having been handed back
   LicenseAccount acc = mgr.account();
   EXPECT_EQ(std::make_tuple(acc.acquired, acc.released, acc.destroyed, acc.live()),
             std::make_tuple(3u, 1u, 1u, 1u));

@@ -199,6 +199,10 @@ TEST(SimChecker, CatchesLicencesNotUsedOrHandedBackExactlyOnce) {
   EXPECT_EQ(rules(h), (Rules{{"licence", 2}}));  // and the count no longer balances
 
   h = goodHistory();
+  h.account.emptyReleases = 2;  // handed back again after the pipe manager took it
+  EXPECT_EQ(rules(h), (Rules{{"licence", 1}}));
+
+  h = goodHistory();
   h.licences.push_back({LicenceEventKind::Acquired, 50, 40, 12, -1});  // never handed back
   h.account.acquired++;
   EXPECT_EQ(rules(h), (Rules{{"licence", 2}}));  // the leak, and the count still live

@@ -398,6 +398,13 @@ class Checker {
     compare("released", h_.account.released, seen.released);
     compare("destroyed", h_.account.destroyed, seen.destroyed);
     const LicenceTotals& a = h_.account;
+    if (a.emptyReleases > 0) {
+      add("licence", h_.wallTime,
+          "the deliverer called the pipe manager's releaseLicense " +
+              std::to_string(a.emptyReleases) +
+              " time(s) with an empty licence pointer: a licence handed back twice, or one it "
+              "never had");
+    }
     if (a.released + a.destroyed != a.acquired) {
       add("licence", h_.wallTime,
           "the pipe manager's count does not balance after the deliverer was destroyed: " +

@@ -104,6 +104,7 @@ struct LicenceTotals {
   uint64_t acquired = 0;
   uint64_t released = 0;
   uint64_t destroyed = 0;
+  uint64_t emptyReleases = 0;  // the pipe manager was handed an empty licence pointer
   uint64_t live() const { return acquired - released - destroyed; }
 };
 

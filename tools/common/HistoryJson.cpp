@@ -127,6 +127,7 @@ void fromJson(const json& root, History* h) {
     h->account.acquired = number<uint64_t>(a, "account", "acquired", 0);
     h->account.released = number<uint64_t>(a, "account", "released", 0);
     h->account.destroyed = number<uint64_t>(a, "account", "destroyed", 0);
+    h->account.emptyReleases = number<uint64_t>(a, "account", "emptyReleases", 0);
   }
   eachOf(root, "frames", [&](const json& o, const std::string& p) {
     FramePlan plan;

@@ -196,7 +196,8 @@ void writeHistoryJson(std::ostream& out, const History& h) {
   if (!h.unsupportedRules.empty()) root["unsupportedRules"] = h.unsupportedRules;
   root["account"] = {{"acquired", h.account.acquired},
                      {"released", h.account.released},
-                     {"destroyed", h.account.destroyed}};
+                     {"destroyed", h.account.destroyed},
+                     {"emptyReleases", h.account.emptyReleases}};
   // The scalars first, then each list written item by item, so that a long run's history
   // never sits in memory as one JSON document.
   std::string head = root.dump();

@@ -600,6 +600,7 @@ sim::History ClientRun::end() {
   h.account.acquired = account.acquired;
   h.account.released = account.released;
   h.account.destroyed = account.destroyed;
+  h.account.emptyReleases = account.emptyReleases;
   h.prepares = d.prepares;
   h.setConfigured = d.setConfigured;
   h.jobs.assign(d.jobs.begin(), d.jobs.end());

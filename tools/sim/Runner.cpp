@@ -614,6 +614,7 @@ bool Runner::run(History* history, std::string* stallReport) {
   totals.acquired = account.acquired;
   totals.released = account.released;
   totals.destroyed = account.destroyed;
+  totals.emptyReleases = account.emptyReleases;
   h.account = totals;
 
   for (auto& entry : d.logs) {
