@@ -617,18 +617,17 @@ int pthread_mutex_trylock(pthread_mutex_t* m) {
   REAL(pthread_mutex_trylock)(m);
 }
 
-// A mutex the scheduler handed to the calling thread goes back to the scheduler whoever the
-// caller looks like: libc++'s out-of-line std::mutex::unlock may end in a tail call, so the
-// return address seen here is its caller's (the host platform, say), not libc++'s.
+// An unlock is told apart by the mutex, not by the caller: libc++'s out-of-line
+// std::mutex::unlock, and libc++abi's guard release, may end in a tail call, so the return
+// address seen here can be their caller's. A mutex the scheduler holds for some thread is the
+// scheduler's; any other was locked for real (from an unmanaged library) and is unlocked so.
 int pthread_mutex_unlock(pthread_mutex_t* m) {
-  void* ra = __builtin_return_address(0);
   if (ex::Thread* t = ex::tlsThread) {
     auto it = ex::gRun->owners.find(m);
-    if (it != ex::gRun->owners.end() && it->second == t->id) {
-      ex::gRun->owners.erase(it);
+    if (it != ex::gRun->owners.end()) {
+      if (it->second == t->id) ex::gRun->owners.erase(it);
       return 0;
     }
-    if (!ex::fromUnmanagedLibrary(ra)) return 0;
   }
   REAL(pthread_mutex_unlock)(m);
 }
