@@ -166,8 +166,8 @@ int main(int argc, char** argv) {
     if (stallMs >= 0) options.stallNs = sim::Nanos(stallMs * 1e6);
     logread::Analysis analysis = logread::analyse(run, options);
     if (analysis.debugMissing) {
-      std::cout << "  nothing to rebuild: the log has only the deliverer's warnings and "
-                   "errors; its debug lines need "
+      std::cout << "  nothing to rebuild: the log has none of the deliverer's debug lines (only "
+                   "its warnings, errors or constructor line); they need "
                 << logread::kHowToEnableDebug << "\n\n";
     } else {
       nothingRebuilt = false;
@@ -220,7 +220,7 @@ int main(int argc, char** argv) {
   if (findings) return kExitFindings;
   if (nothingRebuilt) {
     std::cerr << "camdeliver-log: " << inputName
-              << ": only warnings and errors of the deliverer; nothing could be checked. "
+              << ": none of the deliverer's debug lines; nothing could be checked. "
                  "Capture again with "
               << logread::kHowToEnableDebug << "\n";
     return kExitBadInput;
