@@ -3,11 +3,9 @@
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <set>
 #include <thread>
-#include <unordered_map>
 
 #include "CamDeliver.h"
 #include "ClientModel.h"
@@ -148,8 +146,6 @@ struct ClientRun::Impl {
     licences.clear();
   }
 
-  void markDone(uint32_t sensor, size_t idx) { client.markDone(sensor, idx); }
-
   // ---- sensor threads ----
 
   void requestDrop(uint32_t sensor, size_t idx, bool wait) {
@@ -272,7 +268,7 @@ struct ClientRun::Impl {
       }
       bool sent = sendFrame(sensor, idx);
       if (plan.noFrameAfter.count({sensor, plan.plans[idx].frame})) enqueue(sensor, sim::kNoFrame);
-      if (sent) markDone(sensor, idx);
+      if (sent) client.markDone(sensor, idx);
       ++sendPos;
     }
   }
@@ -309,7 +305,7 @@ struct ClientRun::Impl {
     sim::EventRecord& e = newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0);
     notify(e);
     client.frames[idx].dropReported.insert(sensor);
-    markDone(sensor, idx);
+    client.markDone(sensor, idx);
   }
 
   bool reportDueDrops() {

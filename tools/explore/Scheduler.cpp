@@ -75,29 +75,29 @@ std::atomic<bool> gUnmanagedKnown{false};
 
 void findUnmanagedRanges() {
   struct Range {
-    const char* name;
     uintptr_t lo = UINTPTR_MAX;
     uintptr_t hi = 0;
-  };
-  for (size_t i = 0; i < kUnmanagedCount; ++i) {
-    Range r{kUnmanagedLibraries[i]};
-    dl_iterate_phdr(
-        [](dl_phdr_info* info, size_t, void* data) {
-          auto* out = static_cast<Range*>(data);
-          if (!info->dlpi_name || !std::strstr(info->dlpi_name, out->name)) return 0;
+  } ranges[kUnmanagedCount];
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, size_t, void* data) {
+        auto* out = static_cast<Range*>(data);
+        for (size_t i = 0; i < kUnmanagedCount; ++i) {
+          if (!info->dlpi_name || !std::strstr(info->dlpi_name, kUnmanagedLibraries[i])) continue;
           for (int j = 0; j < info->dlpi_phnum; ++j) {
             if (info->dlpi_phdr[j].p_type != PT_LOAD) continue;
             uintptr_t lo = info->dlpi_addr + info->dlpi_phdr[j].p_vaddr;
             uintptr_t hi = lo + info->dlpi_phdr[j].p_memsz;
-            if (lo < out->lo) out->lo = lo;
-            if (hi > out->hi) out->hi = hi;
+            if (lo < out[i].lo) out[i].lo = lo;
+            if (hi > out[i].hi) out[i].hi = hi;
           }
-          return 1;
-        },
-        &r);
-    if (r.hi == 0) r.lo = 0;  // not loaded: an empty range
-    gUnmanagedLo[i].store(r.lo, std::memory_order_relaxed);
-    gUnmanagedHi[i].store(r.hi, std::memory_order_relaxed);
+        }
+        return 0;
+      },
+      ranges);
+  for (size_t i = 0; i < kUnmanagedCount; ++i) {
+    if (ranges[i].hi == 0) ranges[i].lo = 0;  // not loaded: an empty range
+    gUnmanagedLo[i].store(ranges[i].lo, std::memory_order_relaxed);
+    gUnmanagedHi[i].store(ranges[i].hi, std::memory_order_relaxed);
   }
   gUnmanagedKnown.store(true, std::memory_order_release);
 }

@@ -9,7 +9,6 @@
 #include <random>
 #include <set>
 #include <thread>
-#include <unordered_map>
 
 #include "AnnotatedLock.h"
 #include "CamDeliver.h"
