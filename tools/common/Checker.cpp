@@ -6,6 +6,8 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace orvcam {
 namespace sim {
@@ -169,13 +171,13 @@ class Checker {
         }
       }
     }
-    for (const auto& entry : jobs_) {
-      if (entry.first.second == kNoFrame) continue;  // no frame: nothing to prepare
-      if (!position_.count(entry.first)) {
-        add("order", entry.second.front()->sent,
-            sf(entry.first.first, entry.first.second) +
-                " sent a job for a frame it never prepared");
-      }
+    std::unordered_set<SensorFrame, SensorFrameHash> named;
+    for (const auto& j : h_.jobs) {
+      SensorFrame key{j.sensor, j.frame};
+      if (j.frame == kNoFrame || position_.count(key)) continue;  // no frame: nothing to prepare
+      if (!named.insert(key).second) continue;
+      add("order", jobs_.at(key).front()->sent,
+          sf(j.sensor, j.frame) + " sent a job for a frame it never prepared");
     }
   }
 
@@ -416,17 +418,12 @@ class Checker {
   // Every sensor of every frame is prepared, configured when it must be, and enqueued once,
   // unless its frame was dropped or flushed; nothing runs for a dropped or flushed frame.
   void checkDelivery() {
-    std::set<SensorFrame> prepared([this] {
-      std::set<SensorFrame> s;
-      for (const auto& p : h_.prepares) s.insert({p.sensor, p.frame});
-      return s;
-    }());
-    std::set<SensorFrame> setConfigured;
+    std::unordered_set<SensorFrame, SensorFrameHash> setConfigured;
     for (const auto& r : h_.setConfigured) setConfigured.insert({r.sensor, r.frame});
     for (const auto& p : h_.plans) {
       for (uint32_t sensor : p.sensors) {
         std::string who = sf(sensor, p.frame);
-        if (!prepared.count({sensor, p.frame})) add("delivery", 0, who + " was never prepared");
+        if (!position_.count({sensor, p.frame})) add("delivery", 0, who + " was never prepared");
         constexpr Nanos kNever = INT64_MAX;
         auto flushIt = flushed_.find({sensor, p.frame});
         auto dropIt = dropped_.find({sensor, p.frame});
@@ -472,17 +469,20 @@ class Checker {
     }
   }
 
+  // Lookups only: never iterated, so their order cannot show in the results.
+  template <typename V>
+  using BySensorFrame = std::unordered_map<SensorFrame, V, SensorFrameHash>;
   const History& h_;
   CheckResult result_;
-  std::map<uint32_t, const FramePlan*> plans_;
+  std::unordered_map<uint32_t, const FramePlan*> plans_;
   std::map<uint32_t, std::vector<uint32_t>> sequence_;  // per sensor, frames in prepare order
-  std::map<SensorFrame, size_t> position_;              // where a frame is in its sequence
-  std::map<SensorFrame, std::vector<const JobRecord*>> jobs_;  // configure first
-  std::map<SensorFrame, Nanos> dropped_;
-  std::map<SensorFrame, Nanos> flushed_;
-  std::map<uint32_t, Nanos> broken_;
-  std::map<uint32_t, Nanos> brokenEnd_;
-  std::map<SensorFrame, Nanos> preparedAt_;  // first preparation returned
+  BySensorFrame<size_t> position_;                      // where a frame is in its sequence
+  BySensorFrame<std::vector<const JobRecord*>> jobs_;   // configure first
+  BySensorFrame<Nanos> dropped_;
+  BySensorFrame<Nanos> flushed_;
+  std::unordered_map<uint32_t, Nanos> broken_;
+  std::unordered_map<uint32_t, Nanos> brokenEnd_;
+  BySensorFrame<Nanos> preparedAt_;  // first preparation returned
 
   Nanos dropEnd(uint32_t sensor, uint32_t frame) const {
     Nanos end = 0;

@@ -3,8 +3,8 @@
 // violations by the library, so that a real coordinator's recorded calls can be judged too.
 #include <algorithm>
 #include <deque>
-#include <map>
-#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "Checker.h"
 
@@ -32,8 +32,8 @@ std::vector<Violation> clientProtocolNotes(const History& h) {
 
   // Replays the deliverer's window of recently first-prepared frame numbers.
   std::deque<uint32_t> window;
-  std::set<uint32_t> everFirst;
-  std::set<std::pair<uint32_t, uint32_t>> seen;
+  std::unordered_set<uint32_t> everFirst;
+  std::unordered_set<std::pair<uint32_t, uint32_t>, SensorFrameHash> seen;
   for (const PrepareRecord* p : calls) {
     if (!seen.insert({p->sensor, p->frame}).second) {
       notes.push_back({"client", sf(p->sensor, p->frame) + " was prepared twice", p->at});
@@ -53,11 +53,8 @@ std::vector<Violation> clientProtocolNotes(const History& h) {
   }
 
   // Every send of a real frame comes after the sensor prepared it.
-  std::map<std::pair<uint32_t, uint32_t>, Nanos> preparedAt;
-  for (const auto& p : h.prepares) {
-    auto key = std::make_pair(p.sensor, p.frame);
-    if (!preparedAt.count(key)) preparedAt[key] = p.at;
-  }
+  std::unordered_map<std::pair<uint32_t, uint32_t>, Nanos, SensorFrameHash> preparedAt;
+  for (const auto& p : h.prepares) preparedAt.emplace(std::make_pair(p.sensor, p.frame), p.at);
   for (const auto& j : h.jobs) {
     if (j.frame == kNoFrame) continue;
     auto it = preparedAt.find({j.sensor, j.frame});

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CamDeliverConstants.h"
@@ -45,6 +46,13 @@ struct FramePlan {
 
   bool participates(uint32_t sensor) const;
   bool isRawSwitch() const { return offSensor >= 0; }
+};
+
+// Hash of a (sensor, frame) key, for the checkers' lookups on long histories.
+struct SensorFrameHash {
+  size_t operator()(const std::pair<uint32_t, uint32_t>& key) const {
+    return std::hash<uint64_t>()((uint64_t(key.first) << 32) | key.second);
+  }
 };
 
 // The frame number that stands for "no frame".

@@ -14,7 +14,6 @@ using namespace text;
 
 namespace {
 
-constexpr size_t kRecentLines = 6;
 constexpr size_t kLoggerLineLimit = 1023;
 constexpr const char* kUnknownWarning = "not a warning this tool knows";
 
@@ -326,10 +325,10 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
   if (cur == current_.end()) return startSession(line, 1, "");
   Context& c = contexts_[cur->second];
   std::string_view text = line.text;
-  std::string where = " (line " + std::to_string(total_) + ")";
+  auto where = [this] { return " (line " + std::to_string(total_) + ")"; };
   // The constructor's own line (written with the force-log property) opens every deliverer.
   if (line.tag == "OrvCam/CamDeliver" && startsWith(text, "[CamDeliver]") && c.run.lines > 0) {
-    return startSession(line, c.run.session + 1, "the deliverer's constructor line" + where);
+    return startSession(line, c.run.session + 1, "the deliverer's constructor line" + where());
   }
   uint32_t sensor = 0, frame = 0;
   size_t close = text.find("] ");
@@ -354,13 +353,14 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
       if (!flushed) {
         return startSession(line, c.run.session + 1,
                             "S:" + std::to_string(sensor) +
-                                "'s preparation order started again at 0 without a flush" + where);
+                                "'s preparation order started again at 0 without a flush" +
+                                where());
       }
       if (frame <= last) {
         return startSession(line, c.run.session + 1,
                             "S:" + std::to_string(sensor) +
                                 "'s frame numbers started again (F:" + std::to_string(frame) +
-                                " after F:" + std::to_string(last) + ")" + where);
+                                " after F:" + std::to_string(last) + ")" + where());
       }
     }
     if (fileAt >= 0 && c.baseNs >= 0 && fileAt - c.baseNs - c.lastAt > kSessionSilenceNs &&
@@ -368,7 +368,7 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
       return startSession(
           line, c.run.session + 1,
           "a silence of " + std::to_string((fileAt - c.baseNs - c.lastAt) / 1000000) +
-              " ms, then S:" + std::to_string(sensor) + " prepared at order 0" + where);
+              " ms, then S:" + std::to_string(sensor) + " prepared at order 0" + where());
     }
   }
   // After a boundary, a line naming a frame only the older deliverer holds is its own.
@@ -411,16 +411,18 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   if (line.tid >= 0) r.threadLastAt[line.tid] = at;
 
   std::string_view text = line.text;
-  std::string full(text);
-  std::deque<std::string>& recent = c.recent[line.tid];
+  RecentLines& recent = c.recent[line.tid];
   auto remember = [&] {
-    recent.push_back(std::string(line.tag) + ": " + full);
-    if (recent.size() > kRecentLines) recent.pop_front();
+    // Reuses the slot's buffer: no allocation per line once the ring has filled.
+    std::string& slot = recent.lines[recent.next];
+    slot.assign(line.tag).append(": ").append(text);
+    recent.next = (recent.next + 1) % kRecentLines;
+    if (recent.count < kRecentLines) ++recent.count;
   };
 
   // Fatal assertions: the error line, then the assertion line with its suffix.
   if (line.level == 'F' || line.level == 'A' || (line.level == 'E' && isFatalText(text))) {
-    std::string message = full;
+    std::string message(text);
     std::string function;
     size_t suffix = message.rfind(" (");
     if (suffix != std::string::npos && message.find("){#", suffix) != std::string::npos) {
@@ -438,7 +440,10 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
       f.tag = std::string(line.tag);
       f.tid = line.tid;
       f.at = at;
-      f.before.assign(recent.begin(), recent.end());
+      for (size_t i = 0; i < recent.count; ++i) {
+        f.before.push_back(
+            recent.lines[(recent.next + kRecentLines - recent.count + i) % kRecentLines]);
+      }
       r.fatals.push_back(std::move(f));
     }
     return;
@@ -448,7 +453,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
     WarningCount& w = r.warnings[kind];
     if (w.count++ == 0) {
       w.kind = kind;
-      w.first = full;
+      w.first = std::string(text);
     }
   }
 
@@ -480,7 +485,9 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   };
   auto noteSensor = [&](uint32_t s) {
     if (s >= kConfigKeyBase) s &= 0xFF;
-    r.lastSeen[s] = {at, full};
+    LastSeen& seen = r.lastSeen[s];
+    seen.at = at;
+    seen.text.assign(text);
     if (line.tid >= 0) ++r.threadSensors[line.tid][s];
   };
   // Without thread ids every thread's lines look like one thread's: an event's own lines (sync
@@ -804,6 +811,8 @@ std::vector<Run> LogReader::finish() {
     h.sensors.assign(sensors.begin(), sensors.end());
     // Sync lists from the frame descriptors the enqueue licences were first given: sensors
     // sharing one FD on a frame without configuration were one sync group.
+    h.plans.reserve(r.frames.size());
+    h.jobs.reserve(r.states.size() + r.states.size() / 4);
     for (auto& entry : r.frames) {
       FrameInfo& fi = entry.second;
       if (fi.sensors.empty()) continue;
@@ -817,14 +826,17 @@ std::vector<Run> LogReader::finish() {
         if (fi.sensors.count(s)) plan.cfgByJob.insert(s);
       }
       if (plan.needCfg.empty()) {
-        std::map<int32_t, std::set<uint32_t>> byFd;
+        std::vector<std::pair<int32_t, uint32_t>> byFd;  // (FD, sensor), few per frame
         for (uint32_t s : fi.sensors) {
-          const SensorFrame& st = r.states[{s, fi.frame}];
-          if (st.firstFd >= 0) byFd[st.firstFd].insert(s);
+          auto st = r.states.find({s, fi.frame});
+          if (st != r.states.end() && st->second.firstFd >= 0)
+            byFd.emplace_back(st->second.firstFd, s);
         }
-        for (const auto& group : byFd) {
-          if (group.second.size() >= 2)
-            plan.syncList.insert(group.second.begin(), group.second.end());
+        std::sort(byFd.begin(), byFd.end());
+        for (size_t i = 0; i < byFd.size(); ++i) {
+          bool shared = (i > 0 && byFd[i - 1].first == byFd[i].first) ||
+                        (i + 1 < byFd.size() && byFd[i + 1].first == byFd[i].first);
+          if (shared) plan.syncList.insert(byFd[i].second);
         }
       }
       if (fi.offSensor >= 0) {

@@ -207,15 +207,23 @@ class LogReader {
   Layout firstLayout() const { return firstLayout_; }
 
  private:
+  // A thread's last lines, oldest first from `next - count`: what a fatal assertion shows
+  // of what led to it.
+  static constexpr size_t kRecentLines = 6;
+  struct RecentLines {
+    std::string lines[kRecentLines];
+    size_t next = 0;
+    size_t count = 0;
+  };
   struct Context {
     Run run;
     int64_t baseNs = -1;
     int64_t lastMs = -1;
     Nanos lastAt = 0;
     uint64_t seq = 0;
-    std::map<int, std::deque<std::string>> recent;  // tid -> last lines
-    std::map<int, size_t> lastEvent;                // tid -> index in history.events
-    std::map<int, bool> eventOpen;                  // tid -> lines still belong to it
+    std::map<int, RecentLines> recent;  // tid -> its last lines
+    std::map<int, size_t> lastEvent;    // tid -> index in history.events
+    std::map<int, bool> eventOpen;      // tid -> lines still belong to it
     std::set<uint32_t> flushedSensors;  // flushed, not prepared since: their order restarts
   };
   void handle(Context& c, const LogLine& line, int64_t fileAt);
