@@ -261,6 +261,7 @@ void LogReader::addLine(std::string_view raw) {
   if (controls > 0) {
     if (!binary_) firstBinaryLine_ = total_;
     binary_ = true;
+    ++binaryLines_;
     return;
   }
   LogLine line;

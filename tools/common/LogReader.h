@@ -202,6 +202,9 @@ class LogReader {
   uint64_t libraryLines() const { return library_; }
   bool binary() const { return binary_; }
   uint64_t firstBinaryLine() const { return firstBinaryLine_; }
+  // Lines skipped because they hold control bytes (a capture cut while it was written, a
+  // binary file).
+  uint64_t binaryLines() const { return binaryLines_; }
   const LogClock& clock() const { return clock_; }
   // The layout of the first line that was read as a log line (Unknown: none was).
   Layout firstLayout() const { return firstLayout_; }
@@ -238,6 +241,7 @@ class LogReader {
   void processLine(std::string_view raw, LogLine& line, int64_t fileAt);
   bool binary_ = false;
   uint64_t firstBinaryLine_ = 0;
+  uint64_t binaryLines_ = 0;
   Layout firstLayout_ = Layout::Unknown;
   std::string pendingHeader_;  // a long layout's header, waiting for its message line
   std::string currentHeader_;  // the header of the message line being read

@@ -123,6 +123,10 @@ int main(int argc, char** argv) {
     }
     return kExitBadInput;
   }
+  if (reader.binary()) {
+    std::cout << reader.binaryLines() << " line(s) held control bytes and were skipped (the first "
+              << "is line " << reader.firstBinaryLine() << "): not logcat text\n";
+  }
   std::vector<logread::Run> runs = reader.finish();
   const logread::LogClock& clock = reader.clock();
   if (clock.outOfOrder() > 0) {
