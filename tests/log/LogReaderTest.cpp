@@ -325,6 +325,81 @@ TEST_F(LogTest, CheckerFindsAnOrderBreachInAnEditedLog) {
   EXPECT_THAT(a.findings[0].text, HasSubstr("S:0 F:2 EnqJob started"));
 }
 
+// A long capture is checked a window of frames at a time, with the frames later ones depend
+// on kept as context: whatever the window, the findings and figures are those of reading the
+// whole log at once, and only about a window of frames stays in memory.
+TEST(LogWindowTest, SettledFramesGiveTheSameResultAsTheWholeLog) {
+  std::vector<std::string> log;
+  int ms = 0;
+  auto line = [&](int s, const char* tag, const std::string& text) {
+    log.push_back(tt(ms++, 10 + s, 'D', tag, text));
+  };
+  auto sf = [](int s, int f) {
+    return "[S:" + std::to_string(s) + " F:" + std::to_string(f) + "]";
+  };
+  constexpr int kFrames = 400;
+  std::string heldBack;
+  for (int f = 1; f <= kFrames; ++f) {
+    for (int s = 0; s < 2; ++s) {
+      line(s, "CamDeliverGuard",
+           "[prepare] " + sf(s, f) + " prepared, order(" + std::to_string(f - 1) + ")");
+    }
+    line(0, "CamDeliver", "[getLicense] " + sf(0, f) + " FD(" + std::to_string(f) + ")");
+    // Every 37th frame sensor 0 starts before sensor 1 has enqueued the frame before: a sync
+    // breach whose previous frame may have settled in an earlier window.
+    if (!heldBack.empty()) line(1, "CamDeliverGuard", heldBack);
+    heldBack.clear();
+    line(1, "CamDeliver", "[getLicense] " + sf(1, f) + " FD(" + std::to_string(f) + ")");
+    line(0, "CamDeliverGuard", "[finished] " + sf(0, f) + " EnqJob finished. ");
+    std::string last = "[finished] " + sf(1, f) + " EnqJob finished. Is last, erase it.";
+    if ((f + 1) % 37 == 0) {
+      heldBack = last;
+    } else {
+      line(1, "CamDeliverGuard", last);
+    }
+  }
+  // A drop of a frame that settled long ago changes nothing but its warning.
+  log.push_back(tt(ms++, 12, 'D', "CamDeliver", "[notifyEvent] [S:0 F:3] type(Drop) value(0)"));
+  log.push_back(tt(ms++, 12, 'W', "CamDeliverGuard", "[drop] [S:0 F:3] FC already finished"));
+  // A send still waiting at the end.
+  log.push_back(tt(ms++, 10, 'D', "CamDeliverGuard",
+                   "[prepare] " + sf(0, kFrames + 1) + " prepared, order(400)"));
+  log.push_back(
+      tt(ms++, 10, 'D', "CamDeliverGuard",
+         "[operator()] " + sf(0, kFrames + 1) + "[EnqJob] wait previous syncframe enque ..."));
+
+  auto read = [&](size_t window, logread::Run* run) {
+    LogReader reader;
+    reader.setWindow(window);
+    for (const std::string& l : log) reader.addLine(l);
+    std::vector<logread::Run> runs = reader.finish();
+    EXPECT_EQ(runs.size(), 1u);
+    *run = runs.front();
+    AnalysisOptions options;
+    options.stallNs = 0;  // the waiting send is a finding, so that its partner is named
+    Analysis a = analyse(*run, options);
+    std::ostringstream out;
+    printSummary(out, *run);
+    printAnalysis(out, a);
+    return out.str();
+  };
+  logread::Run whole;
+  std::string expected = read(0, &whole);
+  EXPECT_EQ(whole.settledFrames, 0u);
+  EXPECT_THAT(expected, HasSubstr("[sync] S:0 F:37 EnqJob started"));
+  EXPECT_THAT(expected, HasSubstr("[sync] S:0 F:370 EnqJob started"));
+  EXPECT_THAT(expected, HasSubstr("[blocked] blocked send: S:0 F:401 EnqJob"));
+  EXPECT_THAT(expected, HasSubstr("S:0          401          0      400       1"));
+  for (size_t window : {4u, 5u, 9u, 16u, 64u}) {
+    SCOPED_TRACE("window " + std::to_string(window));
+    logread::Run run;
+    EXPECT_EQ(read(window, &run), expected);
+    EXPECT_GT(run.settledFrames, size_t(kFrames) / 2);
+    EXPECT_LE(run.frames.size(), window + LogReader::kContextFrames + 2);
+    EXPECT_EQ(run.linesForSettled, 2u);  // the late drop's two lines
+  }
+}
+
 // The capture starts while frame 7 is in flight: its jobs are left out, not called faults.
 TEST_F(LogTest, LogBeginningMidStreamLeavesEarlierFramesOut) {
   enqueue(0, 0, 7, 3, false);

@@ -85,7 +85,7 @@ class Checker {
     }
     for (const auto& j : h_.jobs) {
       jobs_[{j.sensor, j.frame}].push_back(&j);
-      if (j.ran) ++result_.jobsChecked;
+      if (j.ran && !h_.inContext(j.frame)) ++result_.jobsChecked;
     }
     for (auto& entry : jobs_) {
       std::stable_sort(entry.second.begin(), entry.second.end(),
@@ -162,7 +162,7 @@ class Checker {
       const JobRecord* last = nullptr;
       for (uint32_t frame : entry.second) {
         for (const JobRecord* j : ranJobs(sensor, frame)) {
-          if (last && j->start < last->end) {
+          if (last && j->start < last->end && !h_.inContext(frame)) {
             add("order", j->start,
                 jobName(*j) + " started at " + formatTime(j->start) + ", before " + jobName(*last) +
                     " (prepared earlier) ended at " + formatTime(last->end));
@@ -174,7 +174,8 @@ class Checker {
     std::unordered_set<SensorFrame, SensorFrameHash> named;
     for (const auto& j : h_.jobs) {
       SensorFrame key{j.sensor, j.frame};
-      if (j.frame == kNoFrame || position_.count(key)) continue;  // no frame: nothing to prepare
+      // A no-frame send has nothing to prepare.
+      if (j.frame == kNoFrame || position_.count(key) || h_.inContext(j.frame)) continue;
       if (!named.insert(key).second) continue;
       add("order", jobs_.at(key).front()->sent,
           sf(j.sensor, j.frame) + " sent a job for a frame it never prepared");
@@ -185,7 +186,7 @@ class Checker {
   // unless an in-flight report broke that frame's sync first.
   void checkSync() {
     for (const auto& j : h_.jobs) {
-      if (!j.ran) continue;
+      if (!j.ran || h_.inContext(j.frame)) continue;
       std::optional<uint32_t> prev = previousFrame(j.sensor, j.frame);
       if (!prev || !plan(*prev)) continue;
       std::optional<Nanos> broken = lookup(broken_, *prev);
@@ -208,7 +209,7 @@ class Checker {
   // On a raw-switch frame nobody goes before the off sensor's previous frame is enqueued.
   void checkRawSwitch() {
     for (const auto& p : h_.plans) {
-      if (!p.isRawSwitch()) continue;
+      if (!p.isRawSwitch() || h_.inContext(p.frame)) continue;
       uint32_t off = uint32_t(p.offSensor);
       std::optional<uint32_t> prev = previousFrame(off, p.frame);
       if (!prev) continue;
@@ -245,6 +246,7 @@ class Checker {
   // licence shares the FD of the same sensor's enqueue licence.
   void checkFd() {
     for (const auto& p : h_.plans) {
+      if (h_.inContext(p.frame)) continue;
       std::map<uint32_t, const JobRecord*> enq;
       std::map<uint32_t, const JobRecord*> cfg;
       for (uint32_t sensor : p.sensors) {
@@ -421,6 +423,7 @@ class Checker {
     std::unordered_set<SensorFrame, SensorFrameHash> setConfigured;
     for (const auto& r : h_.setConfigured) setConfigured.insert({r.sensor, r.frame});
     for (const auto& p : h_.plans) {
+      if (h_.inContext(p.frame)) continue;
       for (uint32_t sensor : p.sensors) {
         std::string who = sf(sensor, p.frame);
         if (!position_.count({sensor, p.frame})) add("delivery", 0, who + " was never prepared");

@@ -35,11 +35,11 @@ std::vector<Violation> clientProtocolNotes(const History& h) {
   std::unordered_set<uint32_t> everFirst;
   std::unordered_set<std::pair<uint32_t, uint32_t>, SensorFrameHash> seen;
   for (const PrepareRecord* p : calls) {
-    if (!seen.insert({p->sensor, p->frame}).second) {
+    if (!seen.insert({p->sensor, p->frame}).second && !h.inContext(p->frame)) {
       notes.push_back({"client", sf(p->sensor, p->frame) + " was prepared twice", p->at});
     }
     if (std::find(window.begin(), window.end(), p->frame) != window.end()) continue;
-    if (everFirst.count(p->frame)) {
+    if (everFirst.count(p->frame) && !h.inContext(p->frame)) {
       notes.push_back(
           {"client",
            sf(p->sensor, p->frame) + " was prepared after " + std::to_string(kPreparedWindow) +
@@ -56,7 +56,7 @@ std::vector<Violation> clientProtocolNotes(const History& h) {
   std::unordered_map<std::pair<uint32_t, uint32_t>, Nanos, SensorFrameHash> preparedAt;
   for (const auto& p : h.prepares) preparedAt.emplace(std::make_pair(p.sensor, p.frame), p.at);
   for (const auto& j : h.jobs) {
-    if (j.frame == kNoFrame) continue;
+    if (j.frame == kNoFrame || h.inContext(j.frame)) continue;
     auto it = preparedAt.find({j.sensor, j.frame});
     if (it != preparedAt.end() && it->second > j.sent) {
       notes.push_back({"client",

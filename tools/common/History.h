@@ -136,6 +136,11 @@ struct History {
   // Rules the source of this history cannot support, with the reason (a history rebuilt from
   // a log has no licence identities); the checker skips exactly these and says so.
   std::map<std::string, std::string> unsupportedRules;
+  // Frames whose records are here only because later frames depend on them (a sensor's
+  // previous frame, its sync group, the off sensor of a raw switch); their own rules were
+  // checked with an earlier part of a long history, so the checker does not judge them again.
+  std::set<uint32_t> contextFrames;
+  bool inContext(uint32_t frame) const { return contextFrames.count(frame) > 0; }
 };
 
 }  // namespace sim

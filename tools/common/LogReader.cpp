@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 namespace orvcam {
 namespace logread {
@@ -303,6 +304,7 @@ void LogReader::processLine(std::string_view raw, LogLine& line, int64_t fileAt)
   if (line.level == '?' || line.layout == Layout::Raw) c.run.hasLevel = false;
   if (raw.size() >= kLoggerLineLimit) ++c.run.truncated;
   handle(c, line, fileAt);
+  maybeSettle(c);
 }
 
 LogReader::Context& LogReader::startSession(const LogLine& line, int session,
@@ -475,8 +477,27 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   std::string_view tail = hasSF ? text.substr(after) : std::string_view();
 
   sim::History& h = r.history;
+  // A frame that settled and left memory: what its late lines would write goes to scratch.
+  auto gone = [&](uint32_t f) {
+    return int64_t(f) <= r.settledUpTo && f != kNoFrame && !r.frames.count(f);
+  };
+  if (hasSF && gone(frame)) ++r.linesForSettled;
+  auto frameInfo = [&](uint32_t f) -> FrameInfo& {
+    if (!gone(f)) {
+      FrameInfo& fi = r.frames[f];
+      fi.frame = f;
+      return fi;
+    }
+    c.scratchFrame = FrameInfo();
+    return c.scratchFrame;
+  };
   auto state = [&](uint32_t s, uint32_t f) -> SensorFrame& {
+    if (gone(f)) {
+      c.scratch = SensorFrame();
+      return c.scratch;
+    }
     SensorFrame& st = r.states[{s, f}];
+    r.sensorsSeen.insert(s);
     st.sensor = s;
     st.frame = f;
     FrameInfo& fi = r.frames[f];
@@ -521,8 +542,8 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
       st.tid = line.tid;
       st.cfgSent = true;
       st.cfgSentAt = at;
-      r.frames[frame].needCfg.insert(sensor);
-      r.frames[frame].cfgByJob.insert(sensor);
+      frameInfo(frame).needCfg.insert(sensor);
+      frameInfo(frame).cfgByJob.insert(sensor);
     } else if (func == "sendJobForEnque") {
       closeEvent();
       SensorFrame& st = state(sensor, frame);
@@ -550,7 +571,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
         st.cfgStarted = true;
         st.cfgStart = at;
         st.cfgFd = present ? int32_t(fd) : -1;
-        r.frames[frame].needCfg.insert(s);
+        frameInfo(frame).needCfg.insert(s);
       } else if (present) {
         st.enqStarted = true;
         st.enqStart = at;
@@ -591,14 +612,16 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
           int doneRun = 0;
           for (auto it = seq->second.rbegin(); it != seq->second.rend() && doneRun < kDoneRunEnd;
                ++it) {
-            SensorFrame& st = r.states[{sensor, *it}];
-            if (st.done() || r.frames[*it].retired) {
+            auto st = r.states.find({sensor, *it});
+            auto fi = r.frames.find(*it);
+            if (st == r.states.end() || st->second.done() || fi == r.frames.end() ||
+                fi->second.retired) {
               ++doneRun;
               continue;
             }
             doneRun = 0;
-            st.flushed = true;
-            st.flushedAt = at;
+            st->second.flushed = true;
+            st->second.flushedAt = at;
             e.frames.push_back(*it);
           }
         }
@@ -609,8 +632,11 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
         SensorFrame& st = state(sensor, frame);
         st.dropped = true;
         st.droppedAt = at;
-        r.frames[frame].sensors.insert(sensor);
+        frameInfo(frame).sensors.insert(sensor);
+        ++r.totals[sensor].dropped;
       }
+      r.sawDropOrFlush =
+          r.sawDropOrFlush || e.kind == sim::EventKind::Drop || e.kind == sim::EventKind::Flush;
       h.events.push_back(std::move(e));
       c.lastEvent[line.tid] = h.events.size() - 1;
       c.eventOpen[line.tid] = true;
@@ -621,7 +647,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   if (line.tag == "OrvCam/CamDeliverGuard") {
     if (func == "breakFrameSync") {
       if (hasSF) {
-        r.frames[frame].syncBroken = true;
+        frameInfo(frame).syncBroken = true;
         if (sim::EventRecord* e = openEvent()) {
           if (e->kind == sim::EventKind::InformInflight) e->frames.push_back(frame);
         }
@@ -650,14 +676,15 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
         st.preparedAt = at;
         r.sequence[sensor].push_back(frame);
       }
-      r.frames[frame].sensors.insert(sensor);
+      frameInfo(frame).sensors.insert(sensor);
       h.prepares.push_back({sensor, frame, at});
+      ++r.totals[sensor].prepared;
     } else if (func == "wait") {
       bool isConfig = contains(tail, "[ConfigJob]");
       SensorFrame& st = state(sensor, frame);
       int64_t off = -1;
       numberAfter(tail, "offSensor(", &off);
-      r.frames[frame].offSensor = off;
+      frameInfo(frame).offSensor = off;
       if (contains(tail, "enqed +")) {
         st.offWaitOpen[isConfig] = off;
         st.offWaitSince[isConfig] = at;
@@ -671,7 +698,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
       }
     } else if (func == "waitOffSensorPreviousFrameEnqued") {
       // The off sensor's id is the one printed.
-      r.frames[frame].offSensor = sensor;
+      frameInfo(frame).offSensor = sensor;
     } else if (func == "operator()") {
       bool isConfig = contains(tail, "[ConfigJob]");
       SensorFrame& st = state(sensor, frame);
@@ -701,14 +728,14 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
         st.enqDone = true;
         st.enqEnd = at;
         if (contains(tail, "Is last, erase it.")) {
-          r.frames[frame].retired = true;
-          r.frames[frame].retiredAt = at;
+          frameInfo(frame).retired = true;
+          frameInfo(frame).retiredAt = at;
         }
       }
     } else if (func == "drop" || func == "flush") {
       if (contains(tail, "is last, erase")) {
-        r.frames[frame].retired = true;
-        r.frames[frame].retiredAt = at;
+        frameInfo(frame).retired = true;
+        frameInfo(frame).retiredAt = at;
       }
       sim::EventRecord* e = openEvent();
       // Without thread ids the drop's own last line ends it: a release after it is another
@@ -734,7 +761,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
     bool config = sensor >= kConfigKeyBase;
     uint32_t s = config ? (sensor & 0xFF) : sensor;
     noteSensor(sensor);
-    if (config) r.frames[frame].needCfg.insert(s);
+    if (config) frameInfo(frame).needCfg.insert(s);
     if (func == "pushLicense") {
       ++r.verboseLines;
       int64_t fd = -1;
@@ -760,6 +787,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
           st.setConfiguredAt = at;
           st.tid = line.tid;
           h.setConfigured.push_back({s, frame, at});
+          ++r.totals[s].configured;
         }
       } else if (contains(tail, "from pipeMgr")) {
         int64_t fd = -1;
@@ -792,6 +820,301 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   }
 }
 
+namespace {
+
+const SensorFrame* findState(const Run& r, uint32_t sensor, uint32_t frame) {
+  auto it = r.states.find({sensor, frame});
+  return it == r.states.end() ? nullptr : &it->second;
+}
+
+// The plan of a frame some sensor prepared or dropped. Sync lists come from the frame
+// descriptors the enqueue licences were first given: sensors sharing one FD on a frame
+// without configuration were one sync group.
+void appendPlan(const Run& r, const FrameInfo& fi, std::vector<sim::FramePlan>* plans) {
+  sim::FramePlan plan;
+  plan.frame = fi.frame;
+  plan.sensors.assign(fi.sensors.begin(), fi.sensors.end());
+  for (uint32_t s : fi.needCfg) {
+    if (fi.sensors.count(s)) plan.needCfg.insert(s);
+  }
+  for (uint32_t s : fi.cfgByJob) {
+    if (fi.sensors.count(s)) plan.cfgByJob.insert(s);
+  }
+  if (plan.needCfg.empty()) {
+    std::vector<std::pair<int32_t, uint32_t>> byFd;  // (FD, sensor), few per frame
+    for (uint32_t s : fi.sensors) {
+      const SensorFrame* st = findState(r, s, fi.frame);
+      if (st && st->firstFd >= 0) byFd.emplace_back(st->firstFd, s);
+    }
+    std::sort(byFd.begin(), byFd.end());
+    for (size_t i = 0; i < byFd.size(); ++i) {
+      bool shared = (i > 0 && byFd[i - 1].first == byFd[i].first) ||
+                    (i + 1 < byFd.size() && byFd[i + 1].first == byFd[i].first);
+      if (shared) plan.syncList.insert(byFd[i].second);
+    }
+  }
+  if (fi.offSensor >= 0) {
+    plan.offSensor = fi.offSensor;
+    // The sensor coming on: one of the frame's others that was not in the frame before.
+    const sim::FramePlan* before = plans->empty() ? nullptr : &plans->back();
+    for (uint32_t s : fi.sensors) {
+      if (int64_t(s) == fi.offSensor) continue;
+      bool was = before && std::find(before->sensors.begin(), before->sensors.end(), s) !=
+                               before->sensors.end();
+      if (plan.onSensor < 0 || !was) plan.onSensor = s;
+      if (!was) break;
+    }
+  }
+  plans->push_back(std::move(plan));
+}
+
+// The jobs of a sensor's frame. A log that begins mid-stream shows jobs of frames prepared
+// before its first line; without their prepare they cannot be put in order, so they are left
+// out (and counted by accumulate()).
+void appendJobs(const Run& r, const SensorFrame& st, std::vector<sim::JobRecord>* jobs) {
+  if (!st.prepared) return;
+  if (st.cfgSent) {
+    sim::JobRecord j;
+    j.sensor = st.sensor;
+    j.frame = st.frame;
+    j.kind = sim::JobKind::Configure;
+    j.sent = st.cfgSentAt;
+    j.start = st.cfgStarted ? st.cfgStart : 0;
+    j.end = st.cfgDone ? st.cfgEnd : (st.cfgStarted ? st.cfgStart : r.endAt);
+    j.ran = st.cfgStarted;
+    j.fd = st.cfgFd;
+    jobs->push_back(j);
+  }
+  if (st.enqStarted || st.enqNull) {
+    sim::JobRecord j;
+    j.sensor = st.sensor;
+    j.frame = st.frame;
+    j.kind = sim::JobKind::Enqueue;
+    j.sent = st.enqSentAt;
+    j.ran = st.enqStarted;
+    j.start = st.enqStarted ? st.enqStart : 0;
+    j.end = st.enqDone ? st.enqEnd : (st.enqStarted ? st.enqStart : st.enqEnd);
+    j.result = st.enqNull ? -1 : 0;
+    j.fd = st.enqFd;
+    jobs->push_back(j);
+  }
+}
+
+// Adds a frame's figures to the session's totals; once per frame, when it settles or at the
+// end.
+void accumulate(Run& r, const FrameInfo& fi) {
+  std::vector<std::pair<int32_t, uint32_t>> byFd;  // (enqueue FD, sensor)
+  for (uint32_t s : r.sensorsSeen) {
+    const SensorFrame* st = findState(r, s, fi.frame);
+    if (!st) continue;
+    SensorTotals& t = r.totals[s];
+    if (st->prepared) {
+      if (st->cfgSent && st->cfgStarted) {
+        ++t.configured;
+        t.waits.add(st->cfgStart - st->cfgSentAt);
+      }
+      if (st->enqStarted) {
+        ++t.enqueued;
+        t.waits.add(st->enqStart - st->enqSentAt);
+      }
+    } else if (st->cfgSent || st->enqStarted || st->enqNull) {
+      ++r.unpreparedJobs;
+    }
+    if (st->flushed && fi.sensors.count(s)) ++t.flushed;
+    if (st->enqFd >= 0) {
+      t.addFd(st->enqFd);
+      byFd.emplace_back(st->enqFd, s);
+    }
+    if (st->cfgFd >= 0) t.addFd(st->cfgFd);
+    if (st->enqStarted && (st->enqSentSeen || st->enqWaitSeen)) {
+      r.stallWaits.add(st->enqStart - st->enqSentAt);
+    }
+    if (st->enqDone && st->enqStarted) r.jobTimes.add(st->enqEnd - st->enqStart);
+    if (st->cfgDone && st->cfgStarted) r.jobTimes.add(st->cfgEnd - st->cfgStart);
+  }
+  std::sort(byFd.begin(), byFd.end());
+  for (size_t i = 0; i < byFd.size(); ++i) {
+    bool shared = (i > 0 && byFd[i - 1].first == byFd[i].first) ||
+                  (i + 1 < byFd.size() && byFd[i + 1].first == byFd[i].first);
+    if (shared) ++r.totals[byFd[i].second].sharedFrames;
+  }
+}
+
+// The history of `frames` (ascending, all in memory), with `context` among them marked as
+// context: plans, jobs, and the prepares and setConfigured reports of those frames; every
+// event still held.
+sim::History historyOf(const Run& r, const std::vector<uint32_t>& frames,
+                       const std::set<uint32_t>& context) {
+  const sim::History& held = r.history;
+  sim::History h;
+  h.sensors.assign(r.sensorsSeen.begin(), r.sensorsSeen.end());
+  h.contextFrames = context;
+  auto among = [&](uint32_t f) { return std::binary_search(frames.begin(), frames.end(), f); };
+  h.plans.reserve(frames.size());
+  for (uint32_t f : frames) {
+    const FrameInfo& fi = r.frames.at(f);
+    if (!fi.sensors.empty()) appendPlan(r, fi, &h.plans);
+  }
+  for (uint32_t f : frames) {
+    for (uint32_t s : r.sensorsSeen) {
+      if (const SensorFrame* st = findState(r, s, f)) appendJobs(r, *st, &h.jobs);
+    }
+  }
+  std::stable_sort(
+      h.jobs.begin(), h.jobs.end(),
+      [](const sim::JobRecord& a, const sim::JobRecord& b) { return a.sent < b.sent; });
+  for (const sim::PrepareRecord& p : held.prepares) {
+    if (among(p.frame)) h.prepares.push_back(p);
+  }
+  for (const sim::SetConfiguredRecord& p : held.setConfigured) {
+    if (among(p.frame)) h.setConfigured.push_back(p);
+  }
+  h.events = held.events;
+  h.wallTime = r.endAt;
+  h.unsupportedRules["licence"] =
+      "rebuilt from a log: the log has no licence identities, only the FDs jobs were given";
+  h.unsupportedRules["pool"] =
+      "rebuilt from a log: the log does not show what the frame pool held at the end";
+  return h;
+}
+
+// A frame that can leave memory: retired (or long overtaken by every sensor), with no send
+// waiting and no job running.
+bool settled(const Run& r, const FrameInfo& fi, bool stale) {
+  if (!fi.retired && !stale && !fi.sensors.empty()) return false;
+  for (uint32_t s : r.sensorsSeen) {
+    const SensorFrame* st = findState(r, s, fi.frame);
+    if (!st) continue;
+    if (st->cfgBlocked() || st->enqBlocked()) return false;
+    bool cfgRunning = st->cfgStarted && !st->cfgDone;
+    bool enqRunning = st->enqStarted && !st->enqDone && !st->dropped && !st->flushed;
+    if (!stale && (cfgRunning || enqRunning)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void dropInFlightDeliveries(const Run& r, std::vector<sim::Violation>* violations) {
+  auto inFlight = [&r](const sim::Violation& v) {
+    if (v.rule != "delivery") return false;
+    unsigned s = 0, f = 0;
+    if (std::sscanf(v.message.c_str(), "S:%u F:%u", &s, &f) != 2) return false;
+    auto fi = r.frames.find(f);
+    if (fi == r.frames.end() || fi->second.retired) return false;
+    for (uint32_t x : fi->second.sensors) {
+      const SensorFrame* p = findState(r, x, f);
+      if (!p || !p->done()) return true;
+    }
+    return false;
+  };
+  violations->erase(std::remove_if(violations->begin(), violations->end(), inFlight),
+                    violations->end());
+}
+
+void LogReader::maybeSettle(Context& c) {
+  Run& r = c.run;
+  if (window_ == 0 || r.frames.size() - r.context.size() <= window_ ||
+      r.frames.size() < c.nextSettleAt) {
+    return;
+  }
+  auto end = r.frames.lower_bound(kNoFrame);
+  if (end == r.frames.begin()) return;
+  uint32_t newest = std::prev(end)->first;
+  size_t live = r.frames.size() - r.context.size();
+  size_t want = live - window_ / 2;
+  // Oldest first; a frame still open stops the scan unless every sensor has long gone past
+  // it (a lost line, a stalled sensor), in which case it stays and the scan goes on.
+  std::vector<uint32_t> batch;
+  for (auto it = r.frames.begin(); it != end && batch.size() < want; ++it) {
+    if (r.context.count(it->first)) continue;
+    bool stale = newest - it->first > std::max<size_t>(4 * window_, kStaleFrames);
+    if (settled(r, it->second, stale)) {
+      batch.push_back(it->first);
+    } else if (!stale) {
+      break;
+    }
+  }
+  if (!batch.empty()) settle(c, batch);
+  c.nextSettleAt = r.frames.size() + std::max<size_t>(1, window_ / 8);
+}
+
+void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
+  Run& r = c.run;
+  // Checked with every frame in memory up to the batch's last: the context, and frames kept
+  // open below it.
+  std::vector<uint32_t> frames;
+  std::set<uint32_t> context;
+  for (auto it = r.frames.begin(); it != r.frames.end() && it->first <= batch.back(); ++it) {
+    frames.push_back(it->first);
+    if (!std::binary_search(batch.begin(), batch.end(), it->first)) context.insert(it->first);
+  }
+  if (r.debugLines > 0) {
+    sim::CheckResult res = sim::checkHistory(historyOf(r, frames, context));
+    dropInFlightDeliveries(r, &res.violations);
+    sim::CheckResult& all = r.settledCheck;
+    for (sim::Violation& v : res.violations) all.violations.push_back(std::move(v));
+    for (sim::Violation& v : res.notes) all.notes.push_back(std::move(v));
+    all.skipped.insert(res.skipped.begin(), res.skipped.end());
+    all.jobsChecked += res.jobsChecked;
+  }
+  for (uint32_t f : batch) accumulate(r, r.frames.at(f));
+  r.settledFrames += batch.size();
+  r.settledUpTo = std::max<int64_t>(r.settledUpTo, batch.back());
+
+  // The new context: the newest settled frames, and each sensor's latest settled frame.
+  std::vector<uint32_t> done(r.context.begin(), r.context.end());
+  done.insert(done.end(), batch.begin(), batch.end());
+  std::sort(done.begin(), done.end());
+  std::set<uint32_t> keep(done.end() - long(std::min(done.size(), kContextFrames)), done.end());
+  for (uint32_t s : r.sensorsSeen) {
+    for (auto it = done.rbegin(); it != done.rend(); ++it) {
+      const SensorFrame* st = findState(r, s, *it);
+      if (st && st->prepared) {
+        keep.insert(*it);
+        break;
+      }
+    }
+  }
+  for (uint32_t f : done) {
+    if (keep.count(f)) continue;
+    for (uint32_t s : r.sensorsSeen) r.states.erase({s, f});
+    r.frames.erase(f);
+  }
+  r.context = std::move(keep);
+
+  // What refers only to frames that left memory goes too.
+  auto goneFrame = [&r](uint32_t f) { return f != kNoFrame && !r.frames.count(f); };
+  for (auto& seq : r.sequence) {
+    auto& v = seq.second;
+    v.erase(std::remove_if(v.begin(), v.end(), goneFrame), v.end());
+  }
+  sim::History& h = r.history;
+  h.prepares.erase(std::remove_if(h.prepares.begin(), h.prepares.end(),
+                                  [&](const sim::PrepareRecord& p) { return goneFrame(p.frame); }),
+                   h.prepares.end());
+  h.setConfigured.erase(
+      std::remove_if(h.setConfigured.begin(), h.setConfigured.end(),
+                     [&](const sim::SetConfiguredRecord& p) { return goneFrame(p.frame); }),
+      h.setConfigured.end());
+  // Events: kept while a frame they name is held or a thread's later lines may add to them.
+  std::set<size_t> open;
+  for (const auto& e : c.lastEvent) open.insert(e.second);
+  std::vector<sim::EventRecord> events;
+  std::map<size_t, size_t> moved;
+  for (size_t i = 0; i < h.events.size(); ++i) {
+    const sim::EventRecord& e = h.events[i];
+    bool held =
+        open.count(i) || (e.frame != kNoFrame && r.frames.count(e.frame)) ||
+        std::any_of(e.frames.begin(), e.frames.end(), [&](uint32_t f) { return !goneFrame(f); });
+    if (!held) continue;
+    moved[i] = events.size();
+    events.push_back(std::move(h.events[i]));
+  }
+  h.events = std::move(events);
+  for (auto& e : c.lastEvent) e.second = moved.at(e.second);
+}
+
 std::vector<Run> LogReader::finish() {
   std::vector<Run> out;
   std::map<int, int> sessions;  // pid -> sessions in the log
@@ -800,97 +1123,15 @@ std::vector<Run> LogReader::finish() {
   for (Context& c : contexts_) {
     Run& r = c.run;
     int pid = r.pid;
+    std::vector<uint32_t> frames;
+    for (const auto& entry : r.frames) {
+      frames.push_back(entry.first);
+      if (!r.context.count(entry.first)) accumulate(r, entry.second);
+    }
+    r.history = historyOf(r, frames, r.context);
     sim::History& h = r.history;
     h.scenario = "log of process " + std::to_string(pid) +
                  (sessions[pid] > 1 ? ", session " + std::to_string(r.session) : std::string());
-    h.unsupportedRules["licence"] =
-        "rebuilt from a log: the log has no licence identities, only the FDs jobs were given";
-    h.unsupportedRules["pool"] =
-        "rebuilt from a log: the log does not show what the frame pool held at the end";
-    std::set<uint32_t> sensors;
-    for (const auto& entry : r.states) sensors.insert(entry.first.first);
-    h.sensors.assign(sensors.begin(), sensors.end());
-    // Sync lists from the frame descriptors the enqueue licences were first given: sensors
-    // sharing one FD on a frame without configuration were one sync group.
-    h.plans.reserve(r.frames.size());
-    h.jobs.reserve(r.states.size() + r.states.size() / 4);
-    for (auto& entry : r.frames) {
-      FrameInfo& fi = entry.second;
-      if (fi.sensors.empty()) continue;
-      sim::FramePlan plan;
-      plan.frame = fi.frame;
-      plan.sensors.assign(fi.sensors.begin(), fi.sensors.end());
-      for (uint32_t s : fi.needCfg) {
-        if (fi.sensors.count(s)) plan.needCfg.insert(s);
-      }
-      for (uint32_t s : fi.cfgByJob) {
-        if (fi.sensors.count(s)) plan.cfgByJob.insert(s);
-      }
-      if (plan.needCfg.empty()) {
-        std::vector<std::pair<int32_t, uint32_t>> byFd;  // (FD, sensor), few per frame
-        for (uint32_t s : fi.sensors) {
-          auto st = r.states.find({s, fi.frame});
-          if (st != r.states.end() && st->second.firstFd >= 0)
-            byFd.emplace_back(st->second.firstFd, s);
-        }
-        std::sort(byFd.begin(), byFd.end());
-        for (size_t i = 0; i < byFd.size(); ++i) {
-          bool shared = (i > 0 && byFd[i - 1].first == byFd[i].first) ||
-                        (i + 1 < byFd.size() && byFd[i + 1].first == byFd[i].first);
-          if (shared) plan.syncList.insert(byFd[i].second);
-        }
-      }
-      if (fi.offSensor >= 0) {
-        plan.offSensor = fi.offSensor;
-        // The sensor coming on: one of the frame's others that was not in the frame before.
-        const sim::FramePlan* before = h.plans.empty() ? nullptr : &h.plans.back();
-        for (uint32_t s : fi.sensors) {
-          if (int64_t(s) == fi.offSensor) continue;
-          bool was = before && std::find(before->sensors.begin(), before->sensors.end(), s) !=
-                                   before->sensors.end();
-          if (plan.onSensor < 0 || !was) plan.onSensor = s;
-          if (!was) break;
-        }
-      }
-      h.plans.push_back(std::move(plan));
-    }
-    for (const auto& entry : r.states) {
-      const SensorFrame& st = entry.second;
-      // A log that begins mid-stream shows jobs of frames prepared before its first line;
-      // without their prepare they cannot be put in order, so they are left out.
-      if (!st.prepared) {
-        if (st.cfgSent || st.enqStarted || st.enqNull) ++r.unpreparedJobs;
-        continue;
-      }
-      if (st.cfgSent) {
-        sim::JobRecord j;
-        j.sensor = st.sensor;
-        j.frame = st.frame;
-        j.kind = sim::JobKind::Configure;
-        j.sent = st.cfgSentAt;
-        j.start = st.cfgStarted ? st.cfgStart : 0;
-        j.end = st.cfgDone ? st.cfgEnd : (st.cfgStarted ? st.cfgStart : r.endAt);
-        j.ran = st.cfgStarted;
-        j.fd = st.cfgFd;
-        h.jobs.push_back(j);
-      }
-      if (st.enqStarted || st.enqNull) {
-        sim::JobRecord j;
-        j.sensor = st.sensor;
-        j.frame = st.frame;
-        j.kind = sim::JobKind::Enqueue;
-        j.sent = st.enqSentAt;
-        j.ran = st.enqStarted;
-        j.start = st.enqStarted ? st.enqStart : 0;
-        j.end = st.enqDone ? st.enqEnd : (st.enqStarted ? st.enqStart : st.enqEnd);
-        j.result = st.enqNull ? -1 : 0;
-        j.fd = st.enqFd;
-        h.jobs.push_back(j);
-      }
-    }
-    std::sort(h.jobs.begin(), h.jobs.end(),
-              [](const sim::JobRecord& a, const sim::JobRecord& b) { return a.sent < b.sent; });
-    h.wallTime = r.endAt;
     r.captureEnd = std::max(r.endAt, c.baseNs >= 0 ? clock_.last() - c.baseNs : r.endAt);
     out.push_back(std::move(r));
   }

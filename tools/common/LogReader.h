@@ -5,6 +5,7 @@
 // and a History that the ordering checker reads like a simulator run.
 //
 // Nothing here runs the library; it only knows the texts the library writes.
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include "CamDeliverConstants.h"
+#include "Checker.h"
+#include "DurationHistogram.h"
 #include "History.h"
 
 namespace orvcam {
@@ -118,6 +121,24 @@ struct LastSeen {
   std::string text;
 };
 
+// A sensor's figures over the whole session, counted as lines come and as frames settle.
+struct SensorTotals {
+  uint64_t prepared = 0;      // prepare lines
+  uint64_t configured = 0;    // configure jobs run and setConfigured reports
+  uint64_t enqueued = 0;      // enqueue jobs run
+  uint64_t dropped = 0;       // drop reports
+  uint64_t flushed = 0;       // frames a flush took from it
+  DurationHistogram waits;    // from a send to its job's start, every job that ran
+  // The FDs its jobs were given. A device reuses a few descriptors; a log whose FDs only grow
+  // stops collecting them at kMaxFds and the count reads "at least".
+  static constexpr size_t kMaxFds = 4096;
+  std::set<int32_t> fds;
+  void addFd(int32_t fd) {
+    if (fds.size() < kMaxFds) fds.insert(fd);
+  }
+  uint64_t sharedFrames = 0;  // frames whose enqueue FD it shared with another sensor
+};
+
 // One session's lines, replayed: a deliverer built in a process, from its first line to the
 // line that shows the next one built in the same process.
 struct Run {
@@ -150,10 +171,28 @@ struct Run {
   std::map<int, std::map<uint32_t, uint64_t>> threadSensors;  // tid -> sensor -> lines
   std::map<int, Nanos> threadLastAt;                          // tid -> time of its latest line
   std::vector<FatalAssertion> fatals;
+  // A long capture does not stay in memory: once a session holds more frames than the reader's
+  // window, the oldest frames that have settled (retired, no send waiting or running) are
+  // checked, counted into the totals below and dropped. The frames later ones depend on (each
+  // sensor's latest, and the last few for the preparation window) stay as context.
+  std::set<uint32_t> sensorsSeen;
+  std::map<uint32_t, SensorTotals> totals;  // per sensor; settled and, after finish(), all
+  DurationHistogram stallWaits;             // enqueue waits whose send or wait line was seen
+  DurationHistogram jobTimes;               // jobs that ran and finished
+  sim::CheckResult settledCheck;            // what the dropped frames were found to break
+  uint64_t settledFrames = 0;
+  // Every frame up to this number has settled; a later line that names one that left memory
+  // changes nothing but its event and is counted here. -1: none has settled.
+  int64_t settledUpTo = -1;
+  uint64_t linesForSettled = 0;
+  std::set<uint32_t> context;  // settled frames kept for the frames after them
+  bool sawDropOrFlush = false;
   std::map<std::string, WarningCount> warnings;  // by kind
   bool torndown = false;                         // the deliverer's destructor handed licences back
   uint64_t unpreparedJobs = 0;  // jobs of frames prepared before the log begins, left out
-  sim::History history;         // filled by finish()
+  // Filled by finish(): the frames still in memory, with `context` as its context frames (the
+  // whole session when none settled).
+  sim::History history;
 };
 
 // A step of the log's clock that the reader could not take as time passing: the line number
@@ -192,6 +231,15 @@ class LogReader {
   // A silence this long between two lines of one process, followed by a preparation at
   // order 0, starts a new session even when the sensor had not prepared in the old one.
   static constexpr int64_t kSessionSilenceNs = 5000000000LL;
+  // Frames a session holds before its oldest settled ones are checked and dropped.
+  static constexpr size_t kDefaultWindow = 512;
+  // Settled frames kept as context: more than the deliverer's preparation window.
+  static constexpr size_t kContextFrames = NSCam::camsys::camcoordinator::kPreparationWindow + 4;
+  // A frame this many frame numbers behind the newest is settled even if it never retired,
+  // when no send of it still waits: far more than the pool can hold in flight.
+  static constexpr size_t kStaleFrames = 256;
+  // 0 keeps every frame to the end (a frame table needs them all); at least 4 otherwise.
+  void setWindow(size_t frames) { window_ = frames == 0 ? 0 : std::max<size_t>(frames, 4); }
   // One raw line (without its newline).
   void addLine(std::string_view raw);
   // Replays what is left and builds each run's History. Runs by first line.
@@ -228,8 +276,16 @@ class LogReader {
     std::map<int, size_t> lastEvent;    // tid -> index in history.events
     std::map<int, bool> eventOpen;      // tid -> lines still belong to it
     std::set<uint32_t> flushedSensors;  // flushed, not prepared since: their order restarts
+    size_t nextSettleAt = 0;            // frames held when settling is tried next
+    SensorFrame scratch;                // what a line about a frame that left memory writes to
+    FrameInfo scratchFrame;
   };
   void handle(Context& c, const LogLine& line, int64_t fileAt);
+  // Checks, counts and drops the oldest settled frames once the session holds more than the
+  // window.
+  void maybeSettle(Context& c);
+  void settle(Context& c, const std::vector<uint32_t>& batch);
+  size_t window_ = kDefaultWindow;
   LogClock clock_;
   // The session a line of a process belongs to, and why a new one begins with it.
   Context& sessionFor(const LogLine& line, int64_t fileAt);
@@ -261,6 +317,10 @@ struct WarningExplanation {
   bool needsDropOrFlush = false;  // that call order is a drop or a flush
 };
 WarningExplanation explainWarning(const std::string& kind);
+
+// Takes out of `violations` the delivery findings of frames still in flight when the log ends
+// (not retired, some sensor not done): the capture stopped, the library did not fail.
+void dropInFlightDeliveries(const Run& run, std::vector<sim::Violation>* violations);
 
 }  // namespace logread
 }  // namespace orvcam

@@ -130,26 +130,11 @@ void waitingAtEnd(const Run& r, const SensorFrame& st, bool isConfig, Analysis* 
                       ms(waited) + " (since " + ms(since) + ")" + waitsFor(r, st, isConfig)});
 }
 
-Nanos p99(std::vector<Nanos> v) {
-  if (v.empty()) return 0;
-  size_t i = std::min(v.size() - 1, v.size() * 99 / 100);
-  std::nth_element(v.begin(), v.begin() + long(i), v.end());
-  return v[i];
-}
-
 }  // namespace
 
 Nanos derivedStallNs(const Run& r) {
-  std::vector<Nanos> waits, jobs;
-  for (const auto& entry : r.states) {
-    const SensorFrame& st = entry.second;
-    if (st.enqStarted && (st.enqSentSeen || st.enqWaitSeen)) {
-      waits.push_back(st.enqStart - st.enqSentAt);
-    }
-    if (st.enqDone && st.enqStarted) jobs.push_back(st.enqEnd - st.enqStart);
-    if (st.cfgDone && st.cfgStarted) jobs.push_back(st.cfgEnd - st.cfgStart);
-  }
-  return std::max(kStallFloorNs, kStallFactor * std::max(p99(waits), p99(jobs)));
+  return std::max(kStallFloorNs, kStallFactor * std::max(r.stallWaits.percentile(0.99),
+                                                         r.jobTimes.percentile(0.99)));
 }
 
 Analysis analyse(const Run& r, const AnalysisOptions& options) {
@@ -175,7 +160,7 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
     }
     a.findings.push_back({"fatal", text});
   }
-  bool hasDropOrFlush = false;
+  bool hasDropOrFlush = r.sawDropOrFlush;
   for (const sim::EventRecord& e : r.history.events) {
     hasDropOrFlush = hasDropOrFlush || e.kind == sim::EventKind::Drop ||
                      e.kind == sim::EventKind::Flush || e.kind == sim::EventKind::QueueFlush;
@@ -200,28 +185,19 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
   }
 
   if (!a.debugMissing) {
-    a.check = sim::checkHistory(r.history);
-    std::vector<sim::Violation> kept;
-    for (const sim::Violation& v : a.check.violations) {
-      if (v.rule == "delivery") {
-        // A frame still in flight when the log ends is not a delivery fault.
-        unsigned s = 0, f = 0;
-        if (std::sscanf(v.message.c_str(), "S:%u F:%u", &s, &f) == 2) {
-          auto fi = r.frames.find(f);
-          if (fi != r.frames.end() && !fi->second.retired) {
-            bool allDone = true;
-            for (uint32_t x : fi->second.sensors) {
-              const SensorFrame* p = findState(r, x, f);
-              allDone = allDone && p && p->done();
-            }
-            if (!allDone) continue;
-          }
-        }
-      }
-      kept.push_back(v);
-    }
-    a.check.violations = kept;
-    for (const sim::Violation& v : kept) a.findings.push_back({v.rule, v.message});
+    // Frames that settled during the read were checked then; the rest are checked now.
+    sim::CheckResult last = sim::checkHistory(r.history);
+    dropInFlightDeliveries(r, &last.violations);
+    a.check = r.settledCheck;
+    a.check.violations.insert(a.check.violations.end(), last.violations.begin(),
+                              last.violations.end());
+    a.check.notes.insert(a.check.notes.end(), last.notes.begin(), last.notes.end());
+    a.check.skipped.insert(last.skipped.begin(), last.skipped.end());
+    a.check.jobsChecked += last.jobsChecked;
+    auto byTime = [](const sim::Violation& x, const sim::Violation& y) { return x.at < y.at; };
+    std::stable_sort(a.check.violations.begin(), a.check.violations.end(), byTime);
+    std::stable_sort(a.check.notes.begin(), a.check.notes.end(), byTime);
+    for (const sim::Violation& v : a.check.violations) a.findings.push_back({v.rule, v.message});
   }
 
   a.notCheckable.push_back(
@@ -260,22 +236,6 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
 }
 
 void printSummary(std::ostream& out, const Run& r) {
-  std::vector<sim::SensorSummary> rows = sim::summarize(r.history);
-  // Licences by FD: FDs the sensor's jobs were given, and frames where its enqueue FD was
-  // shared with another sensor.
-  std::map<uint32_t, std::set<int32_t>> fds;
-  std::map<uint32_t, uint64_t> sharedFrames;
-  std::map<std::pair<uint32_t, int32_t>, std::set<uint32_t>> fdUsers;  // (frame, fd) -> sensors
-  for (const auto& entry : r.states) {
-    const SensorFrame& st = entry.second;
-    if (st.enqFd >= 0) fds[st.sensor].insert(st.enqFd);
-    if (st.cfgFd >= 0) fds[st.sensor].insert(st.cfgFd);
-    if (st.enqFd >= 0) fdUsers[{st.frame, st.enqFd}].insert(st.sensor);
-  }
-  for (const auto& entry : fdUsers) {
-    if (entry.second.size() < 2) continue;
-    for (uint32_t s : entry.second) ++sharedFrames[s];
-  }
   char line[256];
   std::snprintf(line, sizeof line, "%-7s %8s %10s %8s %7s %7s  %9s %9s %9s  %8s %9s\n", "sensor",
                 "prepared", "configured", "enqueued", "dropped", "flushed", "wait p50", "wait p99",
@@ -284,36 +244,44 @@ void printSummary(std::ostream& out, const Run& r) {
   std::snprintf(line, sizeof line, "%-7s %8s %10s %8s %7s %7s  %9s %9s %9s  %8s %9s\n", "", "", "",
                 "", "", "", "ms", "ms", "ms", "", "frames");
   out << line;
-  uint64_t totalFds = 0, totalShared = 0;
-  for (const sim::SensorSummary& row : rows) {
-    if (row.label == "shared") continue;
-    auto t = [&](Nanos v) {
-      if (!row.waits) return std::string("-");
+  auto row = [&](const std::string& label, const SensorTotals& t, uint64_t fds, bool capped) {
+    auto time = [&](Nanos v) {
+      if (!t.waits.count()) return std::string("-");
       char b[32];
       std::snprintf(b, sizeof b, "%.3f", double(v) / 1e6);
       return std::string(b);
     };
-    uint64_t nFds = 0, nShared = 0;
-    if (row.label == "total") {
-      nFds = totalFds;
-      nShared = totalShared;
-    } else {
-      uint32_t s = uint32_t(std::stoul(row.label.substr(2)));
-      nFds = fds[s].size();
-      nShared = sharedFrames[s];
-      totalFds += nFds;
-      totalShared += nShared;
-    }
     std::snprintf(
-        line, sizeof line, "%-7s %8llu %10llu %8llu %7llu %7llu  %9s %9s %9s  %8llu %9llu\n",
-        row.label.c_str(), static_cast<unsigned long long>(row.prepared),
-        static_cast<unsigned long long>(row.configured),
-        static_cast<unsigned long long>(row.enqueued), static_cast<unsigned long long>(row.dropped),
-        static_cast<unsigned long long>(row.flushed), t(row.waitP50).c_str(),
-        t(row.waitP99).c_str(), t(row.waitMax).c_str(), static_cast<unsigned long long>(nFds),
-        static_cast<unsigned long long>(nShared));
+        line, sizeof line, "%-7s %8llu %10llu %8llu %7llu %7llu  %9s %9s %9s  %8s %9llu\n",
+        label.c_str(), static_cast<unsigned long long>(t.prepared),
+        static_cast<unsigned long long>(t.configured), static_cast<unsigned long long>(t.enqueued),
+        static_cast<unsigned long long>(t.dropped), static_cast<unsigned long long>(t.flushed),
+        time(t.waits.percentile(0.50)).c_str(), time(t.waits.percentile(0.99)).c_str(),
+        time(t.waits.max()).c_str(), (std::to_string(fds) + (capped ? "+" : "")).c_str(),
+        static_cast<unsigned long long>(t.sharedFrames));
     out << line;
+  };
+  SensorTotals total;
+  uint64_t totalFds = 0;
+  bool capped = false;
+  std::set<uint32_t> sensors = r.sensorsSeen;
+  for (const auto& t : r.totals) sensors.insert(t.first);
+  for (uint32_t s : sensors) {
+    auto it = r.totals.find(s);
+    SensorTotals t = it == r.totals.end() ? SensorTotals() : it->second;
+    bool full = t.fds.size() >= SensorTotals::kMaxFds;
+    row("S:" + std::to_string(s), t, t.fds.size(), full);
+    capped = capped || full;
+    total.prepared += t.prepared;
+    total.configured += t.configured;
+    total.enqueued += t.enqueued;
+    total.dropped += t.dropped;
+    total.flushed += t.flushed;
+    total.waits.merge(t.waits);
+    total.sharedFrames += t.sharedFrames;
+    totalFds += t.fds.size();
   }
+  row("total", total, totalFds, capped);
 }
 
 void printFrames(std::ostream& out, const Run& r) {

@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
   int session = -1;
   double stallMs = -1;
   bool strict = false;
+  size_t window = logread::LogReader::kDefaultWindow;
   app.add_option("log", inputPath, "Log file (default or \"-\": standard input)");
   app.add_flag("--frames", frames, "Also print a table of every (frame, sensor)");
   app.add_option("--trace", tracePath, "Write a Chrome JSON trace rebuilt from the log");
@@ -66,6 +67,10 @@ int main(int argc, char** argv) {
   app.add_flag("--strict", strict,
                "Warnings that are not benign fail the run too (exit 1), even those a legal "
                "client call order explains");
+  app.add_option("--window", window,
+                 "Frames a session holds before the oldest settled ones are checked, counted and "
+                 "let go (0: keep every frame to the end); the result does not depend on it")
+      ->capture_default_str();
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -91,6 +96,9 @@ int main(int argc, char** argv) {
     inputName = inputPath;
   }
   logread::LogReader reader;
+  // The frame table and the files written at the end still need every frame.
+  bool keepAll = frames || !tracePath.empty() || !historyPath.empty() || !scenarioPath.empty();
+  reader.setWindow(keepAll ? 0 : window);
   std::string line;
   std::string firstLine;
   while (std::getline(*in, line)) {
