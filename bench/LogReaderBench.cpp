@@ -9,12 +9,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "LogReader.h"
 #include "LogReport.h"
+#include "Report.h"
+
+#include <unistd.h>
 
 namespace {
 
@@ -127,40 +133,80 @@ void BM_ReadAndCheckLog(benchmark::State& state) {
 BENCHMARK(BM_ReadAndCheckLog)->Arg(1000000)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 // A two-hour capture's length, made line by line as it is read (the text itself is never
-// held), read and checked as camdeliver-log does by default. `reader_peak_mb` is how far the
-// process's resident memory rose above what it held before the read (targets: 15 s, 200 MB);
-// `vs_parse_only` compares with parsing the same lines alone, made the same way.
+// held), read and checked as camdeliver-log does by default; with the second argument 1, its
+// trace, history and scenario are written too, as camdeliver-log writes them (into a temporary
+// directory, removed after). `reader_peak_mb` is how far the process's resident memory rose
+// above what it held before the read (targets: 15 s, 200 MB); `vs_parse_only` compares with
+// parsing the same lines alone, made the same way.
 void BM_LongCapture(benchmark::State& state) {
+  using namespace orvcam;
   size_t lines = size_t(state.range(0));
-  double parseSeconds = 0, readSeconds = 0, peakMb = 0;
+  bool outputs = state.range(1) != 0;
+  namespace fs = std::filesystem;
+  fs::path dir = fs::temp_directory_path() / ("camdeliver-log-bench-" + std::to_string(getpid()));
+  double parseSeconds = 0, readSeconds = 0, peakMb = 0, outputMb = 0;
   for (auto _ : state) {
     auto start = std::chrono::steady_clock::now();
     size_t parsed = 0;
-    orvcam::logread::LogLine line;
-    generateLog(lines,
-                [&](std::string_view raw) { parsed += orvcam::logread::parseLogLine(raw, &line); });
+    logread::LogLine line;
+    generateLog(lines, [&](std::string_view raw) { parsed += logread::parseLogLine(raw, &line); });
     benchmark::DoNotOptimize(parsed);
     parseSeconds += secondsSince(start);
 
+    fs::create_directories(dir);
     resetPeakRss();
     double before = statusMb("VmRSS");
     start = std::chrono::steady_clock::now();
-    orvcam::logread::LogReader reader;
-    generateLog(lines, [&](std::string_view raw) { reader.addLine(raw); });
-    std::vector<orvcam::logread::Run> runs = reader.finish();
-    orvcam::logread::Analysis a = orvcam::logread::analyse(runs.front());
-    readSeconds += secondsSince(start);
+    {
+      logread::LogReader reader;
+      std::ofstream traceFile;
+      std::unique_ptr<logread::TraceWriter> trace;
+      std::unique_ptr<sim::HistoryJsonStream> history;
+      std::unique_ptr<logread::ScenarioWriter> scenario;
+      if (outputs) {
+        traceFile.open(dir / "trace.json", std::ios::binary);
+        trace = std::make_unique<logread::TraceWriter>(traceFile, 4000);
+        history = std::make_unique<sim::HistoryJsonStream>((dir / "history").string());
+        scenario = std::make_unique<logread::ScenarioWriter>((dir / "scenario").string());
+        reader.setListener([&](const logread::Run& run, const sim::History& part) {
+          trace->add(run, part);
+          history->add(part);
+          scenario->add(run, part);
+        });
+      }
+      generateLog(lines, [&](std::string_view raw) { reader.addLine(raw); });
+      std::vector<logread::Run> runs = reader.finish();
+      logread::Analysis a = logread::analyse(runs.front());
+      if (outputs) {
+        trace->finish(runs.front());
+        traceFile.close();
+        history->add(logread::unsettledPart(runs.front()));
+        bool ok = history->finish(runs.front().history, (dir / "history.json").string());
+        std::ofstream scenarioFile(dir / "scenario.json", std::ios::binary);
+        ok = ok && scenario->finish(runs.front(), scenarioFile) && traceFile;
+        if (!ok) state.SkipWithError("an output could not be written");
+      }
+      readSeconds += secondsSince(start);
+      if (!a.findings.empty()) state.SkipWithError(a.findings.front().text.c_str());
+      if (runs.front().settledFrames == 0) state.SkipWithError("no frame settled");
+    }
     peakMb = std::max(peakMb, statusMb("VmHWM") - before);
-    if (!a.findings.empty()) state.SkipWithError(a.findings.front().text.c_str());
-    if (runs.front().settledFrames == 0) state.SkipWithError("no frame settled");
+    outputMb = 0;
+    for (const auto& f : fs::directory_iterator(dir)) outputMb += double(f.file_size()) / 1e6;
+    fs::remove_all(dir);
   }
   double n = double(state.iterations()) * double(lines);
   state.counters["seconds"] = readSeconds / double(state.iterations());
   state.counters["reader_peak_mb"] = peakMb;
+  state.counters["output_mb"] = outputMb;
   state.counters["ns_per_line"] = readSeconds * 1e9 / n;
   state.counters["vs_parse_only"] = readSeconds / parseSeconds;
   state.SetItemsProcessed(int64_t(n));
 }
-BENCHMARK(BM_LongCapture)->Arg(10000000)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_LongCapture)
+    ->Args({10000000, 0})
+    ->Args({10000000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 }  // namespace

@@ -1049,8 +1049,9 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
     frames.push_back(it->first);
     if (!std::binary_search(batch.begin(), batch.end(), it->first)) context.insert(it->first);
   }
+  sim::History chunk = historyOf(r, frames, context);
   if (r.debugLines > 0) {
-    sim::CheckResult res = sim::checkHistory(historyOf(r, frames, context));
+    sim::CheckResult res = sim::checkHistory(chunk);
     dropInFlightDeliveries(r, &res.violations);
     sim::CheckResult& all = r.settledCheck;
     for (sim::Violation& v : res.violations) all.violations.push_back(std::move(v));
@@ -1076,43 +1077,77 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
       }
     }
   }
+  std::set<uint32_t> leaving;
   for (uint32_t f : done) {
-    if (keep.count(f)) continue;
-    for (uint32_t s : r.sensorsSeen) r.states.erase({s, f});
-    r.frames.erase(f);
+    if (!keep.count(f)) leaving.insert(f);
   }
-  r.context = std::move(keep);
 
-  // What refers only to frames that left memory goes too.
-  auto goneFrame = [&r](uint32_t f) { return f != kNoFrame && !r.frames.count(f); };
-  for (auto& seq : r.sequence) {
-    auto& v = seq.second;
-    v.erase(std::remove_if(v.begin(), v.end(), goneFrame), v.end());
+  // What refers only to frames that leave memory goes with them: given to the listener with
+  // the settled frames' plans and jobs, while their states can still be looked up.
+  auto goneFrame = [&](uint32_t f) {
+    return f != kNoFrame && (leaving.count(f) || !r.frames.count(f));
+  };
+  sim::History part;
+  part.plans.reserve(batch.size());
+  part.jobs.reserve(chunk.jobs.size());
+  for (sim::FramePlan& p : chunk.plans) {
+    if (!context.count(p.frame)) part.plans.push_back(std::move(p));
+  }
+  for (sim::JobRecord& j : chunk.jobs) {
+    if (!context.count(j.frame)) part.jobs.push_back(j);
   }
   sim::History& h = r.history;
-  h.prepares.erase(std::remove_if(h.prepares.begin(), h.prepares.end(),
-                                  [&](const sim::PrepareRecord& p) { return goneFrame(p.frame); }),
-                   h.prepares.end());
-  h.setConfigured.erase(
-      std::remove_if(h.setConfigured.begin(), h.setConfigured.end(),
-                     [&](const sim::SetConfiguredRecord& p) { return goneFrame(p.frame); }),
-      h.setConfigured.end());
+  auto split = [&](auto& held, auto& gone) {
+    auto kept = std::stable_partition(held.begin(), held.end(),
+                                      [&](const auto& p) { return !goneFrame(p.frame); });
+    gone.assign(kept, held.end());
+    held.erase(kept, held.end());
+  };
+  split(h.prepares, part.prepares);
+  split(h.setConfigured, part.setConfigured);
   // Events: kept while a frame they name is held or a thread's later lines may add to them.
   std::set<size_t> open;
   for (const auto& e : c.lastEvent) open.insert(e.second);
   std::vector<sim::EventRecord> events;
   std::map<size_t, size_t> moved;
   for (size_t i = 0; i < h.events.size(); ++i) {
-    const sim::EventRecord& e = h.events[i];
+    sim::EventRecord& e = h.events[i];
     bool held =
-        open.count(i) || (e.frame != kNoFrame && r.frames.count(e.frame)) ||
+        open.count(i) || (e.frame != kNoFrame && !goneFrame(e.frame)) ||
         std::any_of(e.frames.begin(), e.frames.end(), [&](uint32_t f) { return !goneFrame(f); });
-    if (!held) continue;
+    if (!held) {
+      part.events.push_back(std::move(e));
+      continue;
+    }
     moved[i] = events.size();
-    events.push_back(std::move(h.events[i]));
+    events.push_back(std::move(e));
   }
   h.events = std::move(events);
   for (auto& e : c.lastEvent) e.second = moved.at(e.second);
+  if (listener_) listener_(r, part);
+
+  for (uint32_t f : leaving) {
+    for (uint32_t s : r.sensorsSeen) r.states.erase({s, f});
+    r.frames.erase(f);
+  }
+  r.context = std::move(keep);
+  for (auto& seq : r.sequence) {
+    auto& v = seq.second;
+    v.erase(std::remove_if(v.begin(), v.end(), goneFrame), v.end());
+  }
+}
+
+sim::History unsettledPart(const Run& r) {
+  sim::History part = r.history;
+  auto inContext = [&r](uint32_t f) { return r.context.count(f) > 0; };
+  part.plans.erase(std::remove_if(part.plans.begin(), part.plans.end(),
+                                  [&](const sim::FramePlan& p) { return inContext(p.frame); }),
+                   part.plans.end());
+  part.jobs.erase(std::remove_if(part.jobs.begin(), part.jobs.end(),
+                                 [&](const sim::JobRecord& j) { return inContext(j.frame); }),
+                  part.jobs.end());
+  part.contextFrames.clear();
+  return part;
 }
 
 std::vector<Run> LogReader::finish() {

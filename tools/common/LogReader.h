@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -123,12 +124,12 @@ struct LastSeen {
 
 // A sensor's figures over the whole session, counted as lines come and as frames settle.
 struct SensorTotals {
-  uint64_t prepared = 0;      // prepare lines
-  uint64_t configured = 0;    // configure jobs run and setConfigured reports
-  uint64_t enqueued = 0;      // enqueue jobs run
-  uint64_t dropped = 0;       // drop reports
-  uint64_t flushed = 0;       // frames a flush took from it
-  DurationHistogram waits;    // from a send to its job's start, every job that ran
+  uint64_t prepared = 0;    // prepare lines
+  uint64_t configured = 0;  // configure jobs run and setConfigured reports
+  uint64_t enqueued = 0;    // enqueue jobs run
+  uint64_t dropped = 0;     // drop reports
+  uint64_t flushed = 0;     // frames a flush took from it
+  DurationHistogram waits;  // from a send to its job's start, every job that ran
   // The FDs its jobs were given. A device reuses a few descriptors; a log whose FDs only grow
   // stops collecting them at kMaxFds and the count reads "at least".
   static constexpr size_t kMaxFds = 4096;
@@ -240,6 +241,12 @@ class LogReader {
   static constexpr size_t kStaleFrames = 256;
   // 0 keeps every frame to the end (a frame table needs them all); at least 4 otherwise.
   void setWindow(size_t frames) { window_ = frames == 0 ? 0 : std::max<size_t>(frames, 4); }
+  // Told, as a session's frames settle and before they leave memory, their plans and jobs and
+  // the prepares, setConfigured reports and events that leave with them (each record once):
+  // what writes a file about the run writes them as the log is read. What is left at the end
+  // is unsettledPart(run).
+  using SettledListener = std::function<void(const Run& run, const sim::History& part)>;
+  void setListener(SettledListener listener) { listener_ = std::move(listener); }
   // One raw line (without its newline).
   void addLine(std::string_view raw);
   // Replays what is left and builds each run's History. Runs by first line.
@@ -286,6 +293,7 @@ class LogReader {
   void maybeSettle(Context& c);
   void settle(Context& c, const std::vector<uint32_t>& batch);
   size_t window_ = kDefaultWindow;
+  SettledListener listener_;
   LogClock clock_;
   // The session a line of a process belongs to, and why a new one begins with it.
   Context& sessionFor(const LogLine& line, int64_t fileAt);
@@ -317,6 +325,10 @@ struct WarningExplanation {
   bool needsDropOrFlush = false;  // that call order is a drop or a flush
 };
 WarningExplanation explainWarning(const std::string& kind);
+
+// What finish() left in the run's history that no listener was told of: the history without
+// the plans and jobs of its context frames.
+sim::History unsettledPart(const Run& run);
 
 // Takes out of `violations` the delivery findings of frames still in flight when the log ends
 // (not retired, some sensor not done): the capture stopped, the library did not fail.

@@ -1,7 +1,10 @@
 #include "Report.h"
 
+#include "JsonText.h"
+
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -184,8 +187,82 @@ void printReport(std::ostream& out, const History& h, const CheckResult& check,
   out << verdictLine(check) << "\n";
 }
 
-void writeHistoryJson(std::ostream& out, const History& h) {
-  using json = nlohmann::json;
+namespace {
+
+using json = nlohmann::json;
+
+// The history's lists, in the order they are written, with each item's JSON.
+constexpr const char* kListKeys[] = {"frames", "prepares", "setConfigured",
+                                     "jobs",   "events",   "licences"};
+
+// Each item written by hand (JsonText): a long capture's history has millions of them.
+const std::string& itemJson(JsonText& t, const FramePlan& p) {
+  return t.begin()
+      .num("frame", p.frame)
+      .list("sensors", p.sensors)
+      .list("needCfg", p.needCfg)
+      .list("cfgByJob", p.cfgByJob)
+      .list("syncList", p.syncList)
+      .num("offSensor", p.offSensor)
+      .num("onSensor", p.onSensor)
+      .end();
+}
+const std::string& itemJson(JsonText& t, const PrepareRecord& p) {
+  return t.begin().num("sensor", p.sensor).num("frame", p.frame).num("at", p.at).end();
+}
+const std::string& itemJson(JsonText& t, const SetConfiguredRecord& r) {
+  return t.begin().num("sensor", r.sensor).num("frame", r.frame).num("at", r.at).end();
+}
+const std::string& itemJson(JsonText& t, const JobRecord& j) {
+  return t.begin()
+      .num("sensor", j.sensor)
+      .num("frame", j.frame)
+      .str("kind", jobKindName(j.kind))
+      .num("sent", j.sent)
+      .num("start", j.start)
+      .num("end", j.end)
+      .boolean("ran", j.ran)
+      .num("result", j.result)
+      .num("serial", int64_t(j.serial))
+      .num("fd", j.fd)
+      .end();
+}
+const std::string& itemJson(JsonText& t, const EventRecord& e) {
+  return t.begin()
+      .str("type", eventKindName(e.kind))
+      .num("sensor", e.sensor)
+      .num("frame", e.frame)
+      .num("value", e.value)
+      .num("begin", e.begin)
+      .num("end", e.end)
+      .list("frames", e.frames)
+      .end();
+}
+const std::string& itemJson(JsonText& t, const LicenceRecord& l) {
+  static const char* const kinds[] = {"Acquired", "Released", "Destroyed"};
+  return t.begin()
+      .str("event", kinds[int(l.kind)])
+      .num("serial", int64_t(l.serial))
+      .num("fd", l.fd)
+      .num("at", l.at)
+      .num("context", l.context)
+      .end();
+}
+
+// Calls `f(listIndex, itemText)` for every item of every list of `h`, in order.
+template <typename F>
+void eachItem(const History& h, F f) {
+  JsonText t;
+  for (const auto& p : h.plans) f(0, itemJson(t, p));
+  for (const auto& p : h.prepares) f(1, itemJson(t, p));
+  for (const auto& r : h.setConfigured) f(2, itemJson(t, r));
+  for (const auto& j : h.jobs) f(3, itemJson(t, j));
+  for (const auto& e : h.events) f(4, itemJson(t, e));
+  for (const auto& l : h.licences) f(5, itemJson(t, l));
+}
+
+// The scalars of the history, as a JSON object without its closing brace.
+std::string historyHead(const History& h) {
   json root;
   root["scenario"] = h.scenario;
   root["seed"] = h.seed;
@@ -198,66 +275,65 @@ void writeHistoryJson(std::ostream& out, const History& h) {
                      {"released", h.account.released},
                      {"destroyed", h.account.destroyed},
                      {"emptyReleases", h.account.emptyReleases}};
+  std::string head = root.dump();
+  head.pop_back();
+  return head;
+}
+
+}  // namespace
+
+void writeHistoryJson(std::ostream& out, const History& h) {
   // The scalars first, then each list written item by item, so that a long run's history
   // never sits in memory as one JSON document.
-  std::string head = root.dump();
-  head.pop_back();  // the closing brace
-  out << head;
-  std::string open;  // the list being written
-  auto emit = [&](const char* key, const json& item) {
-    if (open != key) {
-      out << (open.empty() ? "" : "]") << ",\n\"" << key << "\":[\n";
-      open = key;
+  out << historyHead(h);
+  int open = -1;  // the list being written
+  eachItem(h, [&](int list, const std::string& item) {
+    if (open != list) {
+      out << (open < 0 ? "" : "]") << ",\n\"" << kListKeys[list] << "\":[\n";
+      open = list;
     } else {
       out << ",\n";
     }
-    out << item.dump();
-  };
-  for (const auto& p : h.plans) {
-    emit("frames", {{"frame", p.frame},
-                    {"sensors", p.sensors},
-                    {"needCfg", p.needCfg},
-                    {"cfgByJob", p.cfgByJob},
-                    {"syncList", p.syncList},
-                    {"offSensor", p.offSensor},
-                    {"onSensor", p.onSensor}});
+    out << item;
+  });
+  out << (open < 0 ? "" : "]") << "}\n";
+}
+
+HistoryJsonStream::HistoryJsonStream(std::string prefix) : prefix_(std::move(prefix)) {}
+
+HistoryJsonStream::~HistoryJsonStream() {
+  for (size_t i = 0; i < kLists; ++i) {
+    if (counts_[i] > 0 || files_[i].is_open()) std::remove(partPath(i).c_str());
   }
-  for (const auto& p : h.prepares) {
-    emit("prepares", {{"sensor", p.sensor}, {"frame", p.frame}, {"at", p.at}});
+}
+
+std::string HistoryJsonStream::partPath(size_t list) const {
+  return prefix_ + "." + kListKeys[list] + ".part";
+}
+
+void HistoryJsonStream::add(const History& part) {
+  eachItem(part, [&](int list, const std::string& item) {
+    std::ofstream& file = files_[size_t(list)];
+    if (!file.is_open()) file.open(partPath(size_t(list)), std::ios::binary);
+    file << (counts_[size_t(list)]++ ? ",\n" : "") << item;
+    ok_ = ok_ && file.good();
+  });
+}
+
+bool HistoryJsonStream::finish(const History& scalars, const std::string& path) {
+  std::ofstream out(path, std::ios::binary);
+  out << historyHead(scalars);
+  for (size_t i = 0; i < kLists; ++i) {
+    if (counts_[i] == 0) continue;
+    files_[i].close();
+    out << ",\n\"" << kListKeys[i] << "\":[\n";
+    std::ifstream in(partPath(i), std::ios::binary);
+    out << in.rdbuf();
+    out << "]";
+    ok_ = ok_ && !in.bad();
   }
-  for (const auto& r : h.setConfigured) {
-    emit("setConfigured", {{"sensor", r.sensor}, {"frame", r.frame}, {"at", r.at}});
-  }
-  for (const auto& j : h.jobs) {
-    emit("jobs", {{"sensor", j.sensor},
-                  {"frame", j.frame},
-                  {"kind", jobKindName(j.kind)},
-                  {"sent", j.sent},
-                  {"start", j.start},
-                  {"end", j.end},
-                  {"ran", j.ran},
-                  {"result", j.result},
-                  {"serial", j.serial},
-                  {"fd", j.fd}});
-  }
-  for (const auto& e : h.events) {
-    emit("events", {{"type", eventKindName(e.kind)},
-                    {"sensor", e.sensor},
-                    {"frame", e.frame},
-                    {"value", e.value},
-                    {"begin", e.begin},
-                    {"end", e.end},
-                    {"frames", e.frames}});
-  }
-  static const char* const kinds[] = {"Acquired", "Released", "Destroyed"};
-  for (const auto& l : h.licences) {
-    emit("licences", {{"event", kinds[int(l.kind)]},
-                      {"serial", l.serial},
-                      {"fd", l.fd},
-                      {"at", l.at},
-                      {"context", l.context}});
-  }
-  out << (open.empty() ? "" : "]") << "}\n";
+  out << "}\n";
+  return ok_ && out.good();
 }
 
 }  // namespace sim

@@ -2,6 +2,7 @@
 // The run's summary: one row per sensor, the violations the checker found and a one-line
 // verdict.
 #include <cstdint>
+#include <fstream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -40,6 +41,30 @@ std::string verdictLine(const CheckResult& check);
 
 // The whole recorded run as JSON, for a closer look or to keep with a bug report.
 void writeHistoryJson(std::ostream& out, const History& history);
+
+// The same JSON written as the history is made, for histories that do not fit in memory: each
+// part's list items go to a file of their own named after `prefix` (prefix.jobs.part, ...),
+// and finish() writes the file: the scalars, then every list. The part files are removed
+// when the stream is destroyed.
+class HistoryJsonStream {
+ public:
+  explicit HistoryJsonStream(std::string prefix);
+  ~HistoryJsonStream();
+  HistoryJsonStream(const HistoryJsonStream&) = delete;
+  HistoryJsonStream& operator=(const HistoryJsonStream&) = delete;
+  void add(const History& part);
+  // `scalars`: the history whose scalars (scenario, sensors, times, account) head the file;
+  // its lists are not written. False when a file could not be written or read.
+  bool finish(const History& scalars, const std::string& path);
+
+ private:
+  static constexpr size_t kLists = 6;
+  std::string partPath(size_t list) const;
+  std::string prefix_;
+  std::ofstream files_[kLists];
+  uint64_t counts_[kLists] = {};
+  bool ok_ = true;
+};
 
 }  // namespace sim
 }  // namespace orvcam

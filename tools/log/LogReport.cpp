@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 
+#include "JsonText.h"
 #include "Report.h"
 
 namespace orvcam {
@@ -350,19 +354,11 @@ void printAnalysis(std::ostream& out, const Analysis& a) {
   for (const Finding& f : a.findings) out << "  [" << f.kind << "] " << f.text << "\n";
 }
 
-void writeTrace(std::ostream& out, const Run& r) {
-  using json = nlohmann::json;
-  // Events are written as they are made: a long capture's trace never sits in memory whole.
-  bool first = true;
-  out << "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[";
-  auto emit = [&](const json& e) {
-    out << (first ? "" : ",") << e.dump();
-    first = false;
-  };
-  const int pid = r.pid;
-  auto us = [](Nanos ns) { return double(ns) / 1000.0; };
-  // A thread serves the sensor most of its lines name; one that names several is the
-  // pipeline's event thread.
+namespace {
+
+// A thread serves the sensor most of its lines name; one that names several is the
+// pipeline's event thread.
+std::map<int, std::string> threadNames(const Run& r) {
   std::map<int, std::string> names;
   for (const auto& t : r.threadSensors) {
     uint64_t total = 0, best = 0;
@@ -373,293 +369,366 @@ void writeTrace(std::ostream& out, const Run& r) {
     }
     names[t.first] = best * 10 >= total * 9 ? "sensor " + std::to_string(sensor) : "pipeline";
   }
-  emit({{"name", "process_name"},
-        {"ph", "M"},
-        {"pid", pid},
-        {"tid", 0},
-        {"args", {{"name", "camdeliver-log: process " + std::to_string(pid)}}}});
-  for (const auto& n : names) {
-    emit({{"name", "thread_name"},
-          {"ph", "M"},
-          {"pid", pid},
-          {"tid", n.first},
-          {"args", {{"name", n.second}}}});
-    emit({{"name", "thread_sort_index"},
-          {"ph", "M"},
-          {"pid", pid},
-          {"tid", n.first},
-          {"args", {{"sort_index", n.second == "pipeline" ? -1 : n.first}}}});
-  }
-  int eventTid = 0;
-  for (const auto& n : names) {
-    if (n.second == "pipeline") eventTid = n.first;
-  }
-  for (const auto& j : r.history.jobs) {
+  return names;
+}
+
+// Frame lifetimes, counters and the client's events go on a track of their own, so that the
+// trace of a long capture written as it is read does not depend on which thread the log
+// showed first.
+constexpr int kEventTrack = 0;
+
+}  // namespace
+
+TraceWriter::TraceWriter(std::ostream& out, int pid) : out_(out), pid_(pid) {
+  out_ << "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[";
+  meta("process_name", 0)
+      .open("args")
+      .str("name", "camdeliver-log: process " + std::to_string(pid_))
+      .close();
+  emit();
+}
+
+JsonText& TraceWriter::event(std::string_view name, const char* cat, const char* ph, Nanos ts,
+                             int tid) {
+  return text_.begin()
+      .str("name", name)
+      .str("cat", cat)
+      .str("ph", ph)
+      .micros("ts", ts)
+      .num("pid", pid_)
+      .num("tid", tid);
+}
+
+JsonText& TraceWriter::meta(const char* name, int tid) {
+  return text_.begin().str("name", name).str("ph", "M").num("pid", pid_).num("tid", tid);
+}
+
+void TraceWriter::emit() {
+  out_ << (first_ ? "\n" : ",\n") << text_.end();
+  first_ = false;
+}
+
+void TraceWriter::add(const Run& r, const sim::History& part) {
+  std::set<uint32_t> frames;  // the part's frames
+  for (const auto& p : part.plans) frames.insert(p.frame);
+  for (const auto& j : part.jobs) {
+    frames.insert(j.frame);
     const SensorFrame* st = findState(r, j.sensor, j.frame);
     int tid = st && st->tid >= 0 ? st->tid : int(j.sensor) + 1;
     std::string name = sf(j.sensor, j.frame);
     Nanos end = std::max(j.end, j.sent);
-    emit({{"name", name},
-          {"cat", "send"},
-          {"ph", "X"},
-          {"ts", us(j.sent)},
-          {"dur", us(end - j.sent)},
-          {"pid", pid},
-          {"tid", tid}});
+    event(name, "send", "X", j.sent, tid).micros("dur", end - j.sent);
+    emit();
     if (j.ran && j.start > j.sent) {
-      emit({{"name", name + " isConfig:" + (j.kind == sim::JobKind::Configure ? "1" : "0")},
-            {"cat", "wait"},
-            {"ph", "X"},
-            {"ts", us(j.sent)},
-            {"dur", us(j.start - j.sent)},
-            {"pid", pid},
-            {"tid", tid}});
+      event(name + " isConfig:" + (j.kind == sim::JobKind::Configure ? "1" : "0"), "wait", "X",
+            j.sent, tid)
+          .micros("dur", j.start - j.sent);
+      emit();
     }
     if (j.ran) {
-      emit({{"name", std::string(sim::jobKindName(j.kind)) + " " + name},
-            {"cat", "job"},
-            {"ph", "X"},
-            {"ts", us(j.start)},
-            {"dur", us(std::max(j.end, j.start) - j.start)},
-            {"pid", pid},
-            {"tid", tid},
-            {"args", {{"fd", j.fd}}}});
+      event(std::string(sim::jobKindName(j.kind)) + " " + name, "job", "X", j.start, tid)
+          .micros("dur", std::max(j.end, j.start) - j.start)
+          .open("args")
+          .num("fd", j.fd)
+          .close();
+      emit();
     }
   }
-  // Flow arrows: from the partner's enqueue job whose end released a waiting enqueue (the
-  // last of the previous frame's partners to finish before it started) to that enqueue.
-  uint64_t flowId = 0;
-  for (const auto& entry : r.states) {
-    const SensorFrame& st = entry.second;
-    if (!st.enqStarted || !(st.enqWaitSeen && st.waitLines > 0)) continue;
-    std::optional<uint32_t> prev = previousFrame(r, st);
-    if (!prev) continue;
-    const SensorFrame* releaser = nullptr;
-    auto prevInfo = r.frames.find(*prev);
-    if (prevInfo == r.frames.end()) continue;
-    for (uint32_t partner : prevInfo->second.sensors) {
-      const SensorFrame* p = findState(r, partner, *prev);
-      if (!p || partner == st.sensor || !p->enqDone || p->enqEnd > st.enqStart) continue;
-      if (!releaser || p->enqEnd > releaser->enqEnd) releaser = p;
+  for (uint32_t f : frames) {
+    auto fi = r.frames.find(f);
+    if (fi == r.frames.end()) continue;
+    // Counters: frames in flight (first prepare to retirement) and enqueue sends waiting.
+    if (!fi->second.sensors.empty()) {
+      marks_.add(fi->second.firstSeen, 1, 0);
+      if (fi->second.retired) marks_.add(fi->second.retiredAt, -1, 0);
     }
-    if (!releaser || releaser->tid < 0 || st.tid < 0) continue;
-    ++flowId;
-    emit({{"name", "releases"},
-          {"cat", "flow"},
-          {"ph", "s"},
-          {"id", flowId},
-          {"ts", us(releaser->enqStart)},
-          {"pid", pid},
-          {"tid", releaser->tid}});
-    emit({{"name", "releases"},
-          {"cat", "flow"},
-          {"ph", "f"},
-          {"bp", "e"},
-          {"id", flowId},
-          {"ts", us(st.enqStart)},
-          {"pid", pid},
-          {"tid", st.tid}});
+    for (uint32_t s : r.sensorsSeen) {
+      const SensorFrame* st = findState(r, s, f);
+      if (!st) continue;
+      if ((st->enqSentSeen || st->enqWaitSeen) && st->enqStart > st->enqSentAt) {
+        marks_.add(st->enqSentAt, 0, 1);
+        if (st->enqStarted) marks_.add(st->enqStart, 0, -1);
+      }
+      // Flow arrows: from the partner's enqueue job whose end released a waiting enqueue (the
+      // last of the previous frame's partners to finish before it started) to that enqueue.
+      if (!st->enqStarted || !(st->enqWaitSeen && st->waitLines > 0)) continue;
+      std::optional<uint32_t> prev = previousFrame(r, *st);
+      if (!prev) continue;
+      auto prevInfo = r.frames.find(*prev);
+      if (prevInfo == r.frames.end()) continue;
+      const SensorFrame* releaser = nullptr;
+      for (uint32_t partner : prevInfo->second.sensors) {
+        const SensorFrame* p = findState(r, partner, *prev);
+        if (!p || partner == st->sensor || !p->enqDone || p->enqEnd > st->enqStart) continue;
+        if (!releaser || p->enqEnd > releaser->enqEnd) releaser = p;
+      }
+      if (!releaser || releaser->tid < 0 || st->tid < 0) continue;
+      // One arrow per waiting enqueue: its id is made from its sensor and frame.
+      int64_t id = (int64_t(st->frame) << 8) | (st->sensor & 0xFF);
+      event("releases", "flow", "s", releaser->enqStart, releaser->tid).num("id", id);
+      emit();
+      event("releases", "flow", "f", st->enqStart, st->tid).str("bp", "e").num("id", id);
+      emit();
+    }
+    // Each frame's life, from its first prepare to the line that retired it.
+    const FrameInfo& info = fi->second;
+    if (info.sensors.empty()) continue;
+    Nanos begin = info.firstSeen;
+    Nanos end = info.retired ? info.retiredAt : r.endAt;
+    std::string name = "F:" + std::to_string(info.frame);
+    event(name, "frame", "b", begin, kEventTrack).num("id", info.frame);
+    emit();
+    event(name, "frame", "e", std::max(end, begin), kEventTrack).num("id", info.frame);
+    emit();
   }
-  // Counters: frames in flight (first prepare to retirement) and enqueue sends waiting.
-  std::vector<std::pair<Nanos, std::pair<int, int>>> marks;  // time -> (frames, waiting)
-  for (const auto& entry : r.frames) {
-    if (entry.second.sensors.empty()) continue;
-    marks.push_back({entry.second.firstSeen, {1, 0}});
-    if (entry.second.retired) marks.push_back({entry.second.retiredAt, {-1, 0}});
-  }
-  for (const auto& entry : r.states) {
-    const SensorFrame& st = entry.second;
-    if (!(st.enqSentSeen || st.enqWaitSeen) || st.enqStart <= st.enqSentAt) continue;
-    marks.push_back({st.enqSentAt, {0, 1}});
-    if (st.enqStarted) marks.push_back({st.enqStart, {0, -1}});
-  }
-  std::sort(marks.begin(), marks.end());
-  int inFlight = 0, waiting = 0;
-  for (const auto& m : marks) {
-    inFlight += m.second.first;
-    waiting += m.second.second;
-    emit({{"name", m.second.first ? "frames in flight" : "sends waiting"},
-          {"cat", "counter"},
-          {"ph", "C"},
-          {"ts", us(m.first)},
-          {"pid", pid},
-          {"tid", eventTid},
-          {"args", {{"value", m.second.first ? inFlight : waiting}}}});
-  }
-  for (const auto& e : r.history.events) {
+  for (const auto& e : part.events) {
     std::string name = e.kind == sim::EventKind::QueueFlush
                            ? std::string("flush()")
                            : std::string(sim::eventKindName(e.kind)) + " " + sf(e.sensor, e.frame) +
                                  " value:" + std::to_string(e.value);
-    emit({{"name", name},
-          {"cat", "event"},
-          {"ph", "i"},
-          {"s", "t"},
-          {"ts", us(e.begin)},
-          {"pid", pid},
-          {"tid", eventTid}});
+    event(name, "event", "i", e.begin, kEventTrack).str("s", "t");
+    emit();
   }
-  // Each frame's life, from its first prepare to the line that retired it.
-  for (const auto& entry : r.frames) {
-    const FrameInfo& fi = entry.second;
-    if (fi.sensors.empty()) continue;
-    Nanos begin = fi.firstSeen;
-    Nanos end = fi.retired ? fi.retiredAt : r.endAt;
-    std::string name = "F:" + std::to_string(fi.frame);
-    emit({{"name", name},
-          {"cat", "frame"},
-          {"ph", "b"},
-          {"id", fi.frame},
-          {"ts", us(begin)},
-          {"pid", pid},
-          {"tid", eventTid}});
-    emit({{"name", name},
-          {"cat", "frame"},
-          {"ph", "e"},
-          {"id", fi.frame},
-          {"ts", us(std::max(end, begin))},
-          {"pid", pid},
-          {"tid", eventTid}});
-  }
-  out << "]}\n";
+  marks_.release(r, frames, [&](Nanos at, int framesDelta, int, int inFlight, int waiting) {
+    counter(at, framesDelta, inFlight, waiting);
+  });
 }
 
-void writeScenario(std::ostream& out, const Run& r) {
-  using json = nlohmann::json;
-  const sim::History& h = r.history;
-  json root;
-  if (h.plans.empty()) {
-    out << "{}\n";
-    return;
+void TraceWriter::counter(Nanos at, int framesDelta, int frames, int waiting) {
+  event(framesDelta ? "frames in flight" : "sends waiting", "counter", "C", at, kEventTrack)
+      .open("args")
+      .num("value", framesDelta ? frames : waiting)
+      .close();
+  emit();
+}
+
+void TraceWriter::finish(const Run& r) {
+  add(r, unsettledPart(r));
+  marks_.releaseBefore(INT64_MAX, [&](Nanos at, int framesDelta, int, int inFlight, int waiting) {
+    counter(at, framesDelta, inFlight, waiting);
+  });
+  meta("thread_name", kEventTrack).open("args").str("name", "frames, counters and events").close();
+  emit();
+  for (const auto& n : threadNames(r)) {
+    meta("thread_name", n.first).open("args").str("name", n.second).close();
+    emit();
+    meta("thread_sort_index", n.first)
+        .open("args")
+        .num("sort_index", n.second == "pipeline" ? -1 : n.first)
+        .close();
+    emit();
   }
-  uint32_t first = h.plans.front().frame, last = h.plans.back().frame;
-  root["description"] = "Replays the frames of process " + std::to_string(r.pid) +
-                        " as camdeliver-log rebuilt them from its log.";
-  root["firstFrame"] = first;
-  root["frames"] = last - first + 1;
-  // Frame interval: the median gap between first prepares of consecutive frames.
-  std::vector<Nanos> gaps;
-  const FrameInfo* prev = nullptr;
-  for (const auto& entry : r.frames) {
-    if (entry.second.sensors.empty()) continue;
-    if (prev) gaps.push_back(entry.second.firstSeen - prev->firstSeen);
-    prev = &entry.second;
-  }
-  std::sort(gaps.begin(), gaps.end());
-  int64_t interval = gaps.empty() ? 1000 : gaps[gaps.size() / 2] / 1000;
-  root["frameIntervalUs"] = std::min<int64_t>(std::max<int64_t>(interval, 100), 1000000);
-  // Frames in flight at once: prepared, not yet retired.
-  int inFlight = 0, maxInFlight = 1;
-  std::vector<std::pair<Nanos, int>> marks;
-  for (const auto& entry : r.frames) {
-    if (entry.second.sensors.empty()) continue;
-    marks.push_back({entry.second.firstSeen, 1});
-    if (entry.second.retired) marks.push_back({entry.second.retiredAt, -1});
-  }
-  std::sort(marks.begin(), marks.end());
-  for (const auto& m : marks) maxInFlight = std::max(maxInFlight, inFlight += m.second);
-  root["maxInFlight"] =
-      std::min(maxInFlight, int(NSCam::camsys::camcoordinator::kPreparationWindow) - 1);
-  // Job durations per sensor, fitted as a normal distribution.
-  std::map<uint32_t, std::vector<double>> durations;
-  for (const auto& j : h.jobs) {
-    if (j.ran && j.end >= j.start) durations[j.sensor].push_back(double(j.end - j.start) / 1000.0);
-  }
-  // Sensors: one that first appears as the "on" side of a raw switch does not stream at first.
-  std::map<uint32_t, uint32_t> firstFrame;
-  for (const auto& p : h.plans) {
-    for (uint32_t s : p.sensors) firstFrame.emplace(s, p.frame);
-  }
-  std::set<uint32_t> joinsBySwitch;
-  for (const auto& p : h.plans) {
-    if (p.isRawSwitch() && p.onSensor >= 0 && firstFrame[uint32_t(p.onSensor)] == p.frame &&
-        p.frame != first) {
-      joinsBySwitch.insert(uint32_t(p.onSensor));
+  out_ << "]}\n";
+}
+
+void writeTrace(std::ostream& out, const Run& r) {
+  TraceWriter writer(out, r.pid);
+  writer.finish(r);
+}
+
+ScenarioWriter::ScenarioWriter(const std::string& prefix) : prefix_(prefix) {
+  for (size_t i = 0; i < kLists; ++i) {
+    if (prefix_.empty()) {
+      lists_[i] = std::make_unique<std::stringstream>();
+    } else {
+      auto file = std::make_unique<std::fstream>(
+          partPath(i), std::ios::in | std::ios::out | std::ios::trunc | std::ios::binary);
+      lists_[i] = std::move(file);
     }
   }
-  for (uint32_t s : h.sensors) {
+}
+
+ScenarioWriter::~ScenarioWriter() {
+  if (prefix_.empty()) return;
+  for (size_t i = 0; i < kLists; ++i) {
+    lists_[i].reset();
+    std::remove(partPath(i).c_str());
+  }
+}
+
+std::string ScenarioWriter::partPath(size_t list) const {
+  static const char* const kNames[kLists] = {"syncGroups", "configure", "rawSwitches", "events"};
+  return prefix_ + "." + kNames[list] + ".part";
+}
+
+void ScenarioWriter::item(size_t list, const nlohmann::json& value) {
+  *lists_[list] << (counts_[list]++ ? ",\n" : "") << value.dump();
+}
+
+void ScenarioWriter::add(const Run& r, const sim::History& part) {
+  using json = nlohmann::json;
+  for (const sim::FramePlan& p : part.plans) {
+    if (!planned_) first_ = p.frame;
+    first_ = std::min(first_, p.frame);
+    last_ = planned_ ? std::max(last_, p.frame) : p.frame;
+    planned_ = true;
+    // Frame interval: the gaps between first prepares of consecutive frames.
+    auto fi = r.frames.find(p.frame);
+    if (fi != r.frames.end()) {
+      if (havePrevSeen_) gaps_.add(fi->second.firstSeen - prevSeen_);
+      prevSeen_ = fi->second.firstSeen;
+      havePrevSeen_ = true;
+      inFlight_.add(fi->second.firstSeen, 1, 0);
+      if (fi->second.retired) inFlight_.add(fi->second.retiredAt, -1, 0);
+    }
+    // A sensor that first appears as the "on" side of a raw switch does not stream at first.
+    for (uint32_t s : p.sensors) firstFrame_.emplace(s, p.frame);
+    if (p.isRawSwitch() && p.onSensor >= 0 && firstFrame_[uint32_t(p.onSensor)] == p.frame &&
+        p.frame != first_) {
+      joinsBySwitch_.insert(uint32_t(p.onSensor));
+    }
+    std::set<uint32_t> bySet;
+    for (uint32_t s : p.needCfg) {
+      if (!p.cfgByJob.count(s)) bySet.insert(s);
+    }
+    if (!p.cfgByJob.empty()) {
+      item(kConfigure, {{"frame", p.frame}, {"sensors", p.cfgByJob}, {"via", "job"}});
+    }
+    if (!bySet.empty()) {
+      item(kConfigure, {{"frame", p.frame}, {"sensors", bySet}, {"via", "setConfigured"}});
+    }
+    if (p.isRawSwitch() && p.onSensor >= 0) {
+      item(kRawSwitches, {{"frame", p.frame}, {"off", p.offSensor}, {"on", p.onSensor}});
+    }
+    // Sync groups, one plan behind: a configure frame shows no shared FD and takes the group
+    // of a neighbouring frame when all of that group takes part.
+    if (pending_) group(*pending_, &p);
+    pending_ = p;
+  }
+  std::set<uint32_t> frames;
+  for (const sim::FramePlan& p : part.plans) frames.insert(p.frame);
+  auto highest = [this](Nanos, int, int, int inFlight, int) {
+    maxInFlight_ = std::max(maxInFlight_, inFlight);
+  };
+  inFlight_.release(r, frames, highest);
+  for (const sim::JobRecord& j : part.jobs) {
+    if (!j.ran || j.end < j.start) continue;
+    Durations& d = durations_[j.sensor];
+    double x = double(j.end - j.start) / 1000.0;
+    ++d.n;
+    d.sum += x;
+    d.sumSquares += x * x;
+  }
+  // By frame, in the order they came within one frame.
+  std::vector<const sim::EventRecord*> events;
+  for (const sim::EventRecord& e : part.events) events.push_back(&e);
+  std::stable_sort(
+      events.begin(), events.end(),
+      [](const sim::EventRecord* a, const sim::EventRecord* b) { return a->frame < b->frame; });
+  for (const sim::EventRecord* event : events) {
+    const sim::EventRecord& e = *event;
+    if (e.kind == sim::EventKind::QueueFlush) continue;
+    // The sensors' flushes of one frame were one flush of the stream.
+    if (e.kind == sim::EventKind::Flush && !flushedFrames_.insert(e.frame).second) continue;
+    json ev = {{"frame", e.frame}, {"type", sim::eventKindName(e.kind)}, {"sensor", e.sensor}};
+    if (e.kind == sim::EventKind::InformInflight || e.value != 0) ev["value"] = e.value;
+    item(kEvents, ev);
+  }
+}
+
+void ScenarioWriter::group(const sim::FramePlan& p, const sim::FramePlan* next) {
+  auto allIn = [&p](const std::set<uint32_t>& group) {
+    return std::all_of(group.begin(), group.end(), [&](uint32_t s) {
+      return std::find(p.sensors.begin(), p.sensors.end(), s) != p.sensors.end();
+    });
+  };
+  std::set<uint32_t> list = p.syncList;
+  if (list.empty() && !p.needCfg.empty()) {
+    if (!previousList_.empty() && allIn(previousList_)) {
+      list = previousList_;
+    } else if (next && !next->syncList.empty() && allIn(next->syncList)) {
+      list = next->syncList;
+    }
+  }
+  previousList_ = list;
+  if (grouping_ && list == current_ && p.frame == to_ + 1) {
+    to_ = p.frame;
+    return;
+  }
+  closeGroup();
+  current_ = list;
+  from_ = to_ = p.frame;
+  grouping_ = true;
+}
+
+void ScenarioWriter::closeGroup() {
+  if (grouping_ && current_.size() >= 2) {
+    item(kSyncGroups, {{"sensors", current_}, {"fromFrame", from_}, {"toFrame", to_}});
+  }
+}
+
+bool ScenarioWriter::finish(const Run& r, std::ostream& out) {
+  using json = nlohmann::json;
+  add(r, unsettledPart(r));
+  if (pending_) group(*pending_, nullptr);
+  pending_.reset();
+  closeGroup();
+  grouping_ = false;
+  if (!planned_) {
+    out << "{}\n";
+    return bool(out);
+  }
+  json root;
+  root["description"] = "Replays the frames of process " + std::to_string(r.pid) +
+                        " as camdeliver-log rebuilt them from its log.";
+  root["firstFrame"] = first_;
+  root["frames"] = last_ - first_ + 1;
+  int64_t interval = gaps_.count() ? gaps_.percentile(0.5) / 1000 : 1000;
+  root["frameIntervalUs"] = std::min<int64_t>(std::max<int64_t>(interval, 100), 1000000);
+  // Frames in flight at once: prepared, not yet retired.
+  inFlight_.releaseBefore(INT64_MAX, [this](Nanos, int, int, int inFlight, int) {
+    maxInFlight_ = std::max(maxInFlight_, inFlight);
+  });
+  root["maxInFlight"] =
+      std::min(maxInFlight_, int(NSCam::camsys::camcoordinator::kPreparationWindow) - 1);
+  // Job durations per sensor, fitted as a normal distribution.
+  std::set<uint32_t> sensors = r.sensorsSeen;
+  for (uint32_t s : sensors) {
     json cam = {{"id", s}};
-    if (joinsBySwitch.count(s)) cam["streaming"] = false;
-    const auto& d = durations[s];
-    if (!d.empty()) {
-      double mean = 0, var = 0;
-      for (double x : d) mean += x;
-      mean /= double(d.size());
-      for (double x : d) var += (x - mean) * (x - mean);
-      double sd = std::sqrt(var / double(d.size()));
+    if (joinsBySwitch_.count(s)) cam["streaming"] = false;
+    auto d = durations_.find(s);
+    if (d != durations_.end() && d->second.n > 0) {
+      double n = double(d->second.n);
+      double mean = d->second.sum / n;
+      double sd = std::sqrt(std::max(0.0, d->second.sumSquares / n - mean * mean));
       cam["jobDuration"] = {{"distribution", "normal"},
                             {"meanUs", std::min(std::round(mean), 1e6)},
                             {"stddevUs", std::min(std::round(sd), 1e6)}};
     }
     root["sensors"].push_back(cam);
   }
-  // Sync groups: runs of frames with one sync list.
-  json groups = json::array();
-  std::set<uint32_t> current;
-  uint32_t from = 0, to = 0;
-  auto closeGroup = [&] {
-    if (current.size() >= 2) {
-      groups.push_back({{"sensors", current}, {"fromFrame", from}, {"toFrame", to}});
+  std::string head = root.dump(2);
+  head.resize(head.rfind('}'));
+  while (!head.empty() && (head.back() == '\n' || head.back() == ' ')) head.pop_back();
+  out << head;
+  static const char* const kKeys[kLists] = {"syncGroups", "configure", "rawSwitches", "events"};
+  for (size_t i = 0; i < kLists; ++i) {
+    if (counts_[i] == 0) continue;
+    out << ",\n  \"" << kKeys[i] << "\": [\n";
+    std::iostream& list = *lists_[i];
+    list.flush();
+    list.seekg(0);
+    std::string line;
+    bool firstItem = true;
+    while (std::getline(list, line)) {
+      if (!line.empty() && line.back() == ',') line.pop_back();
+      // Events of frames outside the replayed range are left out.
+      if (i == kEvents) {
+        uint32_t f = json::parse(line)["frame"].get<uint32_t>();
+        if (f < first_ || f > last_) continue;
+      }
+      out << (firstItem ? "    " : ",\n    ") << line;
+      firstItem = false;
     }
-  };
-  // Configure frames show no shared FD; they take the group of a neighbouring frame when all
-  // of it takes part.
-  std::vector<std::set<uint32_t>> lists;
-  for (const auto& p : h.plans) lists.push_back(p.syncList);
-  auto allIn = [](const std::set<uint32_t>& group, const sim::FramePlan& p) {
-    return std::all_of(group.begin(), group.end(), [&](uint32_t s) {
-      return std::find(p.sensors.begin(), p.sensors.end(), s) != p.sensors.end();
-    });
-  };
-  for (size_t i = 0; i < h.plans.size(); ++i) {
-    const sim::FramePlan& p = h.plans[i];
-    if (!lists[i].empty() || p.needCfg.empty()) continue;
-    if (i > 0 && !lists[i - 1].empty() && allIn(lists[i - 1], p)) {
-      lists[i] = lists[i - 1];
-    } else if (i + 1 < h.plans.size() && !lists[i + 1].empty() && allIn(lists[i + 1], p)) {
-      lists[i] = lists[i + 1];
-    }
+    out << "\n  ]";
   }
-  for (size_t i = 0; i < h.plans.size(); ++i) {
-    const sim::FramePlan& p = h.plans[i];
-    const std::set<uint32_t>& list = lists[i];
-    if (list == current && p.frame == to + 1) {
-      to = p.frame;
-      continue;
-    }
-    closeGroup();
-    current = list;
-    from = to = p.frame;
-  }
-  closeGroup();
-  if (!groups.empty()) root["syncGroups"] = groups;
-  for (const auto& p : h.plans) {
-    std::set<uint32_t> bySet;
-    for (uint32_t s : p.needCfg) {
-      if (!p.cfgByJob.count(s)) bySet.insert(s);
-    }
-    if (!p.cfgByJob.empty()) {
-      root["configure"].push_back({{"frame", p.frame}, {"sensors", p.cfgByJob}, {"via", "job"}});
-    }
-    if (!bySet.empty()) {
-      root["configure"].push_back(
-          {{"frame", p.frame}, {"sensors", bySet}, {"via", "setConfigured"}});
-    }
-    if (p.isRawSwitch() && p.onSensor >= 0) {
-      root["rawSwitches"].push_back({{"frame", p.frame}, {"off", p.offSensor}, {"on", p.onSensor}});
-    }
-  }
-  // Events: the sensors' flushes of one frame were one flush of the stream.
-  std::set<uint32_t> flushedFrames;
-  for (const auto& e : h.events) {
-    if (e.kind == sim::EventKind::QueueFlush) continue;
-    if (e.frame < first || e.frame > last) continue;
-    if (e.kind == sim::EventKind::Flush && !flushedFrames.insert(e.frame).second) continue;
-    json ev = {{"frame", e.frame}, {"type", sim::eventKindName(e.kind)}, {"sensor", e.sensor}};
-    if (e.kind == sim::EventKind::InformInflight || e.value != 0) ev["value"] = e.value;
-    root["events"].push_back(ev);
-  }
-  out << root.dump(2) << "\n";
+  out << "\n}\n";
+  return bool(out);
+}
+
+void writeScenario(std::ostream& out, const Run& r) {
+  ScenarioWriter writer("");
+  writer.finish(r, out);
 }
 
 }  // namespace logread

@@ -2,11 +2,20 @@
 // What camdeliver-log makes of a replayed run: findings (blocked sends, fatal assertions,
 // warnings, ordering violations), what the log cannot show, and the outputs built from it
 // (summary, frame table, trace, replay scenario).
+#include <algorithm>
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "Checker.h"
+#include "JsonText.h"
 #include "LogReader.h"
 
 namespace orvcam {
@@ -61,9 +70,110 @@ void printAnalysis(std::ostream& out, const Analysis& analysis);
 
 // Chrome JSON trace: a track per thread, named after the sensor it serves.
 void writeTrace(std::ostream& out, const Run& run);
+
+// Changes of the run's counters (frames in flight, sends waiting) gathered as parts arrive and
+// given out in time order, with their running values, once no earlier change can come.
+class CounterMarks {
+ public:
+  void add(Nanos at, int frames, int waiting) { marks_.push_back({at, {frames, waiting}}); }
+  // The frames the part named have been added: releases what comes before the oldest frame
+  // the run still holds and has not been told of.
+  template <typename F>
+  void release(const Run& run, const std::set<uint32_t>& partFrames, F f) {
+    Nanos before = INT64_MAX;
+    for (const auto& entry : run.frames) {
+      if (!partFrames.count(entry.first) && !run.context.count(entry.first)) {
+        before = std::min(before, entry.second.firstSeen);
+      }
+    }
+    releaseBefore(before, f);
+  }
+  // f(at, frames delta, waiting delta, frames in flight, sends waiting)
+  template <typename F>
+  void releaseBefore(Nanos before, F f) {
+    std::sort(marks_.begin(), marks_.end());
+    size_t n = 0;
+    for (; n < marks_.size() && marks_[n].first < before; ++n) {
+      const auto& m = marks_[n];
+      frames_ += m.second.first;
+      waiting_ += m.second.second;
+      f(m.first, m.second.first, m.second.second, frames_, waiting_);
+    }
+    marks_.erase(marks_.begin(), marks_.begin() + long(n));
+  }
+
+ private:
+  std::vector<std::pair<Nanos, std::pair<int, int>>> marks_;
+  int frames_ = 0, waiting_ = 0;
+};
+
+// The same trace written as a long log is read: add() takes the parts a LogReader's listener
+// is given (before their frames leave memory), finish() the finished run.
+class TraceWriter {
+ public:
+  TraceWriter(std::ostream& out, int pid);
+  void add(const Run& run, const sim::History& part);
+  void finish(const Run& run);
+
+ private:
+  // Starts an event of the common shape, or a metadata event, in text_; emit() writes it.
+  JsonText& event(std::string_view name, const char* cat, const char* ph, Nanos ts, int tid);
+  JsonText& meta(const char* name, int tid);
+  void emit();
+  // Writes a released counter change.
+  void counter(Nanos at, int framesDelta, int frames, int waiting);
+  std::ostream& out_;
+  int pid_;
+  bool first_ = true;
+  JsonText text_;
+  CounterMarks marks_;
+};
 // A scenario for camdeliver-sim that replays the run's frames, sensors, sync groups,
 // configure frames, raw switches and events, with job durations fitted to the log.
 void writeScenario(std::ostream& out, const Run& run);
+
+// The same scenario written as a long log is read: add() takes the parts a LogReader's
+// listener is given, finish() the finished run and writes the file. Its lists wait in files
+// named after `prefix` (prefix.events.part, ...; removed at destruction), or in memory when
+// `prefix` is empty.
+class ScenarioWriter {
+ public:
+  explicit ScenarioWriter(const std::string& prefix);
+  ~ScenarioWriter();
+  ScenarioWriter(const ScenarioWriter&) = delete;
+  ScenarioWriter& operator=(const ScenarioWriter&) = delete;
+  void add(const Run& run, const sim::History& part);
+  bool finish(const Run& run, std::ostream& out);
+
+ private:
+  enum List : size_t { kSyncGroups, kConfigure, kRawSwitches, kEvents, kLists };
+  struct Durations {
+    uint64_t n = 0;
+    double sum = 0, sumSquares = 0;
+  };
+  std::string partPath(size_t list) const;
+  void item(size_t list, const nlohmann::json& value);
+  void group(const sim::FramePlan& plan, const sim::FramePlan* next);
+  void closeGroup();
+  std::string prefix_;
+  std::unique_ptr<std::iostream> lists_[kLists];
+  uint64_t counts_[kLists] = {};
+  bool planned_ = false;
+  uint32_t first_ = 0, last_ = 0;
+  bool havePrevSeen_ = false;
+  Nanos prevSeen_ = 0;
+  DurationHistogram gaps_;
+  CounterMarks inFlight_;
+  int maxInFlight_ = 1;
+  std::map<uint32_t, uint32_t> firstFrame_;
+  std::set<uint32_t> joinsBySwitch_;
+  std::map<uint32_t, Durations> durations_;
+  std::set<uint32_t> flushedFrames_;
+  std::optional<sim::FramePlan> pending_;
+  std::set<uint32_t> previousList_, current_;
+  bool grouping_ = false;
+  uint32_t from_ = 0, to_ = 0;
+};
 
 // How to get the lines this tool needs.
 extern const char* const kHowToEnableDebug;

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
+#include <memory>
 
 #include "LogReader.h"
 #include "LogReport.h"
@@ -18,17 +20,21 @@ using namespace orvcam;
 constexpr int kExitFindings = 1;
 constexpr int kExitBadInput = 2;
 
-bool writeFile(const std::string& option, const std::string& path,
-               const std::function<void(std::ostream&)>& write) {
-  std::ofstream out(path);
-  if (out) write(out);
-  if (!out) {
-    std::cerr << "camdeliver-log: " << option << ": cannot write " << path << "\n";
-    return false;
+// What is written about one session as its frames settle, in files beside the outputs named
+// after its process and session; the chosen session's become the outputs at the end, the
+// others are removed.
+struct SessionOutputs {
+  std::string tracePart;
+  std::ofstream traceFile;
+  std::unique_ptr<logread::TraceWriter> trace;
+  std::unique_ptr<sim::HistoryJsonStream> history;
+  std::unique_ptr<logread::ScenarioWriter> scenario;
+  ~SessionOutputs() {
+    trace.reset();
+    if (traceFile.is_open()) traceFile.close();
+    if (!tracePart.empty()) std::remove(tracePart.c_str());
   }
-  std::cout << "wrote " << path << " (" << option << ")\n";
-  return true;
-}
+};
 
 }  // namespace
 
@@ -96,9 +102,35 @@ int main(int argc, char** argv) {
     inputName = inputPath;
   }
   logread::LogReader reader;
-  // The frame table and the files written at the end still need every frame.
-  bool keepAll = frames || !tracePath.empty() || !historyPath.empty() || !scenarioPath.empty();
-  reader.setWindow(keepAll ? 0 : window);
+  // The frame table still needs every frame; the files are written as frames settle.
+  reader.setWindow(frames ? 0 : window);
+  std::map<std::pair<int, int>, std::unique_ptr<SessionOutputs>> outputs;
+  auto outputsFor = [&](const logread::Run& run) -> SessionOutputs& {
+    std::unique_ptr<SessionOutputs>& o = outputs[{run.pid, run.session}];
+    if (o) return *o;
+    o = std::make_unique<SessionOutputs>();
+    std::string suffix = "." + std::to_string(run.pid) + "-" + std::to_string(run.session);
+    if (!tracePath.empty()) {
+      o->tracePart = tracePath + suffix + ".part";
+      o->traceFile.open(o->tracePart, std::ios::binary);
+      o->trace = std::make_unique<logread::TraceWriter>(o->traceFile, run.pid);
+    }
+    if (!historyPath.empty()) {
+      o->history = std::make_unique<sim::HistoryJsonStream>(historyPath + suffix);
+    }
+    if (!scenarioPath.empty()) {
+      o->scenario = std::make_unique<logread::ScenarioWriter>(scenarioPath + suffix);
+    }
+    return *o;
+  };
+  if (!tracePath.empty() || !historyPath.empty() || !scenarioPath.empty()) {
+    reader.setListener([&](const logread::Run& run, const sim::History& part) {
+      SessionOutputs& o = outputsFor(run);
+      if (o.trace) o.trace->add(run, part);
+      if (o.history) o.history->add(part);
+      if (o.scenario) o.scenario->add(run, part);
+    });
+  }
   std::string line;
   std::string firstLine;
   while (std::getline(*in, line)) {
@@ -213,20 +245,32 @@ int main(int argc, char** argv) {
     return kExitBadInput;
   }
   if (chosen) {
-    if (!tracePath.empty() && !writeFile("--trace", tracePath, [&](std::ostream& o) {
-          logread::writeTrace(o, *chosen);
-        })) {
-      return kExitBadInput;
+    SessionOutputs& o = outputsFor(*chosen);
+    auto wrote = [](const std::string& option, const std::string& path, bool ok) {
+      if (!ok) {
+        std::cerr << "camdeliver-log: " << option << ": cannot write " << path << "\n";
+        return false;
+      }
+      std::cout << "wrote " << path << " (" << option << ")\n";
+      return true;
+    };
+    if (o.trace) {
+      o.trace->finish(*chosen);
+      o.traceFile.close();
+      bool ok = !o.traceFile.fail() && std::rename(o.tracePart.c_str(), tracePath.c_str()) == 0;
+      if (!wrote("--trace", tracePath, ok)) return kExitBadInput;
     }
-    if (!historyPath.empty() && !writeFile("--history", historyPath, [&](std::ostream& o) {
-          sim::writeHistoryJson(o, chosen->history);
-        })) {
-      return kExitBadInput;
+    if (o.history) {
+      o.history->add(logread::unsettledPart(*chosen));
+      if (!wrote("--history", historyPath, o.history->finish(chosen->history, historyPath))) {
+        return kExitBadInput;
+      }
     }
-    if (!scenarioPath.empty() && !writeFile("--scenario", scenarioPath, [&](std::ostream& o) {
-          logread::writeScenario(o, *chosen);
-        })) {
-      return kExitBadInput;
+    if (o.scenario) {
+      std::ofstream out(scenarioPath, std::ios::binary);
+      bool ok = out && o.scenario->finish(*chosen, out);
+      out.close();
+      if (!wrote("--scenario", scenarioPath, ok && !out.fail())) return kExitBadInput;
     }
   }
   if (findings) return kExitFindings;
