@@ -701,6 +701,9 @@ bool ScenarioWriter::finish(const Run& r, std::ostream& out) {
   head.resize(head.rfind('}'));
   while (!head.empty() && (head.back() == '\n' || head.back() == ' ')) head.pop_back();
   out << head;
+  // A list whose file could not be written fails the whole scenario.
+  bool written = std::none_of(std::begin(lists_), std::end(lists_),
+                              [](const std::unique_ptr<std::iostream>& l) { return l->fail(); });
   static const char* const kKeys[kLists] = {"syncGroups", "configure", "rawSwitches", "events"};
   for (size_t i = 0; i < kLists; ++i) {
     if (counts_[i] == 0) continue;
@@ -723,7 +726,7 @@ bool ScenarioWriter::finish(const Run& r, std::ostream& out) {
     out << "\n  ]";
   }
   out << "\n}\n";
-  return bool(out);
+  return written && bool(out);
 }
 
 void writeScenario(std::ostream& out, const Run& r) {
