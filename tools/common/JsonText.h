@@ -22,17 +22,19 @@ class JsonText {
   JsonText& str(const char* key, std::string_view value) {
     keyOf(key);
     text_ += '"';
-    for (char c : value) {
-      unsigned char u = static_cast<unsigned char>(c);
-      if (c == '"' || c == '\\') {
+    size_t plain = 0;  // the leading run that needs no escape, appended at once
+    while (plain < value.size() && !needsEscape(value[plain])) ++plain;
+    text_.append(value.data(), plain);
+    for (char c : value.substr(plain)) {
+      if (!needsEscape(c)) {
+        text_ += c;
+      } else if (c == '"' || c == '\\') {
         text_ += '\\';
         text_ += c;
-      } else if (u < 0x20) {
-        char esc[8];
-        std::snprintf(esc, sizeof esc, "\\u%04x", u);
-        text_ += esc;
       } else {
-        text_ += c;
+        char esc[8];
+        std::snprintf(esc, sizeof esc, "\\u%04x", static_cast<unsigned char>(c));
+        text_ += esc;
       }
     }
     text_ += '"';
@@ -94,6 +96,9 @@ class JsonText {
   }
 
  private:
+  static bool needsEscape(char c) {
+    return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20;
+  }
   void number(int64_t value) {
     char buf[24];
     auto end = std::to_chars(buf, buf + sizeof buf, value);
