@@ -1,6 +1,7 @@
 #include "LogReader.h"
 
 #include "LogText.h"
+#include "MessageCatalogue.h"
 
 #include <algorithm>
 #include <cctype>
@@ -16,35 +17,11 @@ using namespace text;
 namespace {
 
 constexpr size_t kLoggerLineLimit = 1023;
-constexpr const char* kUnknownWarning = "not a warning this tool knows";
-
-}  // namespace
-
-namespace {
 
 // The library's tags.
 bool isLibraryTag(std::string_view tag) {
   return tag == "OrvCam/CamDeliver" || tag == "OrvCam/CamDeliverGuard" ||
          tag == "OrvCam/FrameContextPool" || tag == "OrvCam/LicenseQueue";
-}
-
-// A message text with every run of digits (and a leading minus) replaced by "N": the kind of
-// a warning.
-std::string shape(std::string_view text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    bool neg = text[i] == '-' && i + 1 < text.size() && isDigit(text[i + 1]);
-    if (isDigit(text[i]) || neg) {
-      out += 'N';
-      ++i;
-      while (i < text.size() && isDigit(text[i])) ++i;
-      --i;
-    } else {
-      out += text[i];
-    }
-  }
-  while (!out.empty() && out.back() == ' ') out.pop_back();
-  return out;
 }
 
 // "[S:%d F:%d]" at `pos`; frame -1 stands for "no frame".
@@ -76,132 +53,7 @@ bool numberAfter(std::string_view s, std::string_view key, int64_t* value) {
   return true;
 }
 
-// Fatal messages of the library, as the message starts (numbers left out).
-const char* const kFatalShapes[] = {
-    "FCPool size > ",
-    "[S:N F:N] pFc nullptr !",
-    "[F:N] weird synclist count",
-    "[F:N] sensorId(N) in synclist but not in enqlist",
-    "[S:N F:N] FC not found !",
-    "[S:N F:N] unexpected not enq count(N)",
-    "[S:N F:N] No license to config, please check flow !!",
-    "[S:N F:N] pJob is null",
-    "[S:N F:N] FC already finished, please check it !",
-    "frameNo(N) not exist, check it has been poped or not",
-    "[S:N] configure frame(N) must not in change-FD flow",
-    "frameNo(N) doesn't contain any FD, should not happen",
-    "[S:N F:N] pLicense is null",
-    "[S:N F:N] license should not exist !!, please check the flow !!",
-    "mQueue size should be 0!",
-};
-
-bool isFatalText(std::string_view text) {
-  std::string s = shape(text);
-  for (const char* f : kFatalShapes) {
-    if (startsWith(s, f)) return true;
-  }
-  return false;
-}
-
-bool isWarningText(std::string_view text) {
-  return explainWarning(shape(text)).why != kUnknownWarning;
-}
-
 }  // namespace
-
-std::string ruleForFatal(const std::string& message) {
-  if (message.find("F:-1] FC not found !") != std::string::npos) {
-    return "report setConfigured for frame 0xFFFFFFFF while no record is kept under that number";
-  }
-  std::string s = shape(message);
-  struct Row {
-    const char* shape;
-    const char* rule;
-  };
-  static const Row rows[] = {
-      {"FCPool size > ", "emplace a 20th frame while 19 are in the pool"},
-      {"[S:N F:N] pFc nullptr !",
-       "prepare with an empty record (from breakFrameSync: an in-flight report named a frame "
-       "that had left the pool)"},
-      {"[F:N] weird synclist count",
-       "give a non-configure frame a sync list of exactly one sensor"},
-      {"[F:N] sensorId(N) in synclist but not in enqlist",
-       "put a sensor in the sync list without needEnq"},
-      {"[S:N F:N] FC not found !",
-       "send for a frame that is not in the pool (never emplaced, or already retired)"},
-      {"[S:N F:N] unexpected not enq count(N)",
-       "send for a record in the pool in which every sensor that needs enqueue already is "
-       "enqueued"},
-      {"[S:N F:N] No license to config, please check flow !!",
-       "send a configure job without a queued configure licence (after flush, after "
-       "setConfigured, twice, or for a sensor without needCfg)"},
-      {"[S:N F:N] pJob is null", "send an empty enqueue job"},
-      {"[S:N F:N] FC already finished, please check it !",
-       "report setConfigured on a record whose sensors are all enqueued"},
-      {"frameNo(N) not exist, check it has been poped or not",
-       "report InformInflight with value 0 while one of the sensor's synchronised frames has "
-       "no queued licence left (not yet prepared, flushed)"},
-      {"[S:N] configure frame(N) must not in change-FD flow",
-       "report InformInflight with value 0 while one of the sensor's synchronised frames still "
-       "holds a configure licence"},
-  };
-  for (const Row& r : rows) {
-    if (startsWith(s, r.shape)) return r.rule;
-  }
-  return "not a client rule: the library's own bookkeeping broke (licence queue or pool "
-         "invariant)";
-}
-
-WarningExplanation explainWarning(const std::string& kind) {
-  struct Known {
-    const char* pattern;  // a part of the warning's text; the first match explains it
-    WarningClass cls;
-    const char* why;
-    const char* clientOrder;
-  };
-  constexpr WarningClass kBenign = WarningClass::Benign;
-  constexpr WarningClass kOrder = WarningClass::ClientOrder;
-  constexpr WarningClass kLook = WarningClass::Attention;
-  // "already finished" and "FC not found ! maybe flushed" come before the plain "FC not found".
-  static const Known kKnown[] = {
-      {"license already null !", kBenign,
-       "written on every setConfigured and every drop (every release by key)", ""},
-      {"NOT have F:N in licenseQueue", kOrder,
-       "a licence was asked for or handed back that was not queued any more",
-       "a drop or flush before the frame's job took its licence (a drop before the configure "
-       "step, a racing drop)"},
-      {"FD(NULL)", kOrder, "a job found no licence for its frame",
-       "a racing drop or flush: the frame's licence was handed back while its send was on its "
-       "way"},
-      {"null license, maybe flushed, skip execute", kOrder,
-       "an enqueue job was not run and its send returned -1: its licence was gone",
-       "a racing drop or flush: the frame's licence was handed back while its send was on its "
-       "way"},
-      {"FC not found ! maybe flushed", kOrder,
-       "setConfigured or a job's completion came for a frame that had already left the pool",
-       "a drop or flush of the frame while its job ran"},
-      {"already finished", kOrder,
-       "a drop came for a frame whose sensors were all enqueued; nothing was done",
-       "a late drop: the frame had been enqueued by every sensor"},
-      {"FC not found", kOrder, "a drop came for a frame that is not in the pool; nothing was done",
-       "a late drop: the frame had already retired"},
-      {"FC not exist, skip", kLook, "erase of a frame not in the pool", ""},
-      {"still there", kLook, "the pool still holds a frame of the sensor", ""},
-      {"license is null, skip", kLook, "an empty licence was handed back", ""},
-  };
-  WarningExplanation e;
-  for (const Known& k : kKnown) {
-    if (contains(kind, k.pattern)) {
-      e.cls = k.cls;
-      e.why = k.why;
-      e.clientOrder = k.clientOrder;
-      e.needsDropOrFlush = k.cls == kOrder;
-      return e;
-    }
-  }
-  e.why = kUnknownWarning;
-  return e;
-}
 
 int64_t LogClock::place(int64_t raw, uint64_t lineNo) {
   int64_t t = raw + offset_;
@@ -396,6 +248,370 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
   return c;
 }
 
+namespace {
+
+// One library line of a session, with what its tag's handler reads and writes: the session's
+// run, the parsed "[function] [S:s F:f] tail", the line's time on the run's clock, and the
+// per-thread bookkeeping of the event the thread reported last.
+struct LineScope {
+  Run& r;
+  sim::History& h;                   // r.history
+  std::map<int, size_t>& lastEvent;  // tid -> index in history.events
+  std::map<int, bool>& eventOpen;    // tid -> lines still belong to it
+  SensorFrame& scratch;
+  FrameInfo& scratchFrame;
+  const LogLine& line;
+  Nanos at = 0;
+  std::string_view text, func, rest, tail;
+  uint32_t sensor = 0, frame = 0;
+  bool hasSF = false;
+
+  // A frame that settled and left memory: what its late lines would write goes to scratch.
+  bool gone(uint32_t f) const {
+    return int64_t(f) <= r.settledUpTo && f != kNoFrame && !r.frames.count(f);
+  }
+  FrameInfo& frameInfo(uint32_t f) {
+    if (!gone(f)) {
+      FrameInfo& fi = r.frames[f];
+      fi.frame = f;
+      return fi;
+    }
+    scratchFrame = FrameInfo();
+    return scratchFrame;
+  }
+  SensorFrame& state(uint32_t s, uint32_t f) {
+    if (gone(f)) {
+      scratch = SensorFrame();
+      return scratch;
+    }
+    SensorFrame& st = r.states[{s, f}];
+    r.sensorsSeen.insert(s);
+    st.sensor = s;
+    st.frame = f;
+    FrameInfo& fi = r.frames[f];
+    if (fi.firstSeen == 0 && fi.sensors.empty()) fi.firstSeen = at;
+    fi.frame = f;
+    return st;
+  }
+  void noteSensor(uint32_t s) {
+    if (s >= kConfigKeyBase) s &= 0xFF;
+    LastSeen& seen = r.lastSeen[s];
+    seen.at = at;
+    seen.text.assign(text);
+    if (line.tid >= 0) ++r.threadSensors[line.tid][s];
+  }
+  // Without thread ids every thread's lines look like one thread's: an event's own lines (sync
+  // breaks, FD changes) cannot be told from the others by thread, so events stay open until
+  // the next one.
+  void closeEvent() {
+    if (line.tid >= 0) eventOpen[line.tid] = false;
+  }
+  sim::EventRecord* openEvent() {
+    auto e = lastEvent.find(line.tid);
+    if (e == lastEvent.end() || !eventOpen[line.tid]) return nullptr;
+    h.events[e->second].end = at;
+    return &h.events[e->second];
+  }
+  static void firstFd(SensorFrame& st, int32_t fd) {
+    if (st.firstFd < 0) st.firstFd = fd;
+  }
+
+  // One handler per tag.
+  void onDeliver();  // OrvCam/CamDeliver: sends, licences taken, the client's events
+  void onGuard();    // OrvCam/CamDeliverGuard: preparations, waits, completions, sync breaks,
+                     // drops and flushes
+  void onPool();     // OrvCam/FrameContextPool: the previous frame the guard looked up
+  void onQueue();    // OrvCam/LicenseQueue: licences queued and handed back, FD changes,
+                     // setConfigured, clears
+};
+
+void LineScope::onDeliver() {
+  if (func == "CamDeliver") {
+    ++r.verboseLines;
+    return;
+  }
+  if (!hasSF) return;
+  noteSensor(sensor);
+  if (func == "sendJobForConfigure") {
+    closeEvent();
+    SensorFrame& st = state(sensor, frame);
+    st.tid = line.tid;
+    st.cfgSent = true;
+    st.cfgSentAt = at;
+    frameInfo(frame).needCfg.insert(sensor);
+    frameInfo(frame).cfgByJob.insert(sensor);
+  } else if (func == "sendJobForEnque") {
+    closeEvent();
+    SensorFrame& st = state(sensor, frame);
+    st.tid = line.tid;
+    if (contains(tail, "null license")) {
+      st.enqNull = true;
+      st.enqEnd = at;
+      if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
+    } else {
+      ++r.verboseLines;
+      st.enqSentSeen = true;
+      st.enqSentAt = at;
+      st.enqLineTid = line.tid;
+      st.enqLastLineAt = at;
+    }
+  } else if (func == "getLicense") {
+    closeEvent();
+    bool config = sensor >= kConfigKeyBase;
+    uint32_t s = sensor & (config ? 0xFF : 0xFFFFFFFF);
+    SensorFrame& st = state(s, frame);
+    st.tid = line.tid;
+    int64_t fd = -1;
+    bool present = numberAfter(tail, "FD(", &fd);
+    if (config) {
+      st.cfgStarted = true;
+      st.cfgStart = at;
+      st.cfgFd = present ? int32_t(fd) : -1;
+      frameInfo(frame).needCfg.insert(s);
+    } else if (present) {
+      st.enqStarted = true;
+      st.enqStart = at;
+      st.enqFd = int32_t(fd);
+      firstFd(st, int32_t(fd));
+      if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
+    }
+  } else if (func == "notifyEvent") {
+    size_t open = tail.find("type(");
+    size_t end = open == std::string_view::npos ? open : tail.find(')', open);
+    if (end == std::string_view::npos) return;
+    std::string_view name = tail.substr(open + 5, end - open - 5);
+    int64_t value = 0;
+    numberAfter(tail, "value(", &value);
+    sim::EventRecord e;
+    e.kind = sim::EventKind::ResumeDone;
+    bool known = false;
+    for (sim::EventKind k : {sim::EventKind::InformInflight, sim::EventKind::ResumeDone,
+                             sim::EventKind::Suspend, sim::EventKind::Drop, sim::EventKind::Flush,
+                             sim::EventKind::LicenseRelease, sim::EventKind::RawSwitch}) {
+      if (name == sim::eventKindName(k)) {
+        e.kind = k;
+        known = true;
+      }
+    }
+    if (!known) return;
+    e.sensor = sensor;
+    e.frame = frame;
+    e.value = uint32_t(value);
+    e.begin = e.end = at;
+    if (e.kind == sim::EventKind::Flush) {
+      // Every frame still in flight that the sensor prepared counts as flushed for it.
+      // The pool holds at most 19 frames, so the scan back stops after a run of frames
+      // that are all done.
+      constexpr int kDoneRunEnd = 64;
+      auto seq = r.sequence.find(sensor);
+      if (seq != r.sequence.end()) {
+        int doneRun = 0;
+        for (auto it = seq->second.rbegin(); it != seq->second.rend() && doneRun < kDoneRunEnd;
+             ++it) {
+          auto st = r.states.find({sensor, *it});
+          auto fi = r.frames.find(*it);
+          if (st == r.states.end() || st->second.done() || fi == r.frames.end() ||
+              fi->second.retired) {
+            ++doneRun;
+            continue;
+          }
+          doneRun = 0;
+          st->second.flushed = true;
+          st->second.flushedAt = at;
+          e.frames.push_back(*it);
+        }
+      }
+      std::sort(e.frames.begin(), e.frames.end());
+      e.frames.erase(std::unique(e.frames.begin(), e.frames.end()), e.frames.end());
+    }
+    if (e.kind == sim::EventKind::Drop) {
+      SensorFrame& st = state(sensor, frame);
+      st.dropped = true;
+      st.droppedAt = at;
+      frameInfo(frame).sensors.insert(sensor);
+      ++r.totals[sensor].dropped;
+    }
+    r.sawDropOrFlush =
+        r.sawDropOrFlush || e.kind == sim::EventKind::Drop || e.kind == sim::EventKind::Flush;
+    h.events.push_back(std::move(e));
+    lastEvent[line.tid] = h.events.size() - 1;
+    eventOpen[line.tid] = true;
+  }
+}
+
+void LineScope::onGuard() {
+  if (func == "breakFrameSync") {
+    if (hasSF) {
+      frameInfo(frame).syncBroken = true;
+      if (sim::EventRecord* e = openEvent()) {
+        if (e->kind == sim::EventKind::InformInflight) e->frames.push_back(frame);
+      }
+    } else if (sim::EventRecord* e = openEvent()) {
+      (void)e;
+    }
+    return;
+  }
+  if (func == "getSyncFrames" || func == "getEnquedSyncFrames" || func == "waitUntilEnquedEmpty") {
+    if (func == "waitUntilEnquedEmpty" || startsWith(rest, "[S:")) openEvent();
+    return;
+  }
+  if (!hasSF) return;
+  noteSensor(sensor);
+  if (func == "prepare" && contains(tail, "prepared, order(")) {
+    closeEvent();
+    ++r.debugLines;
+    SensorFrame& st = state(sensor, frame);
+    int64_t order = -1;
+    numberAfter(tail, "order(", &order);
+    st.tid = line.tid;
+    if (!st.prepared) {
+      st.prepared = true;
+      st.order = order;
+      st.preparedAt = at;
+      r.sequence[sensor].push_back(frame);
+    }
+    frameInfo(frame).sensors.insert(sensor);
+    h.prepares.push_back({sensor, frame, at});
+    ++r.totals[sensor].prepared;
+  } else if (func == "wait") {
+    bool isConfig = contains(tail, "[ConfigJob]");
+    SensorFrame& st = state(sensor, frame);
+    int64_t off = -1;
+    numberAfter(tail, "offSensor(", &off);
+    frameInfo(frame).offSensor = off;
+    if (contains(tail, "enqed +")) {
+      st.offWaitOpen[isConfig] = off;
+      st.offWaitSince[isConfig] = at;
+      if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
+        st.enqWaitSeen = true;
+        st.enqFirstWait = at;
+        st.enqSentAt = at;
+      }
+    } else {
+      st.offWaitOpen[isConfig] = -1;
+    }
+  } else if (func == "waitOffSensorPreviousFrameEnqued") {
+    // The off sensor's id is the one printed.
+    frameInfo(frame).offSensor = sensor;
+  } else if (func == "operator()") {
+    bool isConfig = contains(tail, "[ConfigJob]");
+    SensorFrame& st = state(sensor, frame);
+    if (contains(tail, "wait previous syncframe enque ...")) {
+      ++st.waitLines;
+      if (!isConfig) {
+        st.enqLineTid = line.tid;
+        st.enqLastLineAt = at;
+      }
+      if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
+        st.enqWaitSeen = true;
+        st.enqFirstWait = at;
+        st.enqSentAt = at;
+      }
+    } else {
+      ++r.verboseLines;
+    }
+  } else if (func == "isPreviousSyncFrameFinished") {
+    ++r.verboseLines;
+  } else if (func == "finished") {
+    if (contains(tail, "FC not found")) return;
+    SensorFrame& st = state(sensor, frame);
+    if (contains(tail, "ConfigJob finished.")) {
+      st.cfgDone = true;
+      st.cfgEnd = at;
+    } else if (contains(tail, "EnqJob finished.")) {
+      st.enqDone = true;
+      st.enqEnd = at;
+      if (contains(tail, "Is last, erase it.")) {
+        frameInfo(frame).retired = true;
+        frameInfo(frame).retiredAt = at;
+      }
+    }
+  } else if (func == "drop" || func == "flush") {
+    if (contains(tail, "is last, erase")) {
+      frameInfo(frame).retired = true;
+      frameInfo(frame).retiredAt = at;
+    }
+    sim::EventRecord* e = openEvent();
+    // Without thread ids the drop's own last line ends it: a release after it is another
+    // thread's (a setConfigured).
+    if (line.tid < 0 && func == "drop" && e && e->kind == sim::EventKind::Drop &&
+        contains(tail, "drop")) {
+      eventOpen[line.tid] = false;
+    }
+  }
+}
+
+void LineScope::onPool() {
+  if (func == "getPreviousFC" && hasSF) {
+    int64_t prev = -1;
+    if (numberAfter(tail, "previous frameNo(", &prev)) state(sensor, frame).previousFrame = prev;
+  }
+}
+
+void LineScope::onQueue() {
+  if (!hasSF) return;
+  bool config = sensor >= kConfigKeyBase;
+  uint32_t s = config ? (sensor & 0xFF) : sensor;
+  noteSensor(sensor);
+  if (config) frameInfo(frame).needCfg.insert(s);
+  if (func == "pushLicense") {
+    ++r.verboseLines;
+    int64_t fd = -1;
+    if (!config && numberAfter(tail, "fd(", &fd)) firstFd(state(s, frame), int32_t(fd));
+  } else if (func == "popLicense") {
+    ++r.verboseLines;
+  } else if (func == "changeFramesFD") {
+    int64_t from = -1, to = -1;
+    numberAfter(tail, "change FD (", &from);
+    numberAfter(tail, "-> (", &to);
+    SensorFrame& st = state(s, frame);
+    if (!config) firstFd(st, int32_t(from));
+    st.fdChanges.push_back({int32_t(from), int32_t(to)});
+    openEvent();
+  } else if (func == "releaseLicense") {
+    if (contains(tail, "license already null !")) {
+      sim::EventRecord* e = openEvent();
+      bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
+      if (config && !inDrop) {
+        closeEvent();
+        SensorFrame& st = state(s, frame);
+        st.setConfigured = true;
+        st.setConfiguredAt = at;
+        st.tid = line.tid;
+        h.setConfigured.push_back({s, frame, at});
+        ++r.totals[s].configured;
+      }
+    } else if (contains(tail, "from pipeMgr")) {
+      int64_t fd = -1;
+      if (!config && numberAfter(tail, "release license(", &fd)) {
+        firstFd(state(s, frame), int32_t(fd));
+      }
+    }
+  } else if (func == "clear") {
+    sim::EventRecord* e = openEvent();
+    if (e && (e->kind == sim::EventKind::Flush || e->kind == sim::EventKind::QueueFlush)) {
+      if (e->kind == sim::EventKind::Flush) {
+        sim::EventRecord q;
+        q.kind = sim::EventKind::QueueFlush;
+        q.sensor = e->sensor;
+        q.frame = e->frame;
+        q.begin = q.end = at;
+        q.frames = e->frames;
+        h.events.push_back(std::move(q));
+        lastEvent[line.tid] = h.events.size() - 1;
+        e = &h.events.back();
+      }
+      if (std::find(e->frames.begin(), e->frames.end(), frame) == e->frames.end()) {
+        e->frames.push_back(frame);
+      }
+    } else {
+      r.torndown = true;
+    }
+  }
+}
+
+}  // namespace
+
 void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   Run& r = c.run;
   ++r.lines;
@@ -476,347 +692,19 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   bool hasSF = readSensorFrame(text, &after, &sensor, &frame);
   std::string_view tail = hasSF ? text.substr(after) : std::string_view();
 
-  sim::History& h = r.history;
-  // A frame that settled and left memory: what its late lines would write goes to scratch.
-  auto gone = [&](uint32_t f) {
-    return int64_t(f) <= r.settledUpTo && f != kNoFrame && !r.frames.count(f);
-  };
-  if (hasSF && gone(frame)) ++r.linesForSettled;
-  auto frameInfo = [&](uint32_t f) -> FrameInfo& {
-    if (!gone(f)) {
-      FrameInfo& fi = r.frames[f];
-      fi.frame = f;
-      return fi;
-    }
-    c.scratchFrame = FrameInfo();
-    return c.scratchFrame;
-  };
-  auto state = [&](uint32_t s, uint32_t f) -> SensorFrame& {
-    if (gone(f)) {
-      c.scratch = SensorFrame();
-      return c.scratch;
-    }
-    SensorFrame& st = r.states[{s, f}];
-    r.sensorsSeen.insert(s);
-    st.sensor = s;
-    st.frame = f;
-    FrameInfo& fi = r.frames[f];
-    if (fi.firstSeen == 0 && fi.sensors.empty()) fi.firstSeen = at;
-    fi.frame = f;
-    return st;
-  };
-  auto noteSensor = [&](uint32_t s) {
-    if (s >= kConfigKeyBase) s &= 0xFF;
-    LastSeen& seen = r.lastSeen[s];
-    seen.at = at;
-    seen.text.assign(text);
-    if (line.tid >= 0) ++r.threadSensors[line.tid][s];
-  };
-  // Without thread ids every thread's lines look like one thread's: an event's own lines (sync
-  // breaks, FD changes) cannot be told from the others by thread, so events stay open until
-  // the next one.
-  auto closeEvent = [&] {
-    if (line.tid >= 0) c.eventOpen[line.tid] = false;
-  };
-  auto openEvent = [&]() -> sim::EventRecord* {
-    auto e = c.lastEvent.find(line.tid);
-    if (e == c.lastEvent.end() || !c.eventOpen[line.tid]) return nullptr;
-    h.events[e->second].end = at;
-    return &h.events[e->second];
-  };
-  auto firstFd = [&](SensorFrame& st, int32_t fd) {
-    if (st.firstFd < 0) st.firstFd = fd;
-  };
+  LineScope l{r,    r.history, c.lastEvent, c.eventOpen, c.scratch, c.scratchFrame, line, at,
+              text, func,      rest,        tail,        sensor,    frame,          hasSF};
+  if (hasSF && l.gone(frame)) ++r.linesForSettled;
   remember();
-
-  if (line.tag == "OrvCam/CamDeliver") {
-    if (func == "CamDeliver") {
-      ++r.verboseLines;
-      return;
-    }
-    if (!hasSF) return;
-    noteSensor(sensor);
-    if (func == "sendJobForConfigure") {
-      closeEvent();
-      SensorFrame& st = state(sensor, frame);
-      st.tid = line.tid;
-      st.cfgSent = true;
-      st.cfgSentAt = at;
-      frameInfo(frame).needCfg.insert(sensor);
-      frameInfo(frame).cfgByJob.insert(sensor);
-    } else if (func == "sendJobForEnque") {
-      closeEvent();
-      SensorFrame& st = state(sensor, frame);
-      st.tid = line.tid;
-      if (contains(tail, "null license")) {
-        st.enqNull = true;
-        st.enqEnd = at;
-        if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
-      } else {
-        ++r.verboseLines;
-        st.enqSentSeen = true;
-        st.enqSentAt = at;
-        st.enqLineTid = line.tid;
-        st.enqLastLineAt = at;
-      }
-    } else if (func == "getLicense") {
-      closeEvent();
-      bool config = sensor >= kConfigKeyBase;
-      uint32_t s = sensor & (config ? 0xFF : 0xFFFFFFFF);
-      SensorFrame& st = state(s, frame);
-      st.tid = line.tid;
-      int64_t fd = -1;
-      bool present = numberAfter(tail, "FD(", &fd);
-      if (config) {
-        st.cfgStarted = true;
-        st.cfgStart = at;
-        st.cfgFd = present ? int32_t(fd) : -1;
-        frameInfo(frame).needCfg.insert(s);
-      } else if (present) {
-        st.enqStarted = true;
-        st.enqStart = at;
-        st.enqFd = int32_t(fd);
-        firstFd(st, int32_t(fd));
-        if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
-      }
-    } else if (func == "notifyEvent") {
-      size_t open = tail.find("type(");
-      size_t end = open == std::string_view::npos ? open : tail.find(')', open);
-      if (end == std::string_view::npos) return;
-      std::string_view name = tail.substr(open + 5, end - open - 5);
-      int64_t value = 0;
-      numberAfter(tail, "value(", &value);
-      sim::EventRecord e;
-      e.kind = sim::EventKind::ResumeDone;
-      bool known = false;
-      for (sim::EventKind k : {sim::EventKind::InformInflight, sim::EventKind::ResumeDone,
-                               sim::EventKind::Suspend, sim::EventKind::Drop, sim::EventKind::Flush,
-                               sim::EventKind::LicenseRelease, sim::EventKind::RawSwitch}) {
-        if (name == sim::eventKindName(k)) {
-          e.kind = k;
-          known = true;
-        }
-      }
-      if (!known) return;
-      e.sensor = sensor;
-      e.frame = frame;
-      e.value = uint32_t(value);
-      e.begin = e.end = at;
-      if (e.kind == sim::EventKind::Flush) {
-        // Every frame still in flight that the sensor prepared counts as flushed for it.
-        // The pool holds at most 19 frames, so the scan back stops after a run of frames
-        // that are all done.
-        constexpr int kDoneRunEnd = 64;
-        auto seq = r.sequence.find(sensor);
-        if (seq != r.sequence.end()) {
-          int doneRun = 0;
-          for (auto it = seq->second.rbegin(); it != seq->second.rend() && doneRun < kDoneRunEnd;
-               ++it) {
-            auto st = r.states.find({sensor, *it});
-            auto fi = r.frames.find(*it);
-            if (st == r.states.end() || st->second.done() || fi == r.frames.end() ||
-                fi->second.retired) {
-              ++doneRun;
-              continue;
-            }
-            doneRun = 0;
-            st->second.flushed = true;
-            st->second.flushedAt = at;
-            e.frames.push_back(*it);
-          }
-        }
-        std::sort(e.frames.begin(), e.frames.end());
-        e.frames.erase(std::unique(e.frames.begin(), e.frames.end()), e.frames.end());
-      }
-      if (e.kind == sim::EventKind::Drop) {
-        SensorFrame& st = state(sensor, frame);
-        st.dropped = true;
-        st.droppedAt = at;
-        frameInfo(frame).sensors.insert(sensor);
-        ++r.totals[sensor].dropped;
-      }
-      r.sawDropOrFlush =
-          r.sawDropOrFlush || e.kind == sim::EventKind::Drop || e.kind == sim::EventKind::Flush;
-      h.events.push_back(std::move(e));
-      c.lastEvent[line.tid] = h.events.size() - 1;
-      c.eventOpen[line.tid] = true;
-    }
-    return;
-  }
-
-  if (line.tag == "OrvCam/CamDeliverGuard") {
-    if (func == "breakFrameSync") {
-      if (hasSF) {
-        frameInfo(frame).syncBroken = true;
-        if (sim::EventRecord* e = openEvent()) {
-          if (e->kind == sim::EventKind::InformInflight) e->frames.push_back(frame);
-        }
-      } else if (sim::EventRecord* e = openEvent()) {
-        (void)e;
-      }
-      return;
-    }
-    if (func == "getSyncFrames" || func == "getEnquedSyncFrames" ||
-        func == "waitUntilEnquedEmpty") {
-      if (func == "waitUntilEnquedEmpty" || startsWith(rest, "[S:")) openEvent();
-      return;
-    }
-    if (!hasSF) return;
-    noteSensor(sensor);
-    if (func == "prepare" && contains(tail, "prepared, order(")) {
-      closeEvent();
-      ++r.debugLines;
-      SensorFrame& st = state(sensor, frame);
-      int64_t order = -1;
-      numberAfter(tail, "order(", &order);
-      st.tid = line.tid;
-      if (!st.prepared) {
-        st.prepared = true;
-        st.order = order;
-        st.preparedAt = at;
-        r.sequence[sensor].push_back(frame);
-      }
-      frameInfo(frame).sensors.insert(sensor);
-      h.prepares.push_back({sensor, frame, at});
-      ++r.totals[sensor].prepared;
-    } else if (func == "wait") {
-      bool isConfig = contains(tail, "[ConfigJob]");
-      SensorFrame& st = state(sensor, frame);
-      int64_t off = -1;
-      numberAfter(tail, "offSensor(", &off);
-      frameInfo(frame).offSensor = off;
-      if (contains(tail, "enqed +")) {
-        st.offWaitOpen[isConfig] = off;
-        st.offWaitSince[isConfig] = at;
-        if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
-          st.enqWaitSeen = true;
-          st.enqFirstWait = at;
-          st.enqSentAt = at;
-        }
-      } else {
-        st.offWaitOpen[isConfig] = -1;
-      }
-    } else if (func == "waitOffSensorPreviousFrameEnqued") {
-      // The off sensor's id is the one printed.
-      frameInfo(frame).offSensor = sensor;
-    } else if (func == "operator()") {
-      bool isConfig = contains(tail, "[ConfigJob]");
-      SensorFrame& st = state(sensor, frame);
-      if (contains(tail, "wait previous syncframe enque ...")) {
-        ++st.waitLines;
-        if (!isConfig) {
-          st.enqLineTid = line.tid;
-          st.enqLastLineAt = at;
-        }
-        if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
-          st.enqWaitSeen = true;
-          st.enqFirstWait = at;
-          st.enqSentAt = at;
-        }
-      } else {
-        ++r.verboseLines;
-      }
-    } else if (func == "isPreviousSyncFrameFinished") {
-      ++r.verboseLines;
-    } else if (func == "finished") {
-      if (contains(tail, "FC not found")) return;
-      SensorFrame& st = state(sensor, frame);
-      if (contains(tail, "ConfigJob finished.")) {
-        st.cfgDone = true;
-        st.cfgEnd = at;
-      } else if (contains(tail, "EnqJob finished.")) {
-        st.enqDone = true;
-        st.enqEnd = at;
-        if (contains(tail, "Is last, erase it.")) {
-          frameInfo(frame).retired = true;
-          frameInfo(frame).retiredAt = at;
-        }
-      }
-    } else if (func == "drop" || func == "flush") {
-      if (contains(tail, "is last, erase")) {
-        frameInfo(frame).retired = true;
-        frameInfo(frame).retiredAt = at;
-      }
-      sim::EventRecord* e = openEvent();
-      // Without thread ids the drop's own last line ends it: a release after it is another
-      // thread's (a setConfigured).
-      if (line.tid < 0 && func == "drop" && e && e->kind == sim::EventKind::Drop &&
-          contains(tail, "drop")) {
-        c.eventOpen[line.tid] = false;
-      }
-    }
-    return;
-  }
-
-  if (line.tag == "OrvCam/FrameContextPool") {
-    if (func == "getPreviousFC" && hasSF) {
-      int64_t prev = -1;
-      if (numberAfter(tail, "previous frameNo(", &prev)) state(sensor, frame).previousFrame = prev;
-    }
-    return;
-  }
-
-  if (line.tag == "OrvCam/LicenseQueue") {
-    if (!hasSF) return;
-    bool config = sensor >= kConfigKeyBase;
-    uint32_t s = config ? (sensor & 0xFF) : sensor;
-    noteSensor(sensor);
-    if (config) frameInfo(frame).needCfg.insert(s);
-    if (func == "pushLicense") {
-      ++r.verboseLines;
-      int64_t fd = -1;
-      if (!config && numberAfter(tail, "fd(", &fd)) firstFd(state(s, frame), int32_t(fd));
-    } else if (func == "popLicense") {
-      ++r.verboseLines;
-    } else if (func == "changeFramesFD") {
-      int64_t from = -1, to = -1;
-      numberAfter(tail, "change FD (", &from);
-      numberAfter(tail, "-> (", &to);
-      SensorFrame& st = state(s, frame);
-      if (!config) firstFd(st, int32_t(from));
-      st.fdChanges.push_back({int32_t(from), int32_t(to)});
-      openEvent();
-    } else if (func == "releaseLicense") {
-      if (contains(tail, "license already null !")) {
-        sim::EventRecord* e = openEvent();
-        bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
-        if (config && !inDrop) {
-          closeEvent();
-          SensorFrame& st = state(s, frame);
-          st.setConfigured = true;
-          st.setConfiguredAt = at;
-          st.tid = line.tid;
-          h.setConfigured.push_back({s, frame, at});
-          ++r.totals[s].configured;
-        }
-      } else if (contains(tail, "from pipeMgr")) {
-        int64_t fd = -1;
-        if (!config && numberAfter(tail, "release license(", &fd)) {
-          firstFd(state(s, frame), int32_t(fd));
-        }
-      }
-    } else if (func == "clear") {
-      sim::EventRecord* e = openEvent();
-      if (e && (e->kind == sim::EventKind::Flush || e->kind == sim::EventKind::QueueFlush)) {
-        if (e->kind == sim::EventKind::Flush) {
-          sim::EventRecord q;
-          q.kind = sim::EventKind::QueueFlush;
-          q.sensor = e->sensor;
-          q.frame = e->frame;
-          q.begin = q.end = at;
-          q.frames = e->frames;
-          h.events.push_back(std::move(q));
-          c.lastEvent[line.tid] = h.events.size() - 1;
-          e = &h.events.back();
-        }
-        if (std::find(e->frames.begin(), e->frames.end(), frame) == e->frames.end()) {
-          e->frames.push_back(frame);
-        }
-      } else {
-        r.torndown = true;
-      }
-    }
-    return;
+  static const struct {
+    std::string_view tag;
+    void (LineScope::*handle)();
+  } kHandlers[] = {{"OrvCam/CamDeliver", &LineScope::onDeliver},
+                   {"OrvCam/CamDeliverGuard", &LineScope::onGuard},
+                   {"OrvCam/FrameContextPool", &LineScope::onPool},
+                   {"OrvCam/LicenseQueue", &LineScope::onQueue}};
+  for (const auto& handler : kHandlers) {
+    if (line.tag == handler.tag) return (l.*handler.handle)();
   }
 }
 

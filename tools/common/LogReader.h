@@ -20,6 +20,7 @@
 #include "Checker.h"
 #include "DurationHistogram.h"
 #include "History.h"
+#include "MessageCatalogue.h"
 
 namespace orvcam {
 namespace logread {
@@ -311,20 +312,6 @@ class LogReader {
   std::string currentHeader_;  // the header of the message line being read
   std::string colourFree_;     // the line with its colour escapes taken out
 };
-
-// The client-protocol rule a fatal assertion message stands for: the "Don't" of the
-// README's table, or an explanation for the library's own invariants.
-std::string ruleForFatal(const std::string& message);
-// What a warning kind means for the verdict: nothing on its own (benign), the trace of a call
-// order the client protocol allows (named), or something to look at.
-enum class WarningClass { Benign, ClientOrder, Attention };
-struct WarningExplanation {
-  WarningClass cls = WarningClass::Attention;
-  std::string why;                // one line
-  std::string clientOrder;        // ClientOrder: the legal call order that provokes it
-  bool needsDropOrFlush = false;  // that call order is a drop or a flush
-};
-WarningExplanation explainWarning(const std::string& kind);
 
 // What finish() left in the run's history that no listener was told of: the history without
 // the plans and jobs of its context frames.

@@ -128,6 +128,7 @@ class TraceWriter {
   JsonText text_;
   CounterMarks marks_;
 };
+
 // A scenario for camdeliver-sim that replays the run's frames, sensors, sync groups,
 // configure frames, raw switches and events, with job durations fitted to the log.
 void writeScenario(std::ostream& out, const Run& run);
