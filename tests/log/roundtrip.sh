@@ -47,7 +47,8 @@ for level in debug verbose; do
   "$sim" "$work/s.json" >"$work/replay.out" 2>&1 || {
     echo "the replay scenario did not run clean:"; cat "$work/replay.out"; cat "$work/s.json"
     exit 1
-  }  # Written as the frames settle, four at a time (a long capture's way), the files hold the
+  }
+  # Written as the frames settle, four at a time (a long capture's way), the files hold the
   # same items: the history and the trace line for line, the scenario's lists up to order.
   "$log" "$work/run.log" --window 4 --history "$work/h4.json" --scenario "$work/s4.json" \
     --trace "$work/t4.json" >"$work/log4.out" || true

@@ -1012,7 +1012,7 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
   }
   h.events = std::move(events);
   for (auto& e : c.lastEvent) e.second = moved.at(e.second);
-  if (listener_) listener_(r, part);
+  if (listener_) listener_(r, std::move(part));
 
   for (uint32_t f : leaving) {
     for (uint32_t s : r.sensorsSeen) r.states.erase({s, f});

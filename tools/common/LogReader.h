@@ -245,8 +245,8 @@ class LogReader {
   // Told, as a session's frames settle and before they leave memory, their plans and jobs and
   // the prepares, setConfigured reports and events that leave with them (each record once):
   // what writes a file about the run writes them as the log is read. What is left at the end
-  // is unsettledPart(run).
-  using SettledListener = std::function<void(const Run& run, const sim::History& part)>;
+  // is unsettledPart(run). The part is the listener's to keep: it may move from it.
+  using SettledListener = std::function<void(const Run& run, sim::History&& part)>;
   void setListener(SettledListener listener) { listener_ = std::move(listener); }
   // One raw line (without its newline).
   void addLine(std::string_view raw);

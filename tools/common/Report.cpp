@@ -299,9 +299,11 @@ void writeHistoryJson(std::ostream& out, const History& h) {
   out << (open < 0 ? "" : "]") << "}\n";
 }
 
-HistoryJsonStream::HistoryJsonStream(std::string prefix) : prefix_(std::move(prefix)) {}
+HistoryJsonStream::HistoryJsonStream(std::string prefix, OrderedWorker* worker)
+    : prefix_(std::move(prefix)), worker_(worker) {}
 
 HistoryJsonStream::~HistoryJsonStream() {
+  if (worker_) worker_->drain();
   for (size_t i = 0; i < kLists; ++i) {
     if (counts_[i] > 0 || files_[i].is_open()) std::remove(partPath(i).c_str());
   }
@@ -311,7 +313,15 @@ std::string HistoryJsonStream::partPath(size_t list) const {
   return prefix_ + "." + kListKeys[list] + ".part";
 }
 
-void HistoryJsonStream::add(const History& part) {
+void HistoryJsonStream::add(History part) {
+  if (!worker_) {
+    write(part);
+    return;
+  }
+  worker_->post([this, part = std::move(part)] { write(part); });
+}
+
+void HistoryJsonStream::write(const History& part) {
   eachItem(part, [&](int list, const std::string& item) {
     std::ofstream& file = files_[size_t(list)];
     if (!file.is_open()) file.open(partPath(size_t(list)), std::ios::binary);
@@ -321,6 +331,7 @@ void HistoryJsonStream::add(const History& part) {
 }
 
 bool HistoryJsonStream::finish(const History& scalars, const std::string& path) {
+  if (worker_) worker_->drain();
   std::ofstream out(path, std::ios::binary);
   out << historyHead(scalars);
   for (size_t i = 0; i < kLists; ++i) {

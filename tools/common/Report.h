@@ -9,6 +9,7 @@
 
 #include "Checker.h"
 #include "History.h"
+#include "OrderedWorker.h"
 
 namespace orvcam {
 namespace sim {
@@ -46,13 +47,17 @@ void writeHistoryJson(std::ostream& out, const History& history);
 // part's list items go to a file of their own named after `prefix` (prefix.jobs.part, ...),
 // and finish() writes the file: the scalars, then every list. The part files are removed
 // when the stream is destroyed.
+//
+// Threads: add() and finish() are called by one thread. With a worker, add() hands it a copy
+// of the part and the worker writes it, in order; finish() drains the worker first, and the
+// files are the worker's alone until then.
 class HistoryJsonStream {
  public:
-  explicit HistoryJsonStream(std::string prefix);
+  explicit HistoryJsonStream(std::string prefix, OrderedWorker* worker = nullptr);
   ~HistoryJsonStream();
   HistoryJsonStream(const HistoryJsonStream&) = delete;
   HistoryJsonStream& operator=(const HistoryJsonStream&) = delete;
-  void add(const History& part);
+  void add(History part);
   // `scalars`: the history whose scalars (scenario, sensors, times, account) head the file;
   // its lists are not written. False when a file could not be written or read.
   bool finish(const History& scalars, const std::string& path);
@@ -60,7 +65,9 @@ class HistoryJsonStream {
  private:
   static constexpr size_t kLists = 6;
   std::string partPath(size_t list) const;
+  void write(const History& part);
   std::string prefix_;
+  OrderedWorker* worker_;
   std::ofstream files_[kLists];
   uint64_t counts_[kLists] = {};
   bool ok_ = true;

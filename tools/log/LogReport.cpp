@@ -379,13 +379,18 @@ constexpr int kEventTrack = 0;
 
 }  // namespace
 
-TraceWriter::TraceWriter(std::ostream& out, int pid) : out_(out), pid_(pid) {
-  out_ << "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[";
+TraceWriter::TraceWriter(std::ostream& out, int pid, OrderedWorker* worker)
+    : worker_(worker), out_(out), pid_(pid) {
+  buffer_ += "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[";
   meta("process_name", 0)
       .open("args")
       .str("name", "camdeliver-log: process " + std::to_string(pid_))
       .close();
   emit();
+}
+
+TraceWriter::~TraceWriter() {
+  if (worker_) worker_->drain();  // its tasks write through this object
 }
 
 JsonText& TraceWriter::event(std::string_view name, const char* cat, const char* ph, Nanos ts,
@@ -404,34 +409,58 @@ JsonText& TraceWriter::meta(const char* name, int tid) {
 }
 
 void TraceWriter::emit() {
-  out_ << (first_ ? "\n" : ",\n") << text_.end();
+  buffer_ += first_ ? "\n" : ",\n";
+  buffer_ += text_.end();
   first_ = false;
+  if (buffer_.size() >= (size_t(1) << 18)) flush();
+}
+
+void TraceWriter::flush() {
+  out_.write(buffer_.data(), std::streamsize(buffer_.size()));
+  buffer_.clear();
 }
 
 void TraceWriter::add(const Run& r, const sim::History& part) {
+  std::vector<Item> items = gather(r, part);
+  if (!worker_) {
+    write(items);
+    return;
+  }
+  worker_->post([this, items = std::move(items)]() mutable {
+    write(items);
+    items.clear();
+    std::lock_guard<std::mutex> lock(spareMutex_);
+    spare_.push_back(std::move(items));
+  });
+}
+
+std::vector<TraceWriter::Item> TraceWriter::gather(const Run& r, const sim::History& part) {
+  using K = Item::Kind;
   std::set<uint32_t> frames;  // the part's frames
   for (const auto& p : part.plans) frames.insert(p.frame);
+  // A list the worker has written and handed back keeps its memory: a part's list is a few
+  // hundred kilobytes, which the allocator would otherwise map and unmap every time.
+  std::vector<Item> items;
+  {
+    std::lock_guard<std::mutex> lock(spareMutex_);
+    if (!spare_.empty()) {
+      items = std::move(spare_.back());
+      spare_.pop_back();
+    }
+  }
   for (const auto& j : part.jobs) {
     frames.insert(j.frame);
     const SensorFrame* st = findState(r, j.sensor, j.frame);
     int tid = st && st->tid >= 0 ? st->tid : int(j.sensor) + 1;
-    std::string name = sf(j.sensor, j.frame);
     Nanos end = std::max(j.end, j.sent);
-    event(name, "send", "X", j.sent, tid).micros("dur", end - j.sent);
-    emit();
+    items.push_back({K::Send, 0, tid, j.sensor, j.frame, j.sent, end - j.sent, 0});
     if (j.ran && j.start > j.sent) {
-      event(name + " isConfig:" + (j.kind == sim::JobKind::Configure ? "1" : "0"), "wait", "X",
-            j.sent, tid)
-          .micros("dur", j.start - j.sent);
-      emit();
+      uint8_t configure = j.kind == sim::JobKind::Configure;
+      items.push_back({K::Wait, configure, tid, j.sensor, j.frame, j.sent, j.start - j.sent, 0});
     }
     if (j.ran) {
-      event(std::string(sim::jobKindName(j.kind)) + " " + name, "job", "X", j.start, tid)
-          .micros("dur", std::max(j.end, j.start) - j.start)
-          .open("args")
-          .num("fd", j.fd)
-          .close();
-      emit();
+      items.push_back({K::Job, uint8_t(j.kind), tid, j.sensor, j.frame, j.start,
+                       std::max(j.end, j.start) - j.start, j.fd});
     }
   }
   for (uint32_t f : frames) {
@@ -465,47 +494,104 @@ void TraceWriter::add(const Run& r, const sim::History& part) {
       if (!releaser || releaser->tid < 0 || st->tid < 0) continue;
       // One arrow per waiting enqueue: its id is made from its sensor and frame.
       int64_t id = (int64_t(st->frame) << 8) | (st->sensor & 0xFF);
-      event("releases", "flow", "s", releaser->enqStart, releaser->tid).num("id", id);
-      emit();
-      event("releases", "flow", "f", st->enqStart, st->tid).str("bp", "e").num("id", id);
-      emit();
+      items.push_back({K::FlowStart, 0, releaser->tid, 0, 0, releaser->enqStart, 0, id});
+      items.push_back({K::FlowEnd, 0, st->tid, 0, 0, st->enqStart, 0, id});
     }
     // Each frame's life, from its first prepare to the line that retired it.
     const FrameInfo& info = fi->second;
     if (info.sensors.empty()) continue;
     Nanos begin = info.firstSeen;
     Nanos end = info.retired ? info.retiredAt : r.endAt;
-    std::string name = "F:" + std::to_string(info.frame);
-    event(name, "frame", "b", begin, kEventTrack).num("id", info.frame);
-    emit();
-    event(name, "frame", "e", std::max(end, begin), kEventTrack).num("id", info.frame);
-    emit();
+    items.push_back({K::FrameBegin, 0, kEventTrack, 0, info.frame, begin, 0, 0});
+    items.push_back({K::FrameEnd, 0, kEventTrack, 0, info.frame, std::max(end, begin), 0, 0});
   }
   for (const auto& e : part.events) {
-    std::string name = e.kind == sim::EventKind::QueueFlush
-                           ? std::string("flush()")
-                           : std::string(sim::eventKindName(e.kind)) + " " + sf(e.sensor, e.frame) +
-                                 " value:" + std::to_string(e.value);
-    event(name, "event", "i", e.begin, kEventTrack).str("s", "t");
-    emit();
+    items.push_back(
+        {K::Event, uint8_t(e.kind), kEventTrack, e.sensor, e.frame, e.begin, 0, e.value});
   }
   marks_.release(r, frames, [&](Nanos at, int framesDelta, int, int inFlight, int waiting) {
-    counter(at, framesDelta, inFlight, waiting);
+    items.push_back({K::Counter, uint8_t(framesDelta != 0), kEventTrack, 0, 0, at, 0,
+                     framesDelta ? inFlight : waiting});
   });
+  return items;
 }
 
-void TraceWriter::counter(Nanos at, int framesDelta, int frames, int waiting) {
-  event(framesDelta ? "frames in flight" : "sends waiting", "counter", "C", at, kEventTrack)
-      .open("args")
-      .num("value", framesDelta ? frames : waiting)
-      .close();
+void TraceWriter::write(const std::vector<Item>& items) {
+  for (const Item& item : items) writeItem(item);
+}
+
+void TraceWriter::writeItem(const Item& it) {
+  using K = Item::Kind;
+  auto number = [this](int64_t v) {
+    char buf[24];
+    name_.append(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
+  };
+  auto sensorFrame = [&] {
+    name_ += "S:";
+    number(it.sensor);
+    name_ += " F:";
+    number(it.frame);
+  };
+  name_.clear();
+  switch (it.kind) {
+    case K::Send:
+      sensorFrame();
+      event(name_, "send", "X", it.ts, it.tid).micros("dur", it.dur);
+      break;
+    case K::Wait:
+      sensorFrame();
+      name_ += it.detail ? " isConfig:1" : " isConfig:0";
+      event(name_, "wait", "X", it.ts, it.tid).micros("dur", it.dur);
+      break;
+    case K::Job:
+      name_ += sim::jobKindName(sim::JobKind(it.detail));
+      name_ += ' ';
+      sensorFrame();
+      event(name_, "job", "X", it.ts, it.tid)
+          .micros("dur", it.dur)
+          .open("args")
+          .num("fd", it.value)
+          .close();
+      break;
+    case K::FlowStart: event("releases", "flow", "s", it.ts, it.tid).num("id", it.value); break;
+    case K::FlowEnd:
+      event("releases", "flow", "f", it.ts, it.tid).str("bp", "e").num("id", it.value);
+      break;
+    case K::FrameBegin:
+    case K::FrameEnd:
+      name_ += "F:";
+      number(it.frame);
+      event(name_, "frame", it.kind == K::FrameBegin ? "b" : "e", it.ts, it.tid)
+          .num("id", it.frame);
+      break;
+    case K::Event:
+      if (sim::EventKind(it.detail) == sim::EventKind::QueueFlush) {
+        name_ += "flush()";
+      } else {
+        name_ += sim::eventKindName(sim::EventKind(it.detail));
+        name_ += ' ';
+        sensorFrame();
+        name_ += " value:";
+        number(it.value);
+      }
+      event(name_, "event", "i", it.ts, it.tid).str("s", "t");
+      break;
+    case K::Counter:
+      event(it.detail ? "frames in flight" : "sends waiting", "counter", "C", it.ts, it.tid)
+          .open("args")
+          .num("value", it.value)
+          .close();
+      break;
+  }
   emit();
 }
 
 void TraceWriter::finish(const Run& r) {
-  add(r, unsettledPart(r));
+  if (worker_) worker_->drain();
+  write(gather(r, unsettledPart(r)));
   marks_.releaseBefore(INT64_MAX, [&](Nanos at, int framesDelta, int, int inFlight, int waiting) {
-    counter(at, framesDelta, inFlight, waiting);
+    writeItem({Item::Kind::Counter, uint8_t(framesDelta != 0), kEventTrack, 0, 0, at, 0,
+               framesDelta ? inFlight : waiting});
   });
   meta("thread_name", kEventTrack).open("args").str("name", "frames, counters and events").close();
   emit();
@@ -518,7 +604,8 @@ void TraceWriter::finish(const Run& r) {
         .close();
     emit();
   }
-  out_ << "]}\n";
+  buffer_ += "]}\n";
+  flush();
 }
 
 void writeTrace(std::ostream& out, const Run& r) {

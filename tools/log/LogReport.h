@@ -7,6 +7,7 @@
 #include <iosfwd>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
@@ -17,6 +18,7 @@
 #include "Checker.h"
 #include "JsonText.h"
 #include "LogReader.h"
+#include "OrderedWorker.h"
 
 namespace orvcam {
 namespace logread {
@@ -109,24 +111,64 @@ class CounterMarks {
 
 // The same trace written as a long log is read: add() takes the parts a LogReader's listener
 // is given (before their frames leave memory), finish() the finished run.
+//
+// Threads: add() and finish() are called by the reader's thread. With a worker, add() only
+// gathers the part's events (it reads the run, which the reader goes on changing) and the
+// worker formats and writes them, in order; finish() drains the worker first. The gathering
+// side (`marks_`) is the reader thread's alone, the writing side (`out_` and what follows it)
+// the worker's until finish() has drained it; `spare_` passes lists back under its own lock.
 class TraceWriter {
  public:
-  TraceWriter(std::ostream& out, int pid);
+  TraceWriter(std::ostream& out, int pid, OrderedWorker* worker = nullptr);
+  ~TraceWriter();
+  TraceWriter(const TraceWriter&) = delete;
+  TraceWriter& operator=(const TraceWriter&) = delete;
   void add(const Run& run, const sim::History& part);
   void finish(const Run& run);
 
+  // One event, gathered; its text is made when it is written.
+  struct Item {
+    enum class Kind : uint8_t {
+      Send,
+      Wait,
+      Job,
+      FlowStart,
+      FlowEnd,
+      FrameBegin,
+      FrameEnd,
+      Event,
+      Counter
+    };
+    Kind kind;
+    uint8_t detail;  // Wait: a configure step; Job: sim::JobKind; Event: sim::EventKind;
+                     // Counter: 1 frames in flight, 0 sends waiting
+    int tid;
+    uint32_t sensor, frame;
+    Nanos ts, dur;
+    int64_t value;  // Job: the FD; flows: the arrow's id; Event, Counter: the value
+  };
+
  private:
+  std::vector<Item> gather(const Run& run, const sim::History& part);
+  void write(const std::vector<Item>& items);
+  void writeItem(const Item& item);
   // Starts an event of the common shape, or a metadata event, in text_; emit() writes it.
   JsonText& event(std::string_view name, const char* cat, const char* ph, Nanos ts, int tid);
   JsonText& meta(const char* name, int tid);
   void emit();
-  // Writes a released counter change.
-  void counter(Nanos at, int framesDelta, int frames, int waiting);
+  void flush();
+
+  OrderedWorker* worker_;
+  // Lists of items written by the worker, for gather() to fill again. A leaf lock.
+  std::mutex spareMutex_;
+  std::vector<std::vector<Item>> spare_ ORVCAM_GUARDED_BY(spareMutex_);
+  CounterMarks marks_;
   std::ostream& out_;
   int pid_;
   bool first_ = true;
   JsonText text_;
-  CounterMarks marks_;
+  std::string name_;    // an event's name, made in place
+  std::string buffer_;  // written to out_ a few hundred kilobytes at a time
 };
 
 // A scenario for camdeliver-sim that replays the run's frames, sensors, sync groups,

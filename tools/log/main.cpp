@@ -104,6 +104,10 @@ int main(int argc, char** argv) {
   logread::LogReader reader;
   // The frame table still needs every frame; the files are written as frames settle.
   reader.setWindow(frames ? 0 : window);
+  // Formats and writes the trace and history on a second thread while the reader goes on;
+  // it outlives the writers, which drain it when they finish or go.
+  std::unique_ptr<OrderedWorker> worker;
+  if (!tracePath.empty() || !historyPath.empty()) worker = std::make_unique<OrderedWorker>();
   std::map<std::pair<int, int>, std::unique_ptr<SessionOutputs>> outputs;
   auto outputsFor = [&](const logread::Run& run) -> SessionOutputs& {
     std::unique_ptr<SessionOutputs>& o = outputs[{run.pid, run.session}];
@@ -113,10 +117,10 @@ int main(int argc, char** argv) {
     if (!tracePath.empty()) {
       o->tracePart = tracePath + suffix + ".part";
       o->traceFile.open(o->tracePart, std::ios::binary);
-      o->trace = std::make_unique<logread::TraceWriter>(o->traceFile, run.pid);
+      o->trace = std::make_unique<logread::TraceWriter>(o->traceFile, run.pid, worker.get());
     }
     if (!historyPath.empty()) {
-      o->history = std::make_unique<sim::HistoryJsonStream>(historyPath + suffix);
+      o->history = std::make_unique<sim::HistoryJsonStream>(historyPath + suffix, worker.get());
     }
     if (!scenarioPath.empty()) {
       o->scenario = std::make_unique<logread::ScenarioWriter>(scenarioPath + suffix);
@@ -124,11 +128,11 @@ int main(int argc, char** argv) {
     return *o;
   };
   if (!tracePath.empty() || !historyPath.empty() || !scenarioPath.empty()) {
-    reader.setListener([&](const logread::Run& run, const sim::History& part) {
+    reader.setListener([&](const logread::Run& run, sim::History&& part) {
       SessionOutputs& o = outputsFor(run);
       if (o.trace) o.trace->add(run, part);
-      if (o.history) o.history->add(part);
       if (o.scenario) o.scenario->add(run, part);
+      if (o.history) o.history->add(std::move(part));  // last: it keeps the part
     });
   }
   std::string line;
