@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdio>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -144,6 +146,8 @@ struct ClientRun::Impl {
     setConfigured.clear();
     events.clear();
     licences.clear();
+    emplacedAt.assign(plan.plans.size(), 0);
+    endFindings.clear();
   }
 
   // ---- sensor threads ----
@@ -393,6 +397,7 @@ struct ClientRun::Impl {
     }
     client.frames[idx].fc = fc;
     client.frames[idx].emplaced = true;
+    emplacedAt[idx] = tick();
     ++client.inFlight;
   }
 
@@ -509,6 +514,100 @@ struct ClientRun::Impl {
   std::vector<sim::SetConfiguredRecord> setConfigured;
   std::deque<sim::EventRecord> events;
   std::vector<sim::LicenceRecord> licences;
+  std::vector<Nanos> emplacedAt;  // per plan index; 0 until emplaced
+
+  // The library's warnings of one run (its drops that found nothing to drop), not echoed.
+  std::unique_ptr<host::LogCapture> capture;
+  std::vector<std::string> endFindings;
+
+  // ---- the deliverer's state at the end of a run, against the client's own account ----
+  // Unmanaged thread, after every client thread has ended and before the deliverer goes.
+
+  // A sensor's next order stamp: one per prepare and per drop that found its frame in flight
+  // since the sensor's last flush, which starts it again at 0. Drops and flushes that keep
+  // the counter where it was leave nothing else a later frame could tell apart, so this is
+  // where such a fault shows.
+  void judgeOrderStamps() {
+    std::map<uint32_t, uint64_t> next;
+    {
+      std::lock_guard<std::mutex> lock(deliver->mGuard.mutex);
+      next.insert(deliver->mGuard.orderMap.begin(), deliver->mGuard.orderMap.end());
+    }
+    std::set<std::pair<uint32_t, uint32_t>> idleDrops;  // (sensor, frame) that found nothing
+    for (const host::LogLine& line : capture->lines()) {
+      uint32_t s = 0, f = 0;
+      char rest[32] = {};
+      if (line.level == 'W' &&
+          std::sscanf(line.message.c_str(), "[drop] [S:%u F:%u] %31[^\n]", &s, &f, rest) == 3 &&
+          (std::string(rest) == "FC not found" || std::string(rest) == "already finished")) {
+        idleDrops.insert({s, f});
+      }
+    }
+    for (const auto& cam : scenario.sensors) {
+      Nanos since = 0;
+      for (const auto& e : events) {
+        if (e.kind == EventKind::Flush && e.sensor == cam.id) since = std::max(since, e.end);
+      }
+      uint64_t prepared = 0, dropped = 0;
+      for (const auto& p : prepares) prepared += p.sensor == cam.id && p.at > since;
+      for (const auto& e : events) {
+        dropped += e.kind == EventKind::Drop && e.sensor == cam.id && e.begin > since &&
+                   !idleDrops.count({e.sensor, e.frame});
+      }
+      uint64_t have = next.count(cam.id) ? next[cam.id] : 0;
+      if (have != prepared + dropped) {
+        endFindings.push_back(
+            "order stamps: sensor " + std::to_string(cam.id) + "'s next order stamp is " +
+            std::to_string(have) + ", expected " + std::to_string(prepared + dropped) + " (" +
+            std::to_string(prepared) + " prepare(s) and " + std::to_string(dropped) +
+            " drop(s) of a frame in flight" + (since ? " since its last flush)" : ")"));
+      }
+    }
+  }
+
+  // Whether frame `idx` may have left the pool by `t`: each of its sensors had run its
+  // enqueue job, been dropped or been flushed by then.
+  bool mayHaveRetired(size_t idx, Nanos t) const {
+    const FramePlan& p = plan.plans[idx];
+    for (uint32_t s : p.sensors) {
+      bool done = false;
+      for (const auto& j : jobs) {
+        done |= j.kind == JobKind::Enqueue && j.sensor == s && j.frame == p.frame && j.ran &&
+                j.start < t;
+      }
+      for (const auto& e : events) {
+        done |=
+            e.begin < t && e.sensor == s &&
+            ((e.kind == EventKind::Drop && e.frame == p.frame) ||
+             (e.kind == EventKind::Flush && std::count(e.frames.begin(), e.frames.end(), p.frame)));
+      }
+      if (!done) return false;
+    }
+    return true;
+  }
+
+  // An in-flight report with value 0 breaks the frame sync of every frame in the pool that
+  // holds the sensor in its sync list; a frame emplaced before the report and still in the
+  // pool after it must have been among them.
+  void judgeSyncBreaks() {
+    for (const auto& e : events) {
+      if (e.kind != EventKind::InformInflight || e.value != 0) continue;
+      for (size_t i = 0; i < plan.plans.size(); ++i) {
+        const FramePlan& p = plan.plans[i];
+        if (!emplacedAt[i] || emplacedAt[i] > e.begin || !p.syncList.count(e.sensor) ||
+            !std::count(p.sensors.begin(), p.sensors.end(), e.sensor) || mayHaveRetired(i, e.end))
+          continue;
+        const cc::FrameContext& fc = *client.frames[i].fc;
+        std::lock_guard<std::mutex> lock(fc.mutex);
+        if (!fc.syncBroken) {
+          endFindings.push_back("sync break: frame " + std::to_string(p.frame) + " held sensor " +
+                                std::to_string(e.sensor) +
+                                " in frame sync and was in flight throughout its in-flight "
+                                "report (value 0), but its sync is not broken");
+        }
+      }
+    }
+  }
 };
 
 ClientRun::ClientRun(const sim::Scenario& scenario) : mImpl(std::make_unique<Impl>(scenario)) {}
@@ -539,6 +638,7 @@ std::vector<std::function<void()>> ClientRun::begin() {
     r.context = d.context;
     d.licences.push_back(r);
   });
+  d.capture = std::make_unique<host::LogCapture>();
   d.pool = std::make_shared<cc::FrameContextPool>();
   d.deliver = std::make_unique<cc::CamDeliver>(d.pool);
   cc::CamDeliver& cd = *d.deliver;
@@ -577,6 +677,8 @@ sim::History ClientRun::runPlain() {
   return h;
 }
 
+const std::vector<std::string>& ClientRun::endFindings() const { return mImpl->endFindings; }
+
 sim::History ClientRun::end() {
   Impl& d = *mImpl;
   sim::History h;
@@ -588,8 +690,11 @@ sim::History ClientRun::end() {
     std::lock_guard<std::mutex> lock(d.pool->mutex);
     for (const auto& entry : d.pool->pool) h.framesLeftInPool.push_back(entry.first);
   }
+  d.judgeOrderStamps();
+  d.judgeSyncBreaks();
   h.teardownAt = d.tick();
   d.deliver.reset();
+  d.capture.reset();
   h.wallTime = d.tick();
   d.pipeMgr->setObserver([](host::LicenseEvent, uint64_t, int32_t) {});
   host::LicenseAccount account = d.pipeMgr->account();

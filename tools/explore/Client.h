@@ -33,7 +33,13 @@ class ClientRun {
   // Builds a fresh deliverer, pool and pipe-manager state; unmanaged thread, before the run.
   std::vector<std::function<void()>> begin();
   // After a completed run: tears the deliverer down and returns the history to judge.
+  // Before that it compares the deliverer's own state with the client's account of the run
+  // (each sensor's next order stamp; the sync of frames an in-flight report named), which
+  // the history cannot show; what differs is in endFindings() until the next begin().
+  // Needs the logger to write warnings (detail level 2 or more): the library's "FC not
+  // found" and "already finished" warnings say which drops found nothing to drop.
   sim::History end();
+  const std::vector<std::string>& endFindings() const;
   // One run on real threads without the scheduler, for comparison; unmanaged thread only.
   sim::History runPlain();
 

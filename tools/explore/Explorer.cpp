@@ -98,6 +98,7 @@ class ScenarioTarget : public Target {
     sim::CheckResult check = sim::checkHistory(h);
     for (const auto& x : check.violations) findings.push_back(x.rule + ": " + x.message);
     for (const auto& x : sim::clientProtocolNotes(h)) findings.push_back("client: " + x.message);
+    for (const auto& x : mClient.endFindings()) findings.push_back("state: " + x);
     if (h.account.live() != 0) {
       findings.push_back("licence account: " + std::to_string(h.account.acquired) + " acquired, " +
                          std::to_string(h.account.released) + " handed back, " +

@@ -107,9 +107,10 @@ int main(int argc, char** argv) {
                  unsupported.c_str());
     return kExitUsage;
   }
-  // Only fatal lines: the library's warnings would be written once per schedule.
+  // Errors and warnings, no debug lines: each run collects the library's warnings (which
+  // drops found nothing) without writing them, and debug lines would cost every schedule.
   host::LoggerSettings quiet = host::loggerSettings();
-  quiet.detailsLevel = 0;
+  quiet.detailsLevel = 2;
   host::applyLoggerSettings(quiet);
 
   if (!replay.empty()) {
