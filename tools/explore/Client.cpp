@@ -96,23 +96,38 @@ struct ClientRun::Impl {
   // guarded by `plainMutex`: a client thread holds it except inside the library's calls and
   // while it waits; the library's calls back into the client (jobs, the licence observer)
   // take it for their own duration. Under the scheduler these are no-ops.
+  // Under the scheduler they tell it where client code runs, for its state fingerprint.
   struct Outside {
     explicit Outside(Impl& impl) : d(impl) {
-      if (!d.plain) return;
+      if (!d.plain) {
+        Scheduler::clientLeave();
+        return;
+      }
       d.plainCond.notify_all();
       d.plainMutex.unlock();
     }
     ~Outside() {
-      if (d.plain) d.plainMutex.lock();
+      if (!d.plain) {
+        Scheduler::clientEnter();
+        return;
+      }
+      d.plainMutex.lock();
     }
     Impl& d;
   };
   struct Inside {
     explicit Inside(Impl& impl) : d(impl) {
-      if (d.plain) d.plainMutex.lock();
+      if (!d.plain) {
+        Scheduler::clientEnter();
+        return;
+      }
+      d.plainMutex.lock();
     }
     ~Inside() {
-      if (!d.plain) return;
+      if (!d.plain) {
+        Scheduler::clientLeave();
+        return;
+      }
       d.plainCond.notify_all();
       d.plainMutex.unlock();
     }
@@ -623,6 +638,7 @@ std::vector<std::string> ClientRun::threadNames() const {
 std::vector<std::function<void()>> ClientRun::begin() {
   Impl& d = *mImpl;
   d.reset();
+  Scheduler::forgetNames();
   host::setPipeMgrInstance(nullptr);
   d.pipeMgr = host::hostPipeMgr();
   d.pipeMgr->reset();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <random>
+#include <unordered_map>
 
 #include "Checker.h"
 
@@ -188,8 +189,14 @@ Report Explorer::dfs(int bound, uint64_t limit) {
   Report report;
   auto t0 = std::chrono::steady_clock::now();
   bool diverged = false;
+  // States met at a choice point, with the fewest preemptions they were met with: every
+  // schedule from there within the bound has been run (or is being run: a state cannot recur
+  // on its own path, since steps only accumulate). Met again with as many preemptions or
+  // more, the rest of the schedule runs with the default choices and is not branched.
+  std::unordered_map<uint64_t, uint32_t> seen;
   for (;;) {
     size_t depth = 0;
+    bool pruned = false;
     Chooser chooser = [&](const ChoicePoint& p) -> size_t {
       if (depth < stack.size()) {
         Node& n = stack[depth++];
@@ -207,7 +214,24 @@ Report Explorer::dfs(int bound, uint64_t limit) {
         ChoicePoint pp{&prev.options, prev.current, prev.currentEnabled, 0};
         n.before = prev.before + cost(pp, prev.chosen);
       }
-      n.tried[n.chosen] = true;
+      if (mCacheStates && !pruned && p.state) {
+        uint64_t key = p.state ^ (uint64_t(p.current + 1) * 0x9e3779b97f4a7c15ull);
+        uint32_t used = bound >= 0 ? n.before : 0;
+        auto ins = seen.emplace(key, used);
+        if (!ins.second) {
+          if (ins.first->second <= used) {
+            pruned = true;
+            ++report.statesPruned;
+          } else {
+            ins.first->second = used;
+          }
+        }
+      }
+      if (pruned) {
+        n.tried.assign(n.tried.size(), true);
+      } else {
+        n.tried[n.chosen] = true;
+      }
       stack.push_back(std::move(n));
       ++depth;
       return stack.back().chosen;
@@ -253,6 +277,7 @@ Report Explorer::dfs(int bound, uint64_t limit) {
     }
     if (limit && report.schedules >= limit) break;
   }
+  report.states = seen.size();
   report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
   return report;
 }

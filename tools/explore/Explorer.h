@@ -34,6 +34,8 @@ struct Report {
   uint32_t deepestChoices = 0;
   bool hasFailure = false;
   Verdict failure;
+  uint64_t states = 0;        // distinct states met at choice points (depth-first search)
+  uint64_t statesPruned = 0;  // schedules cut short at a state met before
 };
 
 // Encodes/decodes the choice list; `spurious` is part of the string so that a replay runs
@@ -74,6 +76,9 @@ class Explorer {
   // the given one's count, at most `limit` schedules per bound; the given one when none fails.
   Verdict shrink(const Verdict& failing, uint64_t limit);
 
+  // Whether the depth-first search prunes states it has met before (on by default).
+  void setCacheStates(bool on) { mCacheStates = on; }
+
   uint32_t spuriousBudget() const { return mSpurious; }
   const std::vector<std::string>& threadNames() const { return mNames; }
 
@@ -84,6 +89,7 @@ class Explorer {
 
   TargetFactory mFactory;
   uint32_t mSpurious;
+  bool mCacheStates = true;
   std::unique_ptr<Target> mTarget;
   std::vector<std::string> mNames;
 };

@@ -160,6 +160,12 @@ struct Thread {
   const char* what = "";
   void* caller = nullptr;
   std::function<void()> body;
+  // For the fingerprint: steps taken, whether the thread is in client code, and the last
+  // step that touched the client's state.
+  uint32_t steps = 0;
+  bool inClient = true;
+  uint32_t clientStep = UINT32_MAX;
+  uint32_t hostStep = UINT32_MAX;
 };
 
 struct Rw {
@@ -179,11 +185,58 @@ struct Run {
   uint32_t spuriousLeft = 0;
   std::vector<Choice> options_;
   std::atomic<uint32_t> done{0};
+  // The fingerprint: each object's access chain and the sum described in Scheduler.h.
+  std::unordered_map<uint64_t, uint64_t> chains;
+  uint64_t fingerprint = 0;
 };
 
 Run* gRun = nullptr;
 thread_local Thread* tlsThread = nullptr;
 std::unordered_map<const void*, std::string> gNames;
+std::unordered_map<const void*, uint64_t> gIds;  // from the names
+
+// splitmix64's finaliser: a cheap, well-mixed 64-bit hash.
+uint64_t mix(uint64_t x) {
+  x += 0x9e3779b97f4a7c15ull;
+  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+  x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+  return x ^ (x >> 31);
+}
+
+// Ids of the two objects that have no address of their own (top bits set: no object lives
+// there), and of an object by its name, or its address when it has none.
+constexpr uint64_t kClientObject = ~uint64_t(0);
+constexpr uint64_t kHostObject = ~uint64_t(1);
+uint64_t objectId(const void* object) {
+  auto it = gIds.find(object);
+  return it != gIds.end() ? it->second : reinterpret_cast<uintptr_t>(object);
+}
+
+enum class Access : uint8_t { Op, Unlock, Client, Host };
+
+void touch(Run& run, const Thread& t, uint64_t id, Access kind) {
+  uint64_t& chain = run.chains[id];
+  uint64_t before = chain ? mix(id ^ chain) : 0;
+  chain = mix(chain ^ mix((uint64_t(t.id) << 40) ^ (uint64_t(kind) << 32) ^ t.steps));
+  run.fingerprint += mix(id ^ chain) - before;
+}
+
+// A new step of `t` begins.
+void beginStep(Run& run, Thread& t) {
+  run.fingerprint -= mix(0x5eed0000ull + (uint64_t(t.id) << 32) + t.steps);
+  ++t.steps;
+  run.fingerprint += mix(0x5eed0000ull + (uint64_t(t.id) << 32) + t.steps);
+  if (t.inClient) {
+    t.clientStep = t.steps;
+    touch(run, t, kClientObject, Access::Client);
+  }
+}
+
+void touchClient(Run& run, Thread& t) {
+  if (t.clientStep == t.steps) return;
+  t.clientStep = t.steps;
+  touch(run, t, kClientObject, Access::Client);
+}
 
 int ownerOf(Run& run, const void* m) {
   auto it = run.owners.find(m);
@@ -247,6 +300,18 @@ void finish(Run& run, Outcome outcome) {
 bool apply(Run& run, const Choice& c) {
   Thread& t = *run.threads[c.thread];
   ++run.result.stepCount;
+  beginStep(run, t);
+  if (c.spurious || t.state == State::InCond) {
+    touch(run, t, objectId(t.object), Access::Op);
+    touch(run, t, objectId(t.mutex), Access::Op);
+  } else if (t.op == OpKind::Wait) {
+    touch(run, t, objectId(t.object), Access::Op);
+    touch(run, t, objectId(t.mutex), Access::Op);
+  } else if (t.op == OpKind::ClientWait) {
+    touchClient(run, t);
+  } else if (t.object) {
+    touch(run, t, objectId(t.object), Access::Op);
+  }
   if (run.options.recordSteps) {
     run.result.steps.push_back(
         {t.id, t.state == State::InCond ? OpKind::Wait : t.op, c.spurious, t.object, t.caller});
@@ -338,7 +403,8 @@ int pick(Run& run) {
     size_t index = 0;
     if (opts.size() > 1) {
       ++run.result.choicePoints;
-      index = (*run.chooser)({&opts, run.current, currentEnabled, run.result.stepCount});
+      uint64_t state = run.fingerprint + mix(0x59u + run.spuriousLeft);
+      index = (*run.chooser)({&opts, run.current, currentEnabled, run.result.stepCount, state});
       if (index >= opts.size()) index = 0;
     }
     Choice c = opts[index];
@@ -480,8 +546,28 @@ void Scheduler::waitUntil(const std::function<bool()>& ready, const char* what) 
 
 bool Scheduler::managed() { return tlsThread != nullptr; }
 
+void Scheduler::clientEnter() {
+  if (Thread* t = tlsThread) {
+    t->inClient = true;
+    touchClient(*gRun, *t);
+  }
+}
+
+void Scheduler::clientLeave() {
+  if (Thread* t = tlsThread) {
+    touchClient(*gRun, *t);
+    t->inClient = false;
+  }
+}
+
 void Scheduler::nameObject(const void* object, std::string name) {
+  gIds[object] = std::hash<std::string>()(name) | (uint64_t(1) << 63);
   gNames[object] = std::move(name);
+}
+
+void Scheduler::forgetNames() {
+  gNames.clear();
+  gIds.clear();
 }
 
 std::string Scheduler::objectName(const void* object) {
@@ -581,9 +667,18 @@ namespace ex = orvcam::explore;
 
 namespace {
 
+// A managed thread's call from managed code; a managed thread's call from a host library is
+// a touch of the host object (the call goes to glibc).
 ex::Thread* managedCaller(void* caller) {
   ex::Thread* t = ex::tlsThread;
-  if (!t || ex::fromUnmanagedLibrary(caller)) return nullptr;
+  if (!t) return nullptr;
+  if (ex::fromUnmanagedLibrary(caller)) {
+    if (t->hostStep != t->steps && ex::gRun) {
+      t->hostStep = t->steps;
+      ex::touch(*ex::gRun, *t, ex::kHostObject, ex::Access::Host);
+    }
+    return nullptr;
+  }
   return t;
 }
 
@@ -625,7 +720,10 @@ int pthread_mutex_unlock(pthread_mutex_t* m) {
   if (ex::Thread* t = ex::tlsThread) {
     auto it = ex::gRun->owners.find(m);
     if (it != ex::gRun->owners.end()) {
-      if (it->second == t->id) ex::gRun->owners.erase(it);
+      if (it->second == t->id) {
+        ex::gRun->owners.erase(it);
+        ex::touch(*ex::gRun, *t, ex::objectId(m), ex::Access::Unlock);
+      }
       return 0;
     }
   }
@@ -718,6 +816,7 @@ int pthread_rwlock_unlock(pthread_rwlock_t* l) {
     } else if (rw.readers > 0) {
       --rw.readers;
     }
+    ex::touch(*ex::gRun, *t, ex::objectId(l), ex::Access::Unlock);
     return 0;
   }
   REAL(pthread_rwlock_unlock)(l);

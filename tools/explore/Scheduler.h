@@ -29,6 +29,21 @@
 //   client wait. An unlock is not one: whoever it lets go was blocked until then, so a
 //   preemption just before the unlock gives the same orders as one after it.
 // - std::mutex types only (no recursive or error-checking semantics).
+//
+// State fingerprint. Two runs whose steps touched the same objects in the same order per
+// object (each access known by its thread and that thread's step number) reached the same
+// state: steps that share no object commute, and each thread is a deterministic program of
+// what it read. Each step's footprint is the object of its operation (a wait's condition and
+// mutex), the mutexes it unlocks, one object for all host-platform locks (taken inside host
+// calls, which are atomic steps), and one object for the client's own state, touched by any
+// step during which the thread ran client code (the client says when it enters and leaves the
+// library: clientEnter/clientLeave). Each object keeps a hash of its access chain; the
+// fingerprint is the sum over objects plus each thread's step count. Objects are known by the
+// name given with nameObject, else by address. What it cannot see: memory shared outside
+// these objects without synchronisation (the library has none; ThreadSanitizer checks) and
+// behaviour that depends on pointer values. Equal 64-bit fingerprints of different states
+// (a hash collision) would prune a state wrongly; at a few million states per search the
+// chance is below 10^-6.
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -65,6 +80,10 @@ struct ChoicePoint {
   int current;  // the thread that ran last, or -1
   bool currentEnabled;
   uint64_t step;
+  // The happens-before fingerprint of the run so far (see StateFingerprint below) with the
+  // spurious wake-ups left: equal values mean the same state, whatever the interleaving that
+  // reached it. 0 where no fingerprint is kept.
+  uint64_t state = 0;
 };
 
 // Returns the index into options.
@@ -120,8 +139,15 @@ class Scheduler {
   static void waitUntil(const std::function<bool()>& ready, const char* what);
   // Whether the calling thread is managed by a running schedule.
   static bool managed();
-  // Names an object for the readable output; cleared at the start of each run.
+  // Called by the client when its thread enters the library (clientLeave) and comes back,
+  // and around the library's calls into the client (clientEnter, then clientLeave): each step
+  // that runs client code touches the client's state. No-ops on unmanaged threads.
+  static void clientEnter();
+  static void clientLeave();
+  // Names an object for the readable output and the state fingerprint. Names stay until
+  // forgetNames(), which a target calls before naming the objects of a new run.
   static void nameObject(const void* object, std::string name);
+  static void forgetNames();
   static std::string objectName(const void* object);
   // Called from the fatal-assertion hook on a managed thread: records the message and parks
   // the thread for good. Never returns.

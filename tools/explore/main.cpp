@@ -26,6 +26,11 @@ void printSummary(const explore::Report& r, const std::string& what, bool search
                             : "not exhausted",
               r.seconds, r.seconds > 0 ? double(r.schedules) / r.seconds : 0.0,
               static_cast<unsigned long long>(r.deepestSteps), r.deepestChoices);
+  if (search && r.states) {
+    std::printf("states: %llu distinct, %llu schedules cut short at a state met before\n",
+                static_cast<unsigned long long>(r.states),
+                static_cast<unsigned long long>(r.statesPruned));
+  }
 }
 
 int reportFailure(explore::Explorer& ex, explore::Verdict v, bool shrink,
@@ -74,6 +79,7 @@ int main(int argc, char** argv) {
   std::string replay;
   std::string tracePath;
   bool noShrink = false;
+  bool noStateCache = false;
   app.add_option("scenario", scenarioPath, "Scenario JSON file")->required();
   app.add_option("--preemptions", preemptions, "Depth-first search with at most K preemptions")
       ->check(CLI::Range(0, 1000));
@@ -88,6 +94,8 @@ int main(int argc, char** argv) {
   app.add_option("--replay", replay, "Run the schedule of a replay string");
   app.add_option("--trace", tracePath, "Write a failing schedule as a Chrome JSON trace");
   app.add_flag("--no-shrink", noShrink, "Report a failing schedule as found");
+  app.add_flag("--no-state-cache", noStateCache,
+               "Run every schedule of the search, also from states met before");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -131,6 +139,7 @@ int main(int argc, char** argv) {
   }
 
   explore::Explorer ex(explore::scenarioTarget(scenario), spurious);
+  ex.setCacheStates(!noStateCache);
   explore::Report report;
   std::string what;
   if (randomCount > 0) {
