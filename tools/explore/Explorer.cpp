@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <random>
-#include <unordered_map>
 
 #include "Checker.h"
 
@@ -35,6 +34,65 @@ uint32_t cost(const ChoicePoint& p, size_t index) {
   const Choice& c = (*p.options)[index];
   return p.currentEnabled && (c.spurious || int(c.thread) != p.current) ? 1 : 0;
 }
+
+// The states a search has met, with the fewest preemptions each was met with: open
+// addressing over 64-bit fingerprints (9 bytes a slot, at most three quarters full), since a
+// bound-2 search meets millions. It stops taking new states at kMaxSlots slots (about 300 MB);
+// states already in it still prune.
+class StateTable {
+ public:
+  static constexpr size_t kMaxSlots = size_t(1) << 25;
+  // Whether `key` was met with at most `used` preemptions; records it (or the lower count)
+  // otherwise.
+  bool metBefore(uint64_t key, uint32_t used) {
+    if (key == 0) key = 1;  // 0 marks an empty slot
+    uint8_t u = uint8_t(std::min<uint32_t>(used, 255));
+    if (mKeys.empty()) resize(size_t(1) << 16);
+    size_t mask = mKeys.size() - 1;
+    for (size_t i = key & mask;; i = (i + 1) & mask) {
+      if (mKeys[i] == key) {
+        if (mUsed[i] <= u) return true;
+        mUsed[i] = u;
+        return false;
+      }
+      if (mKeys[i] == 0) {
+        if ((mCount + 1) * 4 > mKeys.size() * 3) {
+          if (mKeys.size() >= kMaxSlots) {
+            mFull = true;
+            return false;
+          }
+          resize(mKeys.size() * 2);
+          return metBefore(key, used);
+        }
+        mKeys[i] = key;
+        mUsed[i] = u;
+        ++mCount;
+        return false;
+      }
+    }
+  }
+  size_t size() const { return mCount; }
+  bool full() const { return mFull; }
+
+ private:
+  void resize(size_t slots) {
+    std::vector<uint64_t> keys(slots, 0);
+    std::vector<uint8_t> used(slots, 0);
+    for (size_t j = 0; j < mKeys.size(); ++j) {
+      if (!mKeys[j]) continue;
+      size_t i = mKeys[j] & (slots - 1);
+      while (keys[i]) i = (i + 1) & (slots - 1);
+      keys[i] = mKeys[j];
+      used[i] = mUsed[j];
+    }
+    mKeys.swap(keys);
+    mUsed.swap(used);
+  }
+  std::vector<uint64_t> mKeys;
+  std::vector<uint8_t> mUsed;
+  size_t mCount = 0;
+  bool mFull = false;
+};
 
 }  // namespace
 
@@ -193,7 +251,7 @@ Report Explorer::dfs(int bound, uint64_t limit) {
   // schedule from there within the bound has been run (or is being run: a state cannot recur
   // on its own path, since steps only accumulate). Met again with as many preemptions or
   // more, the rest of the schedule runs with the default choices and is not branched.
-  std::unordered_map<uint64_t, uint32_t> seen;
+  StateTable seen;
   for (;;) {
     size_t depth = 0;
     bool pruned = false;
@@ -216,15 +274,9 @@ Report Explorer::dfs(int bound, uint64_t limit) {
       }
       if (mCacheStates && !pruned && p.state) {
         uint64_t key = p.state ^ (uint64_t(p.current + 1) * 0x9e3779b97f4a7c15ull);
-        uint32_t used = bound >= 0 ? n.before : 0;
-        auto ins = seen.emplace(key, used);
-        if (!ins.second) {
-          if (ins.first->second <= used) {
-            pruned = true;
-            ++report.statesPruned;
-          } else {
-            ins.first->second = used;
-          }
+        if (seen.metBefore(key, bound >= 0 ? n.before : 0)) {
+          pruned = true;
+          ++report.statesPruned;
         }
       }
       if (pruned) {
@@ -278,6 +330,7 @@ Report Explorer::dfs(int bound, uint64_t limit) {
     if (limit && report.schedules >= limit) break;
   }
   report.states = seen.size();
+  report.stateTableFull = seen.full();
   report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
   return report;
 }

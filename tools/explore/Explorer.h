@@ -36,6 +36,7 @@ struct Report {
   Verdict failure;
   uint64_t states = 0;        // distinct states met at choice points (depth-first search)
   uint64_t statesPruned = 0;  // schedules cut short at a state met before
+  bool stateTableFull = false;  // later states were not remembered
 };
 
 // Encodes/decodes the choice list; `spurious` is part of the string so that a replay runs

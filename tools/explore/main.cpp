@@ -27,8 +27,9 @@ void printSummary(const explore::Report& r, const std::string& what, bool search
               r.seconds, r.seconds > 0 ? double(r.schedules) / r.seconds : 0.0,
               static_cast<unsigned long long>(r.deepestSteps), r.deepestChoices);
   if (search && r.states) {
-    std::printf("states: %llu distinct, %llu schedules cut short at a state met before\n",
+    std::printf("states: %llu distinct%s, %llu schedules cut short at a state met before\n",
                 static_cast<unsigned long long>(r.states),
+                r.stateTableFull ? " (table full: later ones not remembered)" : "",
                 static_cast<unsigned long long>(r.statesPruned));
   }
 }
