@@ -34,8 +34,8 @@ struct Report {
   uint32_t deepestChoices = 0;
   bool hasFailure = false;
   Verdict failure;
-  uint64_t states = 0;        // distinct states met at choice points (depth-first search)
-  uint64_t statesPruned = 0;  // schedules cut short at a state met before
+  uint64_t states = 0;          // distinct states met at choice points (depth-first search)
+  uint64_t statesPruned = 0;    // schedules cut short at a state met before
   bool stateTableFull = false;  // later states were not remembered
 };
 
