@@ -16,6 +16,7 @@
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
 #include "Scenario.h"
+#include "StateTable.h"
 
 namespace orvcam {
 namespace explore {
@@ -288,6 +289,40 @@ TEST(ExploreToy, TheStateCacheReachesEveryOutcomeWithFewerSchedules) {
       EXPECT_EQ(all.size(), 90u);  // every order of a, a, b, b, c, c
     }
   }
+}
+
+TEST(ExploreStateTable, RemembersTheFewestPreemptionsAndKeepsStatesAcrossGrowth) {
+  StateTable t;
+  EXPECT_FALSE(t.metBefore(42, 2));
+  EXPECT_TRUE(t.metBefore(42, 2));
+  EXPECT_TRUE(t.metBefore(42, 3));
+  EXPECT_FALSE(t.metBefore(42, 1));  // fewer preemptions: more of the bound left, search again
+  EXPECT_TRUE(t.metBefore(42, 1));
+  EXPECT_FALSE(t.metBefore(0, 0));  // the empty-slot marker is a state like any other
+  EXPECT_TRUE(t.metBefore(0, 0));
+
+  // Spread keys and a cluster that shares its low bits (one long probe run), across growth.
+  std::vector<uint64_t> keys;
+  for (uint64_t i = 1; i <= 100000; ++i) keys.push_back(i * 0x9e3779b97f4a7c15ull);
+  for (uint64_t i = 1; i <= 1000; ++i) keys.push_back(i << 32);
+  for (uint64_t k : keys) EXPECT_FALSE(t.metBefore(k, 0)) << k;
+  EXPECT_GT(t.slots(), size_t(1) << 17);
+  size_t remembered = 0;
+  for (uint64_t k : keys) remembered += t.metBefore(k, 0);
+  EXPECT_EQ(remembered, keys.size());
+  EXPECT_EQ(t.size(), keys.size() + 2);
+  EXPECT_FALSE(t.full());
+}
+
+TEST(ExploreStateTable, AFullTableForgetsNewStatesButStillAnswersForOldOnes) {
+  StateTable t(1024);
+  for (uint64_t i = 1; i <= 768; ++i) ASSERT_FALSE(t.metBefore(i * 7919, 0));
+  EXPECT_FALSE(t.full());
+  EXPECT_FALSE(t.metBefore(1, 0));
+  EXPECT_TRUE(t.full());
+  EXPECT_FALSE(t.metBefore(1, 0));  // not remembered: searched again
+  EXPECT_EQ(t.slots(), 1024u);
+  for (uint64_t i = 1; i <= 768; ++i) EXPECT_TRUE(t.metBefore(i * 7919, 0)) << i;
 }
 
 TEST(ExploreToy, RandomAndPctSchedulesFindTheRaceWithAFixedSeed) {

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "Checker.h"
+#include "StateTable.h"
 
 namespace orvcam {
 namespace explore {
@@ -34,65 +35,6 @@ uint32_t cost(const ChoicePoint& p, size_t index) {
   const Choice& c = (*p.options)[index];
   return p.currentEnabled && (c.spurious || int(c.thread) != p.current) ? 1 : 0;
 }
-
-// The states a search has met, with the fewest preemptions each was met with: open
-// addressing over 64-bit fingerprints (9 bytes a slot, at most three quarters full), since a
-// bound-2 search meets millions. It stops taking new states at kMaxSlots slots (about 300 MB);
-// states already in it still prune.
-class StateTable {
- public:
-  static constexpr size_t kMaxSlots = size_t(1) << 25;
-  // Whether `key` was met with at most `used` preemptions; records it (or the lower count)
-  // otherwise.
-  bool metBefore(uint64_t key, uint32_t used) {
-    if (key == 0) key = 1;  // 0 marks an empty slot
-    uint8_t u = uint8_t(std::min<uint32_t>(used, 255));
-    if (mKeys.empty()) resize(size_t(1) << 16);
-    size_t mask = mKeys.size() - 1;
-    for (size_t i = key & mask;; i = (i + 1) & mask) {
-      if (mKeys[i] == key) {
-        if (mUsed[i] <= u) return true;
-        mUsed[i] = u;
-        return false;
-      }
-      if (mKeys[i] == 0) {
-        if ((mCount + 1) * 4 > mKeys.size() * 3) {
-          if (mKeys.size() >= kMaxSlots) {
-            mFull = true;
-            return false;
-          }
-          resize(mKeys.size() * 2);
-          return metBefore(key, used);
-        }
-        mKeys[i] = key;
-        mUsed[i] = u;
-        ++mCount;
-        return false;
-      }
-    }
-  }
-  size_t size() const { return mCount; }
-  bool full() const { return mFull; }
-
- private:
-  void resize(size_t slots) {
-    std::vector<uint64_t> keys(slots, 0);
-    std::vector<uint8_t> used(slots, 0);
-    for (size_t j = 0; j < mKeys.size(); ++j) {
-      if (!mKeys[j]) continue;
-      size_t i = mKeys[j] & (slots - 1);
-      while (keys[i]) i = (i + 1) & (slots - 1);
-      keys[i] = mKeys[j];
-      used[i] = mUsed[j];
-    }
-    mKeys.swap(keys);
-    mUsed.swap(used);
-  }
-  std::vector<uint64_t> mKeys;
-  std::vector<uint8_t> mUsed;
-  size_t mCount = 0;
-  bool mFull = false;
-};
 
 }  // namespace
 
