@@ -301,10 +301,8 @@ bool apply(Run& run, const Choice& c) {
   Thread& t = *run.threads[c.thread];
   ++run.result.stepCount;
   beginStep(run, t);
-  if (c.spurious || t.state == State::InCond) {
-    touch(run, t, objectId(t.object), Access::Op);
-    touch(run, t, objectId(t.mutex), Access::Op);
-  } else if (t.op == OpKind::Wait) {
+  if (c.spurious || t.state == State::InCond || t.op == OpKind::Wait) {
+    // A wait, or a wake-up from one: the condition and its mutex.
     touch(run, t, objectId(t.object), Access::Op);
     touch(run, t, objectId(t.mutex), Access::Op);
   } else if (t.op == OpKind::ClientWait) {
