@@ -23,6 +23,11 @@ struct CheckResult {
   // Places where the client's own call order broke a precondition of the library, so that the
   // guarantee concerned did not apply (rule "client"); not violations of the library.
   std::vector<Violation> notes;
+  // Breaches of the sync and raw-switch rules whose two events carry the same time stamp of a
+  // source that stamps more coarsely than it orders (History::stampTick): only the line order
+  // of a log puts them so. Not violations: a log merged or sorted by its stamps keeps no order
+  // within a stamp.
+  std::vector<Violation> sameStamp;
   // Rules not checked because the history's source cannot support them, with the reason.
   std::map<std::string, std::string> skipped;
   size_t jobsChecked = 0;

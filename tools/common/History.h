@@ -133,6 +133,11 @@ struct History {
   // Frame numbers the pool still held when every thread had finished.
   std::vector<uint32_t> framesLeftInPool;
   Nanos wallTime = 0;
+  // The resolution of the source's time stamps when they are coarser than its order of events
+  // (a log's millisecond stamps: lines within one are ordered only by their place in the file);
+  // 0 when every time is exact. Times are counted from a stamp, so that two events share one
+  // exactly when their times share the quotient by it.
+  Nanos stampTick = 0;
   // Rules the source of this history cannot support, with the reason (a history rebuilt from
   // a log has no licence identities); the checker skips exactly these and says so.
   std::map<std::string, std::string> unsupportedRules;

@@ -110,6 +110,7 @@ void fromJson(const json& root, History* h) {
   h->sensors = numbers<uint32_t>(root, "", "sensors");
   h->wallTime = number<Nanos>(root, "", "wallTimeNs", 0, false);
   h->teardownAt = number<Nanos>(root, "", "teardownAtNs", 0, false);
+  h->stampTick = number<Nanos>(root, "", "stampTickNs", 0, false);
   h->framesLeftInPool = numbers<uint32_t>(root, "", "framesLeftInPool");
   if (root.contains("unsupportedRules")) {
     const json& u = root["unsupportedRules"];

@@ -17,8 +17,15 @@ using namespace text;
 
 namespace {
 
+// The tick of a stamp with `digits` decimals: 1 ms for "fff", 1 us for "ffffff".
+int64_t tickOf(size_t digits) {
+  int64_t tick = 1;
+  for (size_t i = digits; i < 9; ++i) tick *= 10;
+  return tick;
+}
+
 // "[YYYY-]MM-DD HH:MM:SS.fff[fff[fff]]" -> nanoseconds from the start of a (leap) year.
-bool readClockTime(std::string_view s, size_t* pos, int64_t* ns) {
+bool readClockTime(std::string_view s, size_t* pos, int64_t* ns, int64_t* tick) {
   static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
   size_t p = *pos;
   int64_t a = 0, month = 0, day = 0, h = 0, m = 0, sec = 0;
@@ -38,7 +45,8 @@ bool readClockTime(std::string_view s, size_t* pos, int64_t* ns) {
   if (!readNumber(s, &p, &frac)) return false;
   size_t digits = p - fracStart;
   if (month < 1 || month > 12 || day < 1 || day > 31 || digits > 9) return false;
-  for (size_t i = digits; i < 9; ++i) frac *= 10;
+  *tick = tickOf(digits);
+  frac *= *tick;
   int64_t days = kDaysBefore[month - 1] + day - 1;
   *ns = ((days * 24 + h) * 60 + m) * 60 + sec;
   *ns = *ns * 1000000000LL + frac;
@@ -47,7 +55,7 @@ bool readClockTime(std::string_view s, size_t* pos, int64_t* ns) {
 }
 
 // "SSSSSSSSSS.fff[fff[fff]] " (epoch) or "  SSSS.fff " (monotonic) -> nanoseconds.
-bool readSeconds(std::string_view s, size_t* pos, int64_t* ns) {
+bool readSeconds(std::string_view s, size_t* pos, int64_t* ns, int64_t* tick) {
   size_t p = *pos;
   int64_t sec = 0, frac = 0;
   if (!readNumber(s, &p, &sec) || !expect(s, &p, '.')) return false;
@@ -55,7 +63,8 @@ bool readSeconds(std::string_view s, size_t* pos, int64_t* ns) {
   if (!readNumber(s, &p, &frac) || p >= s.size() || s[p] != ' ') return false;
   size_t digits = p - fracStart;
   if (digits > 9) return false;
-  for (size_t i = digits; i < 9; ++i) frac *= 10;
+  *tick = tickOf(digits);
+  frac *= *tick;
   *ns = sec * 1000000000LL + frac;
   *pos = p;
   return true;
@@ -72,10 +81,10 @@ void skipZone(std::string_view s, size_t* pos) {
   }
 }
 
-bool readTimePrefix(std::string_view s, size_t* pos, int64_t* ns) {
+bool readTimePrefix(std::string_view s, size_t* pos, int64_t* ns, int64_t* tick) {
   size_t p = *pos;
   skipSpaces(s, &p);
-  if (!readClockTime(s, &p, ns) && !readSeconds(s, &p, ns)) return false;
+  if (!readClockTime(s, &p, ns, tick) && !readSeconds(s, &p, ns, tick)) return false;
   skipZone(s, &p);
   *pos = p;
   return true;
@@ -220,10 +229,11 @@ bool parseLogLine(std::string_view s, LogLine* out) {
   *out = LogLine();
   while (!s.empty() && s.back() == '\r') s.remove_suffix(1);
   size_t p = 0;
-  int64_t ns = 0;
-  if (readTimePrefix(s, &p, &ns)) {
+  int64_t ns = 0, tick = 0;
+  if (readTimePrefix(s, &p, &ns, &tick)) {
     out->hasTime = true;
     out->timeNs = ns;
+    out->tickNs = tick;
   }
   skipSpaces(s, &p);
   if (readSlashed(s, p, out) || readParenthesised(s, p, out)) {
@@ -246,10 +256,11 @@ bool parseLongHeader(std::string_view s, LogLine* out) {
   if (!startsWith(s, "[ ") || s.size() < 4 || s.substr(s.size() - 2) != " ]") return false;
   std::string_view inner = trimRight(s.substr(2, s.size() - 4));
   size_t p = 0;
-  int64_t ns = 0;
-  if (readTimePrefix(inner, &p, &ns)) {
+  int64_t ns = 0, tick = 0;
+  if (readTimePrefix(inner, &p, &ns, &tick)) {
     out->hasTime = true;
     out->timeNs = ns;
+    out->tickNs = tick;
   }
   // "pid: tid L/tag", the level and tag after the last " L/".
   size_t slash = std::string_view::npos;

@@ -138,6 +138,7 @@ void LogReader::addLine(std::string_view raw) {
     ++parsed_;
     if (firstLayout_ == Layout::Unknown) firstLayout_ = line.layout;
   }
+  compareWithPrevious(raw, line);
   if (line.level == '?') {
     // Raw lines have no level: fatal and warning texts are known by their words.
     line.level = isFatalText(line.text) ? 'E' : isWarningText(line.text) ? 'W' : 'D';
@@ -147,6 +148,17 @@ void LogReader::addLine(std::string_view raw) {
     return;
   }
   processLine(raw, line, line.hasTime ? clock_.place(line.timeNs, total_) : -1);
+}
+
+void LogReader::compareWithPrevious(std::string_view raw, const LogLine& line) {
+  if (!line.hasTime || line.layout == Layout::Long) return;
+  if (line.timeNs == previousStamp_) {
+    int order = raw.compare(previousLine_);
+    if (order > 0) ++sameStampAscending_;
+    if (order < 0) ++sameStampDescending_;
+  }
+  previousStamp_ = line.timeNs;
+  previousLine_.assign(raw);
 }
 
 void LogReader::processLine(std::string_view raw, LogLine& line, int64_t fileAt) {
@@ -618,6 +630,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   // Time: from the first line of the run; lines within one clock tick keep their order.
   Nanos at;
   if (fileAt >= 0) {
+    r.stampTick = std::max<Nanos>(r.stampTick, line.tickNs);
     if (c.baseNs < 0) c.baseNs = fileAt;
     at = fileAt - c.baseNs;
   } else {
@@ -859,6 +872,7 @@ sim::History historyOf(const Run& r, const std::vector<uint32_t>& frames,
   }
   h.events = held.events;
   h.wallTime = r.endAt;
+  h.stampTick = r.stampTick;
   h.unsupportedRules["licence"] =
       "rebuilt from a log: the log has no licence identities, only the FDs jobs were given";
   h.unsupportedRules["pool"] =
@@ -944,6 +958,7 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
     sim::CheckResult& all = r.settledCheck;
     for (sim::Violation& v : res.violations) all.violations.push_back(std::move(v));
     for (sim::Violation& v : res.notes) all.notes.push_back(std::move(v));
+    for (sim::Violation& v : res.sameStamp) all.sameStamp.push_back(std::move(v));
     all.skipped.insert(res.skipped.begin(), res.skipped.end());
     all.jobsChecked += res.jobsChecked;
   }

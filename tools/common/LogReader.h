@@ -36,6 +36,7 @@ struct LogLine {
   int tid = -1;  // -1 when the layout has none
   bool hasTime = false;
   int64_t timeNs = 0;  // from the start of the year; ordering only
+  int64_t tickNs = 0;  // the stamp's resolution: 1000000 for milliseconds
   char level = '?';    // V D I W E F; '?' when the layout has none (raw)
   std::string_view tag;
   std::string_view text;
@@ -156,6 +157,10 @@ struct Run {
   uint64_t lateLines = 0;
   Layout layout = Layout::Unknown;
   bool hasTime = true;
+  // The coarsest resolution of the session's time stamps (1 ms in threadtime); 0 without times.
+  // Two lines of different threads within one tick are ordered by nothing but their place in
+  // the file.
+  Nanos stampTick = 0;
   bool hasTid = true;
   bool hasLevel = true;
   uint64_t lines = 0;         // the library's lines of this process
@@ -264,6 +269,16 @@ class LogReader {
   const LogClock& clock() const { return clock_; }
   // The layout of the first line that was read as a log line (Unknown: none was).
   Layout firstLayout() const { return firstLayout_; }
+  // Neighbouring lines with one time stamp, by how their texts compare. A capture puts such
+  // lines in the order they were written, which their texts follow in neither direction; a
+  // file sorted line by line (`sort merged.txt`) has them all in text order, and the order of
+  // events within a stamp, that the checks rest on, is lost.
+  uint64_t sameStampAscending() const { return sameStampAscending_; }
+  uint64_t sameStampDescending() const { return sameStampDescending_; }
+  static constexpr uint64_t kSortedEvidence = 64;
+  bool sortedLineByLine() const {
+    return sameStampDescending_ == 0 && sameStampAscending_ >= kSortedEvidence;
+  }
 
  private:
   // A thread's last lines, oldest first from `next - count`: what a fatal assertion shows
@@ -311,6 +326,10 @@ class LogReader {
   std::string pendingHeader_;  // a long layout's header, waiting for its message line
   std::string currentHeader_;  // the header of the message line being read
   std::string colourFree_;     // the line with its colour escapes taken out
+  std::string previousLine_;   // the last line read with a time stamp, and its stamp
+  int64_t previousStamp_ = -1;
+  uint64_t sameStampAscending_ = 0, sameStampDescending_ = 0;
+  void compareWithPrevious(std::string_view raw, const LogLine& line);
 };
 
 // What finish() left in the run's history that no listener was told of: the history without

@@ -181,6 +181,19 @@ void printReport(std::ostream& out, const History& h, const CheckResult& check,
     }
     out << "\n";
   }
+  if (!check.sameStamp.empty()) {
+    out << "not counted (" << check.sameStamp.size()
+        << "): ordered only by line within one time stamp of the source\n";
+    size_t shown = 0;
+    for (const auto& v : check.sameStamp) {
+      if (shown++ == maxViolations) {
+        out << "  ... and " << check.sameStamp.size() - maxViolations << " more\n";
+        break;
+      }
+      out << "  [" << v.rule << "] " << v.message << "\n";
+    }
+    out << "\n";
+  }
   for (const auto& skipped : check.skipped) {
     out << "not checked: " << skipped.first << " (" << skipped.second << ")\n";
   }
@@ -269,6 +282,7 @@ std::string historyHead(const History& h) {
   root["sensors"] = h.sensors;
   root["wallTimeNs"] = h.wallTime;
   root["teardownAtNs"] = h.teardownAt;
+  if (h.stampTick > 0) root["stampTickNs"] = h.stampTick;
   root["framesLeftInPool"] = h.framesLeftInPool;
   if (!h.unsupportedRules.empty()) root["unsupportedRules"] = h.unsupportedRules;
   root["account"] = {{"acquired", h.account.acquired},

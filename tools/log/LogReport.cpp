@@ -141,6 +141,30 @@ Nanos derivedStallNs(const Run& r) {
                                                          r.jobTimes.percentile(0.99)));
 }
 
+// Sync and raw-switch breaches that rest only on the order of two lines with one time stamp.
+// logd keeps the lines in the order their stamps were taken, and the deliverer writes the line
+// that lets a waiting sensor go before it wakes it, so in a capture as it came off the device
+// the order holds; a file merged or sorted by its stamps has lost it. Named, not failed.
+Finding sameStampWarning(const Run& r, const sim::CheckResult& check) {
+  std::string text = std::to_string(check.sameStamp.size()) +
+                     " sync or raw-switch breach(es) that rest only on the order of two lines of "
+                     "different threads with the same time stamp (stamped to " +
+                     ms(r.stampTick) +
+                     ")\n    needs attention: in a capture as it came off the "
+                     "device the line order holds and these are violations; in a file merged "
+                     "or sorted by its time stamps it does not (adb logcat -v usec separates "
+                     "them)";
+  size_t shown = 0;
+  for (const sim::Violation& v : check.sameStamp) {
+    if (shown++ == 3) {
+      text += "\n    ... and " + std::to_string(check.sameStamp.size() - 3) + " more";
+      break;
+    }
+    text += "\n    [" + v.rule + "] " + v.message;
+  }
+  return {"same-stamp", text};
+}
+
 Analysis analyse(const Run& r, const AnalysisOptions& options) {
   Analysis a;
   a.debugMissing = r.debugLines == 0;
@@ -196,12 +220,14 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
     a.check.violations.insert(a.check.violations.end(), last.violations.begin(),
                               last.violations.end());
     a.check.notes.insert(a.check.notes.end(), last.notes.begin(), last.notes.end());
+    a.check.sameStamp.insert(a.check.sameStamp.end(), last.sameStamp.begin(), last.sameStamp.end());
     a.check.skipped.insert(last.skipped.begin(), last.skipped.end());
     a.check.jobsChecked += last.jobsChecked;
     auto byTime = [](const sim::Violation& x, const sim::Violation& y) { return x.at < y.at; };
     std::stable_sort(a.check.violations.begin(), a.check.violations.end(), byTime);
     std::stable_sort(a.check.notes.begin(), a.check.notes.end(), byTime);
     for (const sim::Violation& v : a.check.violations) a.findings.push_back({v.rule, v.message});
+    if (!a.check.sameStamp.empty()) a.warnings.push_back(sameStampWarning(r, a.check));
   }
 
   a.notCheckable.push_back(

@@ -167,6 +167,15 @@ int main(int argc, char** argv) {
     }
     return kExitBadInput;
   }
+  if (reader.sortedLineByLine()) {
+    std::cerr << "camdeliver-log: " << inputName << ": sorted line by line: all "
+              << reader.sameStampAscending()
+              << " pairs of neighbouring lines with one time stamp are in text order, which a "
+                 "capture never puts them in. The order of events within a time stamp, which "
+                 "the checks rest on, is lost; read the capture as it came, or merge captures "
+                 "with a stable sort on the time stamp only (sort -s -k1,2)\n";
+    return kExitBadInput;
+  }
   if (reader.binary()) {
     std::cout << reader.binaryLines() << " line(s) held control bytes and were skipped (the first "
               << "is line " << reader.firstBinaryLine() << "): not logcat text\n";
