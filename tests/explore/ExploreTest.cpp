@@ -291,6 +291,83 @@ TEST(ExploreToy, TheStateCacheReachesEveryOutcomeWithFewerSchedules) {
   }
 }
 
+// Client code that gives its state to the fingerprint by value (with `byValue`) or is one
+// object every client step touches. Each thread tallies twice in client code (steps that
+// commute: the tallies end the same in any order), then races for a board (the first to look
+// takes it), then writes its letter under a lock, upper case if it took the board.
+class Board : public Target {
+ public:
+  Board(bool byValue, std::set<std::string>* outcomes) : mByValue(byValue), mOutcomes(outcomes) {}
+  ~Board() override { Scheduler::setClientDigest(nullptr); }
+  std::vector<std::string> threadNames() const override { return {"a", "b", "c"}; }
+  std::vector<std::function<void()>> begin() override {
+    mLog.clear();
+    mBoard = -1;
+    for (int& t : mTally) t = 0;
+    Scheduler::setClientDigest(nullptr);
+    if (mByValue) {
+      Scheduler::setClientDigest([this] {
+        return uint64_t(mBoard + 1) << 12 | uint64_t(mTally[0]) << 8 | uint64_t(mTally[1]) << 4 |
+               uint64_t(mTally[2]);
+      });
+    }
+    std::vector<std::function<void()>> bodies;
+    for (int i = 0; i < 3; ++i) {
+      bodies.push_back([this, i] {
+        for (int k = 0; k < 2; ++k) {
+          ++mTally[i];
+          Scheduler::clientLeave();
+          { std::lock_guard<std::mutex> own(mOwn[i]); }
+          Scheduler::clientEnter();
+        }
+        bool took = mBoard < 0;
+        if (took) mBoard = i;
+        if (mByValue) Scheduler::clientCall(took);
+        Scheduler::clientLeave();
+        std::lock_guard<std::mutex> lock(mLogMutex);
+        mLog += char((took ? 'A' : 'a') + i);
+      });
+    }
+    return bodies;
+  }
+  std::vector<std::string> judgeCompleted() override {
+    mOutcomes->insert(mLog);
+    return {};
+  }
+
+ private:
+  bool mByValue;
+  std::set<std::string>* mOutcomes;
+  std::mutex mOwn[3], mLogMutex;
+  int mTally[3] = {};
+  int mBoard = -1;
+  std::string mLog;
+};
+
+// With the client's state by value, client steps that commute meet again in one state, so
+// fewer schedules reach every outcome of the full search; by the order of its steps they never
+// do. (Every outcome: each order of the three letters, each with its winner in upper case.)
+TEST(ExploreToy, AClientDigestByValueKeepsEveryOutcomeAndMergesCommutingSteps) {
+  for (int bound : {2, 3}) {
+    SCOPED_TRACE("bound " + std::to_string(bound));
+    std::set<std::string> all, chained, valued;
+    auto search = [bound](bool byValue, std::set<std::string>* out, bool cache) {
+      Explorer e(make<Board>(byValue, out), 0);
+      e.setCacheStates(cache);
+      Report r = e.dfs(bound, 0);
+      EXPECT_TRUE(r.exhausted);
+      return r;
+    };
+    Report full = search(false, &all, false);
+    Report byOrder = search(false, &chained, true);
+    Report byValue = search(true, &valued, true);
+    EXPECT_EQ(all.size(), 18u);
+    EXPECT_EQ(chained, all);
+    EXPECT_EQ(valued, all);
+    EXPECT_LT(byValue.schedules, byOrder.schedules);
+  }
+}
+
 TEST(ExploreStateTable, RemembersTheFewestPreemptionsAndKeepsStatesAcrossGrowth) {
   StateTable t;
   EXPECT_FALSE(t.metBefore(42, 2));

@@ -51,7 +51,8 @@ struct ClientRun::Impl {
       rec.ran = true;
       rec.start = mImpl.tick();
       {
-        Outside out(mImpl);  // the observer takes the lock itself
+        Outside out(mImpl, Call::Release, mImpl.jobs[mRec].sensor, mImpl.jobs[mRec].frame);
+        // the observer takes the lock itself
         if (mpLicense) host::IPipeMgr::getInstance()->releaseLicense(mpLicense, false, true);
         mpLicense.reset();
       }
@@ -97,9 +98,21 @@ struct ClientRun::Impl {
   // while it waits; the library's calls back into the client (jobs, the licence observer)
   // take it for their own duration. Under the scheduler these are no-ops.
   // Under the scheduler they tell it where client code runs, for its state fingerprint.
+  enum class Call : uint8_t {
+    Prepare = 1,
+    SendConfigure,
+    SetConfigured,
+    SendEnqueue,
+    Event,
+    Flush,
+    Emplace,
+    Release
+  };
   struct Outside {
-    explicit Outside(Impl& impl) : d(impl) {
+    Outside(Impl& impl, Call call, uint32_t sensor, uint32_t frame, uint64_t more = 0) : d(impl) {
       if (!d.plain) {
+        Scheduler::clientCall((uint64_t(call) << 56) ^ (uint64_t(sensor) << 32) ^ frame ^
+                              (more * 0x9e3779b97f4a7c15ull));
         Scheduler::clientLeave();
         return;
       }
@@ -163,6 +176,43 @@ struct ClientRun::Impl {
     licences.clear();
     emplacedAt.assign(plan.plans.size(), 0);
     endFindings.clear();
+    positions.clear();
+    for (const auto& cam : scenario.sensors) positions[cam.id] = {};
+  }
+
+  // What the client's threads decide by, for the scheduler's state fingerprint: the client's
+  // state, each sensor's place in its frames, and the sensor a release is put down to. Not the
+  // records kept for the checker.
+  uint64_t digest() const {
+    uint64_t h = 0x5eedull;
+    auto add = [&h](uint64_t v) { h = (h ^ v) * 0x100000001b3ull + (h >> 29); };
+    auto addSet = [&add](const std::set<uint32_t>& s) {
+      add(s.size());
+      for (uint32_t v : s) add(v);
+    };
+    for (const auto& f : client.frames) {
+      add(uint64_t(f.emplaced) | uint64_t(f.flushed) << 1 | uint64_t(f.firstPrepareStarted) << 2 |
+          uint64_t(f.firstPrepareDone) << 3 | uint64_t(f.syncBroken) << 4);
+      for (const auto* s :
+           {&f.racing, &f.racingSent, &f.racingReturned, &f.prepared, &f.done, &f.dropReported}) {
+        addSet(*s);
+      }
+    }
+    add(client.gate);
+    add(client.inFlight);
+    add(client.framesDone);
+    add(client.nextFirstPrepare);
+    add(client.firstPrepareBusy);
+    for (const auto* list : {&client.racingDrops, &client.lateDrops}) {
+      add(list->size());
+      for (const auto& r : *list) add(uint64_t(r.first) << 32 | r.second);
+    }
+    add(client.dropRequests.size());
+    for (const auto& r : client.dropRequests) add(uint64_t(r.first) << 32 | r.second);
+    for (const auto& p : positions)
+      add(uint64_t(p.first) << 48 ^ p.second.prepare << 24 ^ p.second.send);
+    add(uint64_t(uint32_t(context)));
+    return h;
   }
 
   // ---- sensor threads ----
@@ -183,7 +233,7 @@ struct ClientRun::Impl {
       auto job = std::make_shared<ConfigureJob>(*this, rec, config);
       jobs[rec].sent = tick();
       {
-        Outside out(*this);
+        Outside out(*this, Call::SendConfigure, sensor, p.frame);
         deliver->sendJobForConfigure(sensor, p.frame, job);
       }
       if (!jobs[rec].ran) jobs[rec].end = tick();
@@ -191,7 +241,7 @@ struct ClientRun::Impl {
       setConfigured.push_back({sensor, p.frame, tick()});
       context = int32_t(sensor);
       {
-        Outside out(*this);
+        Outside out(*this, Call::SetConfigured, sensor, p.frame);
         deliver->setConfigured(sensor, p.frame);
       }
       context = -1;
@@ -212,7 +262,7 @@ struct ClientRun::Impl {
     jobs[rec].sent = tick();
     int32_t result;
     {
-      Outside out(*this);
+      Outside out(*this, Call::SendEnqueue, sensor, frame);
       result = deliver->sendJobForEnque(sensor, frame, job);
     }
     jobs[rec].result = result;
@@ -245,7 +295,8 @@ struct ClientRun::Impl {
     for (size_t i = 0; i < plan.plans.size(); ++i) {
       if (plan.plans[i].participates(sensor)) mine.push_back(i);
     }
-    size_t prepPos = 0, sendPos = 0;
+    size_t& prepPos = positions.at(sensor).prepare;
+    size_t& sendPos = positions.at(sensor).send;
     auto mayPrepare = [&] {
       if (prepPos >= mine.size() || !client.frames[mine[prepPos]].emplaced) return false;
       const sim::ClientState::FrameState& f = client.frames[mine[prepPos]];
@@ -263,7 +314,7 @@ struct ClientRun::Impl {
         }
         sim::PrepareRecord rec{sensor, plan.plans[idx].frame, tick(), 0};
         {
-          Outside out(*this);
+          Outside out(*this, Call::Prepare, sensor, plan.plans[idx].frame);
           deliver->prepare(sensor, plan.plans[idx].frame, f.fc);
         }
         rec.end = tick();
@@ -307,12 +358,12 @@ struct ClientRun::Impl {
   void notify(sim::EventRecord& e) {
     e.begin = tick();
     if (e.kind == EventKind::QueueFlush) {
-      Outside out(*this);
+      Outside out(*this, Call::Flush, e.sensor, e.frame);
       deliver->flush(e.sensor);
     } else {
       if (e.kind == EventKind::Drop) context = int32_t(e.sensor);
       {
-        Outside out(*this);
+        Outside out(*this, Call::Event, e.sensor, e.frame, (uint64_t(e.kind) << 32) | e.value);
         deliver->notifyEvent(cc::CamDeliver::EventType(e.kind), e.sensor, e.frame, e.value);
       }
       context = -1;
@@ -407,7 +458,7 @@ struct ClientRun::Impl {
     auto fc = sim::makeFrameContext(p);
     Scheduler::nameObject(&fc->mutex, "record F:" + std::to_string(p.frame) + ".mutex");
     {
-      Outside out(*this);
+      Outside out(*this, Call::Emplace, 0, p.frame);
       pool->emplace(p.frame, fc);
     }
     client.frames[idx].fc = fc;
@@ -530,6 +581,11 @@ struct ClientRun::Impl {
   std::deque<sim::EventRecord> events;
   std::vector<sim::LicenceRecord> licences;
   std::vector<Nanos> emplacedAt;  // per plan index; 0 until emplaced
+  struct Position {
+    size_t prepare = 0;  // index into the sensor's frames of its next prepare
+    size_t send = 0;     // and of its next send
+  };
+  std::map<uint32_t, Position> positions;  // per sensor; entries made by reset() only
 
   // The library's warnings of one run (its drops that found nothing to drop), not echoed.
   std::unique_ptr<host::LogCapture> capture;
@@ -627,7 +683,7 @@ struct ClientRun::Impl {
 
 ClientRun::ClientRun(const sim::Scenario& scenario) : mImpl(std::make_unique<Impl>(scenario)) {}
 
-ClientRun::~ClientRun() = default;
+ClientRun::~ClientRun() { Scheduler::setClientDigest(nullptr); }
 
 std::vector<std::string> ClientRun::threadNames() const {
   std::vector<std::string> names{"pipeline"};
@@ -639,6 +695,7 @@ std::vector<std::function<void()>> ClientRun::begin() {
   Impl& d = *mImpl;
   d.reset();
   Scheduler::forgetNames();
+  Scheduler::setClientDigest([&d] { return d.digest(); });
   host::setPipeMgrInstance(nullptr);
   d.pipeMgr = host::hostPipeMgr();
   d.pipeMgr->reset();

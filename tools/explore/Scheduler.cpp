@@ -166,6 +166,7 @@ struct Thread {
   bool inClient = true;
   uint32_t clientStep = UINT32_MAX;
   uint32_t hostStep = UINT32_MAX;
+  uint64_t calls = 0;  // with a client digest: the thread's own calls into the library
 };
 
 struct Rw {
@@ -188,12 +189,17 @@ struct Run {
   // The fingerprint: each object's access chain and the sum described in Scheduler.h.
   std::unordered_map<uint64_t, uint64_t> chains;
   uint64_t fingerprint = 0;
+  // With a client digest (Scheduler::setClientDigest), its value, and whether client code has
+  // run since it was taken.
+  uint64_t clientValue = 0;
+  bool clientDirty = true;
 };
 
 Run* gRun = nullptr;
 thread_local Thread* tlsThread = nullptr;
 std::unordered_map<const void*, std::string> gNames;
 std::unordered_map<const void*, uint64_t> gIds;  // from the names
+std::function<uint64_t()> gClientDigest;
 
 // splitmix64's finaliser: a cheap, well-mixed 64-bit hash.
 uint64_t mix(uint64_t x) {
@@ -228,14 +234,40 @@ void beginStep(Run& run, Thread& t) {
   run.fingerprint += mix(0x5eed0000ull + (uint64_t(t.id) << 32) + t.steps);
   if (t.inClient) {
     t.clientStep = t.steps;
-    touch(run, t, kClientObject, Access::Client);
+    if (gClientDigest) {
+      run.clientDirty = true;
+    } else {
+      touch(run, t, kClientObject, Access::Client);
+    }
   }
 }
 
 void touchClient(Run& run, Thread& t) {
   if (t.clientStep == t.steps) return;
   t.clientStep = t.steps;
-  touch(run, t, kClientObject, Access::Client);
+  if (gClientDigest) {
+    run.clientDirty = true;
+  } else {
+    touch(run, t, kClientObject, Access::Client);
+  }
+}
+
+// The state at a choice point: the fingerprint, the spurious wake-ups left and, with a client
+// digest, the client's state and where each thread stands (its pending operation).
+uint64_t stateOf(Run& run) {
+  uint64_t state = run.fingerprint + mix(0x59u + run.spuriousLeft);
+  if (!gClientDigest) return state;
+  if (run.clientDirty) {
+    run.clientValue = mix(gClientDigest() ^ 0xc1e47ull);
+    run.clientDirty = false;
+  }
+  state += run.clientValue;
+  for (const auto& t : run.threads) {
+    uint64_t object = t->object ? objectId(t->object) : 0;
+    state += mix((uint64_t(t->id) << 48) ^ (uint64_t(t->op) << 40) ^ (uint64_t(t->state) << 36) ^
+                 mix(object));
+  }
+  return state;
 }
 
 int ownerOf(Run& run, const void* m) {
@@ -401,8 +433,8 @@ int pick(Run& run) {
     size_t index = 0;
     if (opts.size() > 1) {
       ++run.result.choicePoints;
-      uint64_t state = run.fingerprint + mix(0x59u + run.spuriousLeft);
-      index = (*run.chooser)({&opts, run.current, currentEnabled, run.result.stepCount, state});
+      index =
+          (*run.chooser)({&opts, run.current, currentEnabled, run.result.stepCount, stateOf(run)});
       if (index >= opts.size()) index = 0;
     }
     Choice c = opts[index];
@@ -556,6 +588,19 @@ void Scheduler::clientLeave() {
     touchClient(*gRun, *t);
     t->inClient = false;
   }
+}
+
+void Scheduler::setClientDigest(std::function<uint64_t()> digest) {
+  gClientDigest = std::move(digest);
+}
+
+void Scheduler::clientCall(uint64_t call) {
+  Thread* t = tlsThread;
+  if (!t || !gClientDigest) return;
+  Run& run = *gRun;
+  run.fingerprint -= mix(0xca11ull ^ (uint64_t(t->id) << 56) ^ t->calls);
+  t->calls = mix(t->calls ^ call);
+  run.fingerprint += mix(0xca11ull ^ (uint64_t(t->id) << 56) ^ t->calls);
 }
 
 void Scheduler::nameObject(const void* object, std::string name) {

@@ -44,6 +44,18 @@
 // behaviour that depends on pointer values. Equal 64-bit fingerprints of different states
 // (a hash collision) would prune a state wrongly: with five million states in a search the
 // chance of any collision is below 10^-6, at the explorer's table limit about 2 * 10^-5.
+//
+// The client's state. Kept as one object, every step that runs client code conflicts with
+// every other such step, and two runs that only ordered independent client steps differently
+// never meet. A client that can say what its state is gives a digest of it instead
+// (setClientDigest): of the values its threads decide by, not of the records it keeps for
+// the checker, and it tells which calls each thread makes into the library (clientCall); the
+// state is then the library's access chains, each thread's own sequence of calls and step
+// count, the digest, and each thread's pending operation. Two runs that met there differ only
+// in the order of records made by steps that did not depend on each other; the search still
+// judges the run that met the state second along its default continuation, and every later
+// order from the state with the first, and the checker's rules compare pairs of records, each
+// pair ordered alike in both wherever it lies.
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -144,6 +156,12 @@ class Scheduler {
   // that runs client code touches the client's state. No-ops on unmanaged threads.
   static void clientEnter();
   static void clientLeave();
+  // Replaces the client's access chain in the fingerprint by a digest of its state's value
+  // (see "The client's state" above); empty: the chain again. Set before run(), from an
+  // unmanaged thread; it stays until set again.
+  static void setClientDigest(std::function<uint64_t()> digest);
+  // With a digest: the calling thread calls into the library with these arguments (hashed).
+  static void clientCall(uint64_t call);
   // Names an object for the readable output and the state fingerprint. Names stay until
   // forgetNames(), which a target calls before naming the objects of a new run.
   static void nameObject(const void* object, std::string name);
