@@ -453,6 +453,14 @@ TEST(ExploreLibrary, TwoSensorSyncIsCleanAtBoundOneAndReplaysItsSchedules) {
   EXPECT_FALSE(r.hasFailure) << (r.hasFailure ? r.failure.findings[0] : "");
   EXPECT_TRUE(r.exhausted);
   EXPECT_GT(r.schedules, 100u);
+
+  // A time limit already spent stops the same search at its first check, not exhausted.
+  Explorer timed(scenarioTarget(scenario(kTwoSensorSync)), 1);
+  timed.setTimeLimit(1e-9);
+  Report cut = timed.dfs(1, 0);
+  EXPECT_FALSE(cut.exhausted);
+  EXPECT_FALSE(cut.hasFailure);
+  EXPECT_EQ(cut.schedules, 64u);
 }
 
 // The benchmark's baseline: the same client on real threads, without the scheduler, keeps the

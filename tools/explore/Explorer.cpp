@@ -270,6 +270,9 @@ Report Explorer::dfs(int bound, uint64_t limit) {
       break;
     }
     if (limit && report.schedules >= limit) break;
+    if (mTimeLimit > 0 && (report.schedules & 63) == 0 &&
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() >= mTimeLimit)
+      break;
   }
   report.states = seen.size();
   report.stateTableFull = seen.full();

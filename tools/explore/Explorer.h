@@ -79,6 +79,8 @@ class Explorer {
 
   // Whether the depth-first search prunes states it has met before (on by default).
   void setCacheStates(bool on) { mCacheStates = on; }
+  // A search stops, not exhausted, once it has run this long (0: no limit).
+  void setTimeLimit(double seconds) { mTimeLimit = seconds; }
 
   uint32_t spuriousBudget() const { return mSpurious; }
   const std::vector<std::string>& threadNames() const { return mNames; }
@@ -91,6 +93,7 @@ class Explorer {
   TargetFactory mFactory;
   uint32_t mSpurious;
   bool mCacheStates = true;
+  double mTimeLimit = 0;
   std::unique_ptr<Target> mTarget;
   std::vector<std::string> mNames;
 };

@@ -77,6 +77,7 @@ int main(int argc, char** argv) {
   uint32_t pct = 0;
   uint32_t spurious = 1;
   uint64_t limit = 0;
+  double seconds = 0;
   std::string replay;
   std::string tracePath;
   bool noShrink = false;
@@ -92,6 +93,8 @@ int main(int argc, char** argv) {
   app.add_option("--spurious", spurious, "Spurious wake-ups injected per schedule (default 1)")
       ->check(CLI::Range(0, 100));
   app.add_option("--limit", limit, "Stop the search after N schedules");
+  app.add_option("--seconds", seconds, "Stop the search after S seconds (not exhausted)")
+      ->check(CLI::PositiveNumber);
   app.add_option("--replay", replay, "Run the schedule of a replay string");
   app.add_option("--trace", tracePath, "Write a failing schedule as a Chrome JSON trace");
   app.add_flag("--no-shrink", noShrink, "Report a failing schedule as found");
@@ -141,6 +144,7 @@ int main(int argc, char** argv) {
 
   explore::Explorer ex(explore::scenarioTarget(scenario), spurious);
   ex.setCacheStates(!noStateCache);
+  ex.setTimeLimit(seconds);
   explore::Report report;
   std::string what;
   if (randomCount > 0) {
