@@ -198,6 +198,46 @@ TEST_F(LogTest, SendWaitingWhenTheCaptureIsCutIsInFlight) {
   EXPECT_FALSE(a.failed());
 }
 
+// Closing the back camera and opening the front one builds a new deliverer whose sensor the
+// old one never had, with frame numbers from the start again: a session of its own, whether
+// the old one ran long or was closed soon after a pause. A sensor whose request thread lags
+// the others at the start of one session stays in it.
+TEST_F(LogTest, ANewSensorStartingTheFramesAgainIsANewSession) {
+  struct Case {
+    int frames;   // frames sensors 0 and 1 ran before the other camera
+    int pauseMs;  // between their last line and sensor 4's first
+    size_t sessions;
+  };
+  for (Case c : {Case{30, 5, 2}, Case{5, 300, 2}, Case{5, 100, 1}}) {
+    LogReader r;
+    auto line = [&r](int ms, int s, int f, int order) {
+      r.addLine(tt(ms, 10 + s, 'D', "CamDeliverGuard",
+                   "[prepare] [S:" + std::to_string(s) + " F:" + std::to_string(f) +
+                       "] prepared, order(" + std::to_string(order) + ")"));
+    };
+    int ms = 0;
+    for (int f = 1; f <= c.frames; ++f, ms += 10) {
+      line(ms, 0, f, f - 1);
+      line(ms + 1, 1, f, f - 1);
+    }
+    ms += c.pauseMs;
+    line(ms, 4, 1, 0);
+    line(ms + 10, 4, 2, 1);
+    std::vector<logread::Run> runs = r.finish();
+    ASSERT_EQ(runs.size(), c.sessions) << c.frames << " frames, pause " << c.pauseMs;
+    if (c.sessions == 2) {
+      EXPECT_EQ(runs[1].history.sensors, std::vector<uint32_t>{4});
+      EXPECT_THAT(runs[1].boundary, HasSubstr("S:4, new to the session, prepared F:1 at order 0 "
+                                              "after its frames reached F:" +
+                                              std::to_string(c.frames)));
+    }
+  }
+  // Sensor 1's thread starts three frames late, right behind sensor 0.
+  for (int f = 1; f <= 3; ++f) prepare(f, 0, f, f - 1);
+  for (int f = 1; f <= 3; ++f) prepare(4 + f, 1, f, f - 1);
+  EXPECT_EQ(only().history.sensors, (std::vector<uint32_t>{0, 1}));
+}
+
 // Merged buffers step back a little, a clock change steps back far, and a capture without
 // years crosses the new year: the timeline keeps going forward and the jumps are reported.
 TEST(LogClockTest, KeepsTimeGoingForward) {

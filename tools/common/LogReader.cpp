@@ -215,6 +215,26 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
       numberAfter(text, "prepared, order(", &order) && order == 0) {
     auto seq = c.run.sequence.find(sensor);
     bool flushed = c.flushedSensors.erase(sensor) > 0;
+    int64_t silence = fileAt >= 0 && c.baseNs >= 0 ? fileAt - c.baseNs - c.lastAt : -1;
+    // A sensor the session has not seen may join it (a raw switch turns it on), and its
+    // request thread may lag the others' at the start, but while they run and by fewer frames
+    // than the pool holds. One that starts at or below the session's first frame after the
+    // session has moved on further than that, or after the session fell silent, belongs to a
+    // new deliverer: a camera closed and another one opened.
+    bool newSensor = seq == c.run.sequence.end() || seq->second.empty();
+    uint32_t lowest = c.run.lowestFrame, highest = c.run.highestFrame;
+    if (newSensor && frame <= lowest && highest > lowest &&
+        (highest - lowest > NSCam::camsys::camcoordinator::kPreparationWindow ||
+         silence > kNewSensorSilenceNs)) {
+      std::string why = silence > kNewSensorSilenceNs
+                            ? " and a silence of " + std::to_string(silence / 1000000) + " ms"
+                            : "";
+      return startSession(line, c.run.session + 1,
+                          "S:" + std::to_string(sensor) +
+                              ", new to the session, prepared F:" + std::to_string(frame) +
+                              " at order 0 after its frames reached F:" + std::to_string(highest) +
+                              why + where());
+    }
     if (seq != c.run.sequence.end() && !seq->second.empty()) {
       uint32_t last = seq->second.back();
       if (!flushed) {
@@ -230,12 +250,10 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
                                 " after F:" + std::to_string(last) + ")" + where());
       }
     }
-    if (fileAt >= 0 && c.baseNs >= 0 && fileAt - c.baseNs - c.lastAt > kSessionSilenceNs &&
-        !c.run.sequence.empty()) {
-      return startSession(
-          line, c.run.session + 1,
-          "a silence of " + std::to_string((fileAt - c.baseNs - c.lastAt) / 1000000) +
-              " ms, then S:" + std::to_string(sensor) + " prepared at order 0" + where());
+    if (silence > kSessionSilenceNs && !c.run.sequence.empty()) {
+      return startSession(line, c.run.session + 1,
+                          "a silence of " + std::to_string(silence / 1000000) + " ms, then S:" +
+                              std::to_string(sensor) + " prepared at order 0" + where());
     }
   }
   // After a boundary, a line naming a frame only the older deliverer holds is its own.
@@ -482,6 +500,8 @@ void LineScope::onGuard() {
       st.preparedAt = at;
       r.sequence[sensor].push_back(frame);
     }
+    r.lowestFrame = std::min(r.lowestFrame, frame);
+    r.highestFrame = std::max(r.highestFrame, frame);
     frameInfo(frame).sensors.insert(sensor);
     h.prepares.push_back({sensor, frame, at});
     ++r.totals[sensor].prepared;

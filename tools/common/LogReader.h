@@ -173,7 +173,9 @@ struct Run {
   Nanos captureEnd = 0;
   std::map<std::pair<uint32_t, uint32_t>, SensorFrame> states;  // (sensor, frame)
   std::map<uint32_t, FrameInfo> frames;
-  std::map<uint32_t, std::vector<uint32_t>> sequence;         // per sensor, frames in prepare order
+  std::map<uint32_t, std::vector<uint32_t>> sequence;  // per sensor, frames in prepare order
+  uint32_t lowestFrame = UINT32_MAX;  // the lowest and highest frame prepared on any sensor
+  uint32_t highestFrame = 0;
   std::map<uint32_t, LastSeen> lastSeen;                      // per sensor
   std::map<int, std::map<uint32_t, uint64_t>> threadSensors;  // tid -> sensor -> lines
   std::map<int, Nanos> threadLastAt;                          // tid -> time of its latest line
@@ -238,6 +240,8 @@ class LogReader {
   // A silence this long between two lines of one process, followed by a preparation at
   // order 0, starts a new session even when the sensor had not prepared in the old one.
   static constexpr int64_t kSessionSilenceNs = 5000000000LL;
+  // Before a sensor new to the session starts its frames again at the session's first.
+  static constexpr int64_t kNewSensorSilenceNs = 200000000LL;
   // Frames a session holds before its oldest settled ones are checked and dropped.
   static constexpr size_t kDefaultWindow = 512;
   // Settled frames kept as context: more than the deliverer's preparation window.
