@@ -6,6 +6,9 @@
 //   log_corpus midnight IN OUT                    the run moved to cross a new year
 //   log_corpus bugreport IN OUT                   inside a bugreport's text, as its system log
 //                                                 section (uid, printable) among other sections
+//   log_corpus lossy SEED IN OUT                  about one line in 50 left out, as logd drops
+//                                                 lines when it is overloaded
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -105,11 +108,12 @@ std::string format(const Line& l, const std::string& layout, const std::set<std:
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::cerr << "usage: log_corpus layout|sessions|backwards|midnight|bugreport ... IN OUT\n";
+    std::cerr << "usage: log_corpus layout|sessions|backwards|midnight|bugreport|lossy ... IN "
+                 "OUT\n";
     return 2;
   }
   std::string mode = argv[1];
-  int argIn = mode == "layout" || mode == "sessions" ? 3 : 2;
+  int argIn = mode == "layout" || mode == "sessions" || mode == "lossy" ? 3 : 2;
   std::ifstream in(argv[argIn], std::ios::binary);
   std::ofstream out(argv[argIn + 1], std::ios::binary);
   if (!in || !out) {
@@ -142,6 +146,12 @@ int main(int argc, char** argv) {
         if (newTids) l.tid += 1000 * i;
         out << format(l, "threadtime", {}) << "\n";
       }
+    }
+  } else if (mode == "lossy") {
+    uint64_t state = std::strtoull(argv[2], nullptr, 10) * 2654435761u + 1;
+    for (const Line& l : lines) {
+      state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+      if ((state >> 33) % 50 != 0) out << format(l, "threadtime", {}) << "\n";
     }
   } else if (mode == "backwards") {
     for (size_t i = 0; i < lines.size(); ++i) {

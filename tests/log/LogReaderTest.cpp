@@ -459,6 +459,79 @@ TEST(LogSortedTest, AFileSortedLineByLineIsKnown) {
   EXPECT_FALSE(read(sorted, 60)->sortedLineByLine());
 }
 
+// logd drops lines when it is overloaded. A line that a later one proves was written (a
+// licence before its job's completion, an in-flight report before the frames it lists or
+// changes) is taken as written, and counted; a breach that rests only on a line being absent
+// is named for attention in a log that lost lines, and counts in one that lost none.
+TEST_F(LogTest, LinesTheLogLostAreInferredAndAbsencesNotCounted) {
+  auto run = [](bool loseEnqueue, bool loseSecondEnqueue, bool keepReport = false) {
+    LogReader r;
+    auto add = [&r](int ms, int s, const char* tag, const std::string& text) {
+      r.addLine(tt(ms, 10 + s, 'D', tag, text));
+    };
+    for (int f = 1; f <= 2; ++f) {
+      for (int s = 0; s <= 1; ++s) {
+        add(f * 2 + s, s, "CamDeliverGuard",
+            "[prepare] [S:" + std::to_string(s) + " F:" + std::to_string(f) + "] prepared, order(" +
+                std::to_string(f - 1) + ")");
+      }
+    }
+    // S:0 reports nothing in flight: frame 2 gets FDs of its own and loses its sync. Unless
+    // kept, only the FD changes are left of the report.
+    if (keepReport) {
+      add(7, 5, "CamDeliver", "[notifyEvent] [S:0 F:2] type(InformInflight), value(0)");
+      add(7, 5, "CamDeliverGuard", "[getSyncFrames] [S:0] frame list: 2 ");
+    }
+    add(8, 5, "LicenseQueue", "[changeFramesFD] [S:0 F:2] change FD (6) -> (7)");
+    add(8, 5, "LicenseQueue", "[changeFramesFD] [S:1 F:2] change FD (6) -> (8)");
+    // Frame 1 in one sync group (FD 5); S:1's licence line may be lost.
+    add(10, 0, "CamDeliver", "[getLicense] [S:0 F:1] FD(5)");
+    add(11, 0, "CamDeliverGuard", "[finished] [S:0 F:1] EnqJob finished. ");
+    if (!loseEnqueue) add(12, 1, "CamDeliver", "[getLicense] [S:1 F:1] FD(5)");
+    add(13, 1, "CamDeliverGuard", "[finished] [S:1 F:1] EnqJob finished. Is last, erase it.");
+    // Frame 2: S:1 goes before S:0 has enqueued frame 2, which the broken sync allows.
+    add(20, 1, "CamDeliver", "[getLicense] [S:1 F:2] FD(8)");
+    // With S:0's frame 2 lost, S:1's completion is the one that retires the frame.
+    add(21, 1, "CamDeliverGuard",
+        std::string("[finished] [S:1 F:2] EnqJob finished. ") +
+            (loseSecondEnqueue ? "Is last, erase it." : ""));
+    if (!loseSecondEnqueue) {
+      add(30, 0, "CamDeliver", "[getLicense] [S:0 F:2] FD(7)");
+      add(31, 0, "CamDeliverGuard", "[finished] [S:0 F:2] EnqJob finished. Is last, erase it.");
+    }
+    add(3000, 7, "CamDeliver", "[notifyEvent] [S:0 F:3] type(Suspend), value(0)");
+    std::vector<logread::Run> runs = r.finish();
+    return runs.empty() ? logread::Run() : runs.front();
+  };
+  logread::Run whole = run(false, false);
+  EXPECT_EQ(whole.lostLines, 1u);  // only the report's own line
+  EXPECT_EQ(whole.firstLost, "the in-flight report of S:0 before line 5");
+  Analysis a = analyse(whole);
+  EXPECT_TRUE(a.findings.empty()) << a.findings[0].text;
+  EXPECT_TRUE(a.warnings.empty());
+
+  logread::Run lossy = run(true, false);
+  EXPECT_EQ(lossy.lostLines, 2u);
+  EXPECT_EQ(lossy.totals.at(1).enqueued, 2u);
+  a = analyse(lossy);
+  EXPECT_TRUE(a.findings.empty()) << a.findings[0].text;
+  EXPECT_EQ(a.check.startsLost, 1u);
+
+  // S:0's frame 2 never enqueued: in a log that lost lines it may be one of them.
+  a = analyse(run(true, true));
+  EXPECT_TRUE(a.findings.empty()) << a.findings[0].text;
+  ASSERT_EQ(a.warnings.size(), 1u);
+  EXPECT_EQ(a.warnings[0].kind, "lost-lines");
+  EXPECT_THAT(a.warnings[0].text, HasSubstr("[delivery] S:0 F:2 was never enqueued"));
+  AnalysisOptions strict;
+  strict.strict = true;
+  EXPECT_TRUE(analyse(run(true, true), strict).failed());
+  // In a log that lost nothing, the same absence is a violation.
+  a = analyse(run(false, true, true));
+  EXPECT_EQ(kinds(a), (std::vector<std::string>{"delivery"}));
+  EXPECT_TRUE(a.warnings.empty());
+}
+
 TEST_F(LogTest, CheckerFindsAnOrderBreachInAnEditedLog) {
   prepare(0, 0, 1, 0);
   prepare(1, 0, 2, 1);

@@ -38,7 +38,7 @@ std::string frameList(const std::vector<uint32_t>& frames) {
 
 class Checker {
  public:
-  explicit Checker(const History& h) : h_(h) {
+  Checker(const History& h, bool absentApart) : h_(h), absentApart_(absentApart) {
     result_.skipped = h.unsupportedRules;
     index();
   }
@@ -59,6 +59,7 @@ class Checker {
     std::stable_sort(result_.violations.begin(), result_.violations.end(), byTime);
     std::stable_sort(result_.notes.begin(), result_.notes.end(), byTime);
     std::stable_sort(result_.sameStamp.begin(), result_.sameStamp.end(), byTime);
+    std::stable_sort(result_.absent.begin(), result_.absent.end(), byTime);
     return std::move(result_);
   }
 
@@ -84,6 +85,15 @@ class Checker {
     add(rule, at, std::move(message));
   }
 
+  // A breach that rests only on a record being absent: the source may have lost it.
+  void addAbsent(const char* rule, Nanos at, std::string message) {
+    if (absentApart_ && !h_.unsupportedRules.count(rule)) {
+      result_.absent.push_back({rule, std::move(message), at});
+      return;
+    }
+    add(rule, at, std::move(message));
+  }
+
   void note(Nanos at, std::string message) {
     result_.notes.push_back({"client", std::move(message), at});
   }
@@ -99,6 +109,7 @@ class Checker {
     for (const auto& j : h_.jobs) {
       jobs_[{j.sensor, j.frame}].push_back(&j);
       if (j.ran && !h_.inContext(j.frame)) ++result_.jobsChecked;
+      if (j.ran && j.startLost && !h_.inContext(j.frame)) ++result_.startsLost;
     }
     for (auto& entry : jobs_) {
       std::stable_sort(entry.second.begin(), entry.second.end(),
@@ -135,6 +146,9 @@ class Checker {
     auto it = plans_.find(frame);
     return it == plans_.end() ? nullptr : it->second;
   }
+
+  // A job whose start is known: only those are compared by their start.
+  static bool started(const JobRecord& j) { return j.ran && !j.startLost; }
 
   std::vector<const JobRecord*> ranJobs(uint32_t sensor, uint32_t frame) const {
     std::vector<const JobRecord*> out;
@@ -175,7 +189,7 @@ class Checker {
       const JobRecord* last = nullptr;
       for (uint32_t frame : entry.second) {
         for (const JobRecord* j : ranJobs(sensor, frame)) {
-          if (last && j->start < last->end && !h_.inContext(frame)) {
+          if (last && started(*j) && j->start < last->end && !h_.inContext(frame)) {
             add("order", j->start,
                 jobName(*j) + " started at " + formatTime(j->start) + ", before " + jobName(*last) +
                     " (prepared earlier) ended at " + formatTime(last->end));
@@ -190,8 +204,8 @@ class Checker {
       // A no-frame send has nothing to prepare.
       if (j.frame == kNoFrame || position_.count(key) || h_.inContext(j.frame)) continue;
       if (!named.insert(key).second) continue;
-      add("order", jobs_.at(key).front()->sent,
-          sf(j.sensor, j.frame) + " sent a job for a frame it never prepared");
+      addAbsent("order", jobs_.at(key).front()->sent,
+                sf(j.sensor, j.frame) + " sent a job for a frame it never prepared");
     }
   }
 
@@ -199,7 +213,7 @@ class Checker {
   // unless an in-flight report broke that frame's sync first.
   void checkSync() {
     for (const auto& j : h_.jobs) {
-      if (!j.ran || h_.inContext(j.frame)) continue;
+      if (!started(j) || h_.inContext(j.frame)) continue;
       std::optional<uint32_t> prev = previousFrame(j.sensor, j.frame);
       if (!prev || !plan(*prev)) continue;
       std::optional<Nanos> broken = lookup(broken_, *prev);
@@ -207,9 +221,9 @@ class Checker {
       for (uint32_t partner : plan(*prev)->syncList) {
         std::optional<Nanos> done = enqueuedAt(partner, *prev);
         if (!done) {
-          add("sync", j.start,
-              jobName(j) + " ran although sync partner " + sf(partner, *prev) +
-                  " (its previous synchronised frame) was never enqueued");
+          addAbsent("sync", j.start,
+                    jobName(j) + " ran although sync partner " + sf(partner, *prev) +
+                        " (its previous synchronised frame) was never enqueued");
         } else if (*done > j.start) {
           addOrdering("sync", j.start, *done,
                       jobName(j) + " started at " + formatTime(j.start) + ", before sync partner " +
@@ -231,6 +245,7 @@ class Checker {
       Nanos offPrepared = offIt == preparedAt_.end() ? INT64_MAX : offIt->second;
       for (uint32_t sensor : p.sensors) {
         for (const JobRecord* j : ranJobs(sensor, p.frame)) {
+          if (!started(*j)) continue;
           bool held = !done || *done > j->start;
           if (held && sensor != off && offPrepared > j->sent) {
             note(j->sent, jobName(*j) + " was sent on a raw-switch frame before the off sensor S:" +
@@ -239,10 +254,10 @@ class Checker {
             continue;
           }
           if (!done) {
-            add("raw-switch", j->start,
-                jobName(*j) +
-                    " ran on a raw-switch frame although the off sensor's previous frame " +
-                    sf(off, *prev) + " was never enqueued");
+            addAbsent("raw-switch", j->start,
+                      jobName(*j) +
+                          " ran on a raw-switch frame although the off sensor's previous frame " +
+                          sf(off, *prev) + " was never enqueued");
           } else if (*done > j->start) {
             addOrdering("raw-switch", j->start, *done,
                         jobName(*j) + " started at " + formatTime(j->start) +
@@ -264,7 +279,8 @@ class Checker {
       std::map<uint32_t, const JobRecord*> cfg;
       for (uint32_t sensor : p.sensors) {
         for (const JobRecord* j : ranJobs(sensor, p.frame)) {
-          (j->kind == JobKind::Enqueue ? enq : cfg)[sensor] = j;
+          // A job whose licence line was lost has no FD to compare.
+          if (started(*j)) (j->kind == JobKind::Enqueue ? enq : cfg)[sensor] = j;
         }
       }
       if (!p.needCfg.empty()) {
@@ -439,7 +455,8 @@ class Checker {
       if (h_.inContext(p.frame)) continue;
       for (uint32_t sensor : p.sensors) {
         std::string who = sf(sensor, p.frame);
-        if (!position_.count({sensor, p.frame})) add("delivery", 0, who + " was never prepared");
+        if (!position_.count({sensor, p.frame}))
+          addAbsent("delivery", 0, who + " was never prepared");
         constexpr Nanos kNever = INT64_MAX;
         auto flushIt = flushed_.find({sensor, p.frame});
         auto dropIt = dropped_.find({sensor, p.frame});
@@ -463,7 +480,7 @@ class Checker {
           }
           if (!j->ran) continue;
           (j->kind == JobKind::Enqueue ? enqueues : configures)++;
-          if (flushed != kNever && j->start >= flushed) {
+          if (flushed != kNever && started(*j) && j->start >= flushed) {
             add("delivery", j->start, jobName(*j) + " ran after the frame was flushed");
           }
           if (dropped != kNever && j->kind == JobKind::Enqueue &&
@@ -472,14 +489,19 @@ class Checker {
           }
         }
         if (flushed != kNever || dropped != kNever) continue;
-        if (enqueues == 0) add("delivery", h_.wallTime, who + " was never enqueued");
+        if (enqueues == 0) addAbsent("delivery", h_.wallTime, who + " was never enqueued");
         if (enqueues > 1)
           add("delivery", h_.wallTime,
               who + " was enqueued " + std::to_string(enqueues) + " times");
-        if (p.needCfg.count(sensor) && configures + setConfigured.count({sensor, p.frame}) != 1) {
-          add("delivery", h_.wallTime,
-              who + " needed configuring once but was configured " +
-                  std::to_string(configures + setConfigured.count({sensor, p.frame})) + " times");
+        size_t configured = configures + setConfigured.count({sensor, p.frame});
+        if (p.needCfg.count(sensor) && configured != 1) {
+          std::string message = who + " needed configuring once but was configured " +
+                                std::to_string(configured) + " times";
+          if (configured == 0) {
+            addAbsent("delivery", h_.wallTime, std::move(message));
+          } else {
+            add("delivery", h_.wallTime, std::move(message));
+          }
         }
       }
     }
@@ -489,6 +511,7 @@ class Checker {
   template <typename V>
   using BySensorFrame = std::unordered_map<SensorFrame, V, SensorFrameHash>;
   const History& h_;
+  const bool absentApart_;
   CheckResult result_;
   std::unordered_map<uint32_t, const FramePlan*> plans_;
   std::map<uint32_t, std::vector<uint32_t>> sequence_;  // per sensor, frames in prepare order
@@ -513,7 +536,9 @@ class Checker {
 
 }  // namespace
 
-CheckResult checkHistory(const History& history) { return Checker(history).run(); }
+CheckResult checkHistory(const History& history, const CheckOptions& options) {
+  return Checker(history, options.absentApart || history.linesLost > 0).run();
+}
 
 }  // namespace sim
 }  // namespace orvcam

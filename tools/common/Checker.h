@@ -28,14 +28,27 @@ struct CheckResult {
   // of a log puts them so. Not violations: a log merged or sorted by its stamps keeps no order
   // within a stamp.
   std::vector<Violation> sameStamp;
+  // Breaches that rest only on a record being absent (never enqueued, never prepared, not
+  // configured), from a source that lost records (History::linesLost) or when asked to keep
+  // them apart: the record may be one of those lost. Not violations.
+  std::vector<Violation> absent;
   // Rules not checked because the history's source cannot support them, with the reason.
   std::map<std::string, std::string> skipped;
   size_t jobsChecked = 0;
+  // Jobs whose start the source lost (JobRecord::startLost): counted as run, not checked for
+  // order, sync or raw switch.
+  size_t startsLost = 0;
   size_t licencesChecked = 0;
   bool clean() const { return violations.empty(); }
 };
 
-CheckResult checkHistory(const History& history);
+struct CheckOptions {
+  // Keeps breaches that rest on an absent record apart even when the history lost nothing
+  // (a reader that checks part of a log before it knows whether the rest lost lines).
+  bool absentApart = false;
+};
+
+CheckResult checkHistory(const History& history, const CheckOptions& options = {});
 
 // The client's side of the protocol (ClientProtocol.cpp): notes where a recorded call order
 // broke a precondition the library relies on.

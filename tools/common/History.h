@@ -82,6 +82,10 @@ struct JobRecord {
   int32_t result = 0;   // what the send returned (enqueue jobs)
   uint64_t serial = 0;  // the licence the job was given; 0 for none
   int32_t fd = -1;
+  // The source lost the line that marks the start (a log missing a line that a later line
+  // proves was written): `start` is `end` and the FD is unknown, and no rule compares the
+  // start with anything.
+  bool startLost = false;
 };
 
 enum class LicenceEventKind { Acquired, Released, Destroyed };
@@ -138,6 +142,10 @@ struct History {
   // 0 when every time is exact. Times are counted from a stamp, so that two events share one
   // exactly when their times share the quotient by it.
   Nanos stampTick = 0;
+  // Records the source is known to have lost (a log missing lines that later lines prove were
+  // written); 0 for a complete source. With any, a breach that rests only on a record being
+  // absent is not counted as a violation.
+  uint64_t linesLost = 0;
   // Rules the source of this history cannot support, with the reason (a history rebuilt from
   // a log has no licence identities); the checker skips exactly these and says so.
   std::map<std::string, std::string> unsupportedRules;

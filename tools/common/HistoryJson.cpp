@@ -111,6 +111,7 @@ void fromJson(const json& root, History* h) {
   h->wallTime = number<Nanos>(root, "", "wallTimeNs", 0, false);
   h->teardownAt = number<Nanos>(root, "", "teardownAtNs", 0, false);
   h->stampTick = number<Nanos>(root, "", "stampTickNs", 0, false);
+  h->linesLost = number<uint64_t>(root, "", "linesLost", 0, false);
   h->framesLeftInPool = numbers<uint32_t>(root, "", "framesLeftInPool");
   if (root.contains("unsupportedRules")) {
     const json& u = root["unsupportedRules"];
@@ -163,6 +164,13 @@ void fromJson(const json& root, History* h) {
     j.result = number<int32_t>(o, p, "result", 0, false);
     j.serial = number<uint64_t>(o, p, "serial", 0, false);
     j.fd = number<int32_t>(o, p, "fd", -1, false);
+    if (o.contains("startLost")) {
+      const json& lost = o["startLost"];
+      if (!lost.is_boolean()) {
+        throw FieldError("field \"" + at(p, "startLost") + "\": not true or false");
+      }
+      j.startLost = lost.get<bool>();
+    }
     h->jobs.push_back(j);
   });
   eachOf(root, "events", [&](const json& o, const std::string& p) {

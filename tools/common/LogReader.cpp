@@ -295,6 +295,22 @@ struct LineScope {
   std::string_view text, func, rest, tail;
   uint32_t sensor = 0, frame = 0;
   bool hasSF = false;
+  uint64_t lineNo = 0;  // in the file
+
+  // A line that proves an earlier one of the same job was written, though the log lacks it
+  // (logd drops lines under load; a user cut some out): marks it as seen at this line's time
+  // and counts it. Before the frame's prepare line, the log began after it: nothing is lost.
+  void lostBefore(SensorFrame& st, const char* what, bool* seen, Nanos* seenAt) {
+    *seen = true;
+    *seenAt = at;
+    if (st.prepared) {
+      lostLine(what + std::string(" of S:") + std::to_string(st.sensor) +
+               " F:" + std::to_string(st.frame));
+    }
+  }
+  void lostLine(const std::string& what) {
+    if (r.lostLines++ == 0) r.firstLost = what + " before line " + std::to_string(lineNo);
+  }
 
   // A frame that settled and left memory: what its late lines would write goes to scratch.
   bool gone(uint32_t f) const {
@@ -341,6 +357,29 @@ struct LineScope {
     if (e == lastEvent.end() || !eventOpen[line.tid]) return nullptr;
     h.events[e->second].end = at;
     return &h.events[e->second];
+  }
+  // Only an in-flight report of value 0 lists frames for their sync break, changes their FDs
+  // and breaks their sync: when the thread has none open, the report's own line was lost, and
+  // it is made up at this line's time.
+  sim::EventRecord& inflightReport(uint32_t s, uint32_t f) {
+    sim::EventRecord* e = openEvent();
+    if (e && e->kind == sim::EventKind::InformInflight && e->value == 0) return *e;
+    lostLine("the in-flight report of S:" + std::to_string(s));
+    sim::EventRecord made;
+    made.kind = sim::EventKind::InformInflight;
+    made.sensor = s;
+    made.frame = f;
+    made.begin = made.end = at;
+    h.events.push_back(std::move(made));
+    lastEvent[line.tid] = h.events.size() - 1;
+    eventOpen[line.tid] = true;
+    return h.events.back();
+  }
+  // Any of those lines proves the frame's sync broken.
+  void breakSync(uint32_t s, uint32_t f) {
+    frameInfo(f).syncBroken = true;
+    std::vector<uint32_t>& frames = inflightReport(s, f).frames;
+    if (std::find(frames.begin(), frames.end(), f) == frames.end()) frames.push_back(f);
   }
   static void firstFd(SensorFrame& st, int32_t fd) {
     if (st.firstFd < 0) st.firstFd = fd;
@@ -394,10 +433,12 @@ void LineScope::onDeliver() {
     int64_t fd = -1;
     bool present = numberAfter(tail, "FD(", &fd);
     if (config) {
+      if (!st.cfgSent) lostBefore(st, "the configure send", &st.cfgSent, &st.cfgSentAt);
       st.cfgStarted = true;
       st.cfgStart = at;
       st.cfgFd = present ? int32_t(fd) : -1;
       frameInfo(frame).needCfg.insert(s);
+      frameInfo(frame).cfgByJob.insert(s);
     } else if (present) {
       st.enqStarted = true;
       st.enqStart = at;
@@ -470,19 +511,43 @@ void LineScope::onDeliver() {
 }
 
 void LineScope::onGuard() {
+  // An in-flight report lists the frames whose sync it breaks ("frame list: ..."), then writes
+  // a line per frame as it breaks it, then "break all frameSync". The list alone breaks them
+  // (its lines come within the same report), so that a line the log lost changes nothing; the
+  // frames without their own line by "break all" are counted as lost lines.
   if (func == "breakFrameSync") {
+    std::vector<uint32_t>& unbroken = r.unbrokenSyncFrames[line.tid];
     if (hasSF) {
-      frameInfo(frame).syncBroken = true;
-      if (sim::EventRecord* e = openEvent()) {
-        if (e->kind == sim::EventKind::InformInflight) e->frames.push_back(frame);
+      auto listed = std::find(unbroken.begin(), unbroken.end(), frame);
+      if (listed == unbroken.end()) {
+        breakSync(sensor, frame);
+      } else {
+        unbroken.erase(listed);
+        openEvent();
       }
-    } else if (sim::EventRecord* e = openEvent()) {
-      (void)e;
+    } else {
+      for (uint32_t f : unbroken) lostLine("the sync break of F:" + std::to_string(f));
+      unbroken.clear();
+      openEvent();
     }
     return;
   }
   if (func == "getSyncFrames" || func == "getEnquedSyncFrames" || func == "waitUntilEnquedEmpty") {
     if (func == "waitUntilEnquedEmpty" || startsWith(rest, "[S:")) openEvent();
+    size_t list = rest.find("frame list: ");
+    size_t pos = 3;
+    int64_t s = 0;
+    if (func == "getSyncFrames" && list != std::string_view::npos && readNumber(rest, &pos, &s)) {
+      std::vector<uint32_t>& unbroken = r.unbrokenSyncFrames[line.tid];
+      unbroken.clear();
+      pos = list + 12;
+      int64_t f = 0;
+      while (readNumber(rest, &pos, &f)) {
+        unbroken.push_back(uint32_t(f));
+        breakSync(uint32_t(s), uint32_t(f));
+        skipSpaces(rest, &pos);
+      }
+    }
     return;
   }
   if (!hasSF) return;
@@ -548,9 +613,21 @@ void LineScope::onGuard() {
     if (contains(tail, "FC not found")) return;
     SensorFrame& st = state(sensor, frame);
     if (contains(tail, "ConfigJob finished.")) {
+      if (!st.cfgSent) lostBefore(st, "the configure send", &st.cfgSent, &st.cfgSentAt);
+      if (!st.cfgStarted) {
+        lostBefore(st, "the configure licence", &st.cfgStarted, &st.cfgStart);
+        st.cfgStartLost = true;
+        frameInfo(frame).needCfg.insert(sensor);
+        frameInfo(frame).cfgByJob.insert(sensor);
+      }
       st.cfgDone = true;
       st.cfgEnd = at;
     } else if (contains(tail, "EnqJob finished.")) {
+      if (!st.enqStarted) {
+        lostBefore(st, "the enqueue licence", &st.enqStarted, &st.enqStart);
+        st.enqStartLost = true;
+        if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
+      }
       st.enqDone = true;
       st.enqEnd = at;
       if (contains(tail, "Is last, erase it.")) {
@@ -599,25 +676,31 @@ void LineScope::onQueue() {
     SensorFrame& st = state(s, frame);
     if (!config) firstFd(st, int32_t(from));
     st.fdChanges.push_back({int32_t(from), int32_t(to)});
-    openEvent();
+    breakSync(s, frame);
   } else if (func == "releaseLicense") {
-    if (contains(tail, "license already null !")) {
+    // setConfigured hands the configure licence back by key: "license already null !", then
+    // the release from the pipe manager. Either line, outside a drop, reports it.
+    bool null = contains(tail, "license already null !");
+    bool fromPipe = !null && contains(tail, "from pipeMgr");
+    if (config && (null || fromPipe)) {
       sim::EventRecord* e = openEvent();
       bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
-      if (config && !inDrop) {
+      SensorFrame& st = state(s, frame);
+      if (!inDrop && !st.setConfigured) {
         closeEvent();
-        SensorFrame& st = state(s, frame);
-        st.setConfigured = true;
-        st.setConfiguredAt = at;
+        if (null) {
+          st.setConfigured = true;
+          st.setConfiguredAt = at;
+        } else {
+          lostBefore(st, "the setConfigured release", &st.setConfigured, &st.setConfiguredAt);
+        }
         st.tid = line.tid;
         h.setConfigured.push_back({s, frame, at});
         ++r.totals[s].configured;
       }
-    } else if (contains(tail, "from pipeMgr")) {
+    } else if (fromPipe) {
       int64_t fd = -1;
-      if (!config && numberAfter(tail, "release license(", &fd)) {
-        firstFd(state(s, frame), int32_t(fd));
-      }
+      if (numberAfter(tail, "release license(", &fd)) firstFd(state(s, frame), int32_t(fd));
     }
   } else if (func == "clear") {
     sim::EventRecord* e = openEvent();
@@ -727,6 +810,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
 
   LineScope l{r,    r.history, c.lastEvent, c.eventOpen, c.scratch, c.scratchFrame, line, at,
               text, func,      rest,        tail,        sensor,    frame,          hasSF};
+  l.lineNo = total_;
   if (hasSF && l.gone(frame)) ++r.linesForSettled;
   remember();
   static const struct {
@@ -804,6 +888,7 @@ void appendJobs(const Run& r, const SensorFrame& st, std::vector<sim::JobRecord>
     j.end = st.cfgDone ? st.cfgEnd : (st.cfgStarted ? st.cfgStart : r.endAt);
     j.ran = st.cfgStarted;
     j.fd = st.cfgFd;
+    j.startLost = st.cfgStartLost;
     jobs->push_back(j);
   }
   if (st.enqStarted || st.enqNull) {
@@ -817,6 +902,7 @@ void appendJobs(const Run& r, const SensorFrame& st, std::vector<sim::JobRecord>
     j.end = st.enqDone ? st.enqEnd : (st.enqStarted ? st.enqStart : st.enqEnd);
     j.result = st.enqNull ? -1 : 0;
     j.fd = st.enqFd;
+    j.startLost = st.enqStartLost;
     jobs->push_back(j);
   }
 }
@@ -830,13 +916,14 @@ void accumulate(Run& r, const FrameInfo& fi) {
     if (!st) continue;
     SensorTotals& t = r.totals[s];
     if (st->prepared) {
+      // A job whose start line was lost counts; its wait and run time are not known.
       if (st->cfgSent && st->cfgStarted) {
         ++t.configured;
-        t.waits.add(st->cfgStart - st->cfgSentAt);
+        if (!st->cfgStartLost) t.waits.add(st->cfgStart - st->cfgSentAt);
       }
       if (st->enqStarted) {
         ++t.enqueued;
-        t.waits.add(st->enqStart - st->enqSentAt);
+        if (!st->enqStartLost) t.waits.add(st->enqStart - st->enqSentAt);
       }
     } else if (st->cfgSent || st->enqStarted || st->enqNull) {
       ++r.unpreparedJobs;
@@ -847,11 +934,15 @@ void accumulate(Run& r, const FrameInfo& fi) {
       byFd.emplace_back(st->enqFd, s);
     }
     if (st->cfgFd >= 0) t.addFd(st->cfgFd);
-    if (st->enqStarted && (st->enqSentSeen || st->enqWaitSeen)) {
-      r.stallWaits.add(st->enqStart - st->enqSentAt);
+    if (!st->enqStartLost) {
+      if (st->enqStarted && (st->enqSentSeen || st->enqWaitSeen)) {
+        r.stallWaits.add(st->enqStart - st->enqSentAt);
+      }
+      if (st->enqDone && st->enqStarted) r.jobTimes.add(st->enqEnd - st->enqStart);
     }
-    if (st->enqDone && st->enqStarted) r.jobTimes.add(st->enqEnd - st->enqStart);
-    if (st->cfgDone && st->cfgStarted) r.jobTimes.add(st->cfgEnd - st->cfgStart);
+    if (st->cfgDone && st->cfgStarted && !st->cfgStartLost) {
+      r.jobTimes.add(st->cfgEnd - st->cfgStart);
+    }
   }
   std::sort(byFd.begin(), byFd.end());
   for (size_t i = 0; i < byFd.size(); ++i) {
@@ -893,6 +984,7 @@ sim::History historyOf(const Run& r, const std::vector<uint32_t>& frames,
   h.events = held.events;
   h.wallTime = r.endAt;
   h.stampTick = r.stampTick;
+  h.linesLost = r.lostLines;
   h.unsupportedRules["licence"] =
       "rebuilt from a log: the log has no licence identities, only the FDs jobs were given";
   h.unsupportedRules["pool"] =
@@ -973,14 +1065,19 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
   }
   sim::History chunk = historyOf(r, frames, context);
   if (r.debugLines > 0) {
-    sim::CheckResult res = sim::checkHistory(chunk);
+    // Whether a breach resting on an absent line counts is decided at the end, once it is
+    // known whether the log lost lines.
+    sim::CheckResult res = sim::checkHistory(chunk, {/*absentApart=*/true});
     dropInFlightDeliveries(r, &res.violations);
+    dropInFlightDeliveries(r, &res.absent);
     sim::CheckResult& all = r.settledCheck;
     for (sim::Violation& v : res.violations) all.violations.push_back(std::move(v));
     for (sim::Violation& v : res.notes) all.notes.push_back(std::move(v));
     for (sim::Violation& v : res.sameStamp) all.sameStamp.push_back(std::move(v));
+    for (sim::Violation& v : res.absent) all.absent.push_back(std::move(v));
     all.skipped.insert(res.skipped.begin(), res.skipped.end());
     all.jobsChecked += res.jobsChecked;
+    all.startsLost += res.startsLost;
   }
   for (uint32_t f : batch) accumulate(r, r.frames.at(f));
   r.settledFrames += batch.size();

@@ -69,6 +69,8 @@ struct SensorFrame {
   bool cfgSent = false, cfgStarted = false, cfgDone = false, setConfigured = false;
   Nanos cfgSentAt = 0, cfgStart = 0, cfgEnd = 0, setConfiguredAt = 0;
   int32_t cfgFd = -1;
+  // The log lost the licence line that marks the job's start; a later line proved it ran.
+  bool cfgStartLost = false, enqStartLost = false;
   // Enqueue. `enqSentSeen`: the send's own line (needs the force-log property); otherwise the
   // send is first seen by its wait lines or its licence.
   bool enqSentSeen = false, enqWaitSeen = false, enqStarted = false, enqDone = false;
@@ -167,6 +169,10 @@ struct Run {
   uint64_t debugLines = 0;    // prepare lines: the debug level was on
   uint64_t verboseLines = 0;  // lines only the force-log property writes
   uint64_t truncated = 0;     // lines cut at the logger's 1023 bytes
+  uint64_t lostLines = 0;     // lines a later line proves were written, missing from the log
+  std::string firstLost;      // the first of them: which line, of which job, before which
+  // Per thread, the frames the in-flight report it is making listed, not broken yet.
+  std::map<int, std::vector<uint32_t>> unbrokenSyncFrames;
   Nanos endAt = 0;
   // The capture's end on this run's clock: the last time stamp of any line in the file, of any
   // tag or process. A send waiting at that point has waited at least this long.

@@ -169,33 +169,34 @@ void printReport(std::ostream& out, const History& h, const CheckResult& check,
     out << line;
   }
   out << "\n";
-  if (!check.clean()) {
-    out << "violations:\n";
+  // A heading, then the first `maxViolations` breaches of a list.
+  auto list = [&out, maxViolations](const std::string& heading,
+                                    const std::vector<Violation>& breaches) {
+    if (breaches.empty()) return;
+    out << heading << "\n";
     size_t shown = 0;
-    for (const auto& v : check.violations) {
+    for (const auto& v : breaches) {
       if (shown++ == maxViolations) {
-        out << "  ... and " << check.violations.size() - maxViolations << " more\n";
+        out << "  ... and " << breaches.size() - maxViolations << " more\n";
         break;
       }
       out << "  [" << v.rule << "] " << v.message << "\n";
     }
     out << "\n";
-  }
-  if (!check.sameStamp.empty()) {
-    out << "not counted (" << check.sameStamp.size()
-        << "): ordered only by line within one time stamp of the source\n";
-    size_t shown = 0;
-    for (const auto& v : check.sameStamp) {
-      if (shown++ == maxViolations) {
-        out << "  ... and " << check.sameStamp.size() - maxViolations << " more\n";
-        break;
-      }
-      out << "  [" << v.rule << "] " << v.message << "\n";
-    }
-    out << "\n";
-  }
+  };
+  list("violations:", check.violations);
+  list("not counted (" + std::to_string(check.sameStamp.size()) +
+           "): ordered only by line within one time stamp of the source",
+       check.sameStamp);
+  list("not counted (" + std::to_string(check.absent.size()) +
+           "): rest only on a record being absent, and the source lost records",
+       check.absent);
   for (const auto& skipped : check.skipped) {
     out << "not checked: " << skipped.first << " (" << skipped.second << ")\n";
+  }
+  if (check.startsLost) {
+    out << "not checked: order, sync, raw switch and FD of " << check.startsLost
+        << " job(s) whose start the source lost\n";
   }
   out << verdictLine(check) << "\n";
 }
@@ -227,7 +228,7 @@ const std::string& itemJson(JsonText& t, const SetConfiguredRecord& r) {
   return t.begin().num("sensor", r.sensor).num("frame", r.frame).num("at", r.at).end();
 }
 const std::string& itemJson(JsonText& t, const JobRecord& j) {
-  return t.begin()
+  t.begin()
       .num("sensor", j.sensor)
       .num("frame", j.frame)
       .str("kind", jobKindName(j.kind))
@@ -237,8 +238,9 @@ const std::string& itemJson(JsonText& t, const JobRecord& j) {
       .boolean("ran", j.ran)
       .num("result", j.result)
       .num("serial", int64_t(j.serial))
-      .num("fd", j.fd)
-      .end();
+      .num("fd", j.fd);
+  if (j.startLost) t.boolean("startLost", true);
+  return t.end();
 }
 const std::string& itemJson(JsonText& t, const EventRecord& e) {
   return t.begin()
@@ -283,6 +285,7 @@ std::string historyHead(const History& h) {
   root["wallTimeNs"] = h.wallTime;
   root["teardownAtNs"] = h.teardownAt;
   if (h.stampTick > 0) root["stampTickNs"] = h.stampTick;
+  if (h.linesLost > 0) root["linesLost"] = h.linesLost;
   root["framesLeftInPool"] = h.framesLeftInPool;
   if (!h.unsupportedRules.empty()) root["unsupportedRules"] = h.unsupportedRules;
   root["account"] = {{"acquired", h.account.acquired},

@@ -165,6 +165,26 @@ Finding sameStampWarning(const Run& r, const sim::CheckResult& check) {
   return {"same-stamp", text};
 }
 
+// Breaches that rest only on a line being absent, in a log that is known to have lost lines.
+Finding lostLinesWarning(const Run& r, const sim::CheckResult& check) {
+  std::string text = std::to_string(check.absent.size()) +
+                     " breach(es) that rest only on a line being absent, in a log that lost " +
+                     std::to_string(r.lostLines) +
+                     " line(s) that later lines prove were written (the first: " + r.firstLost +
+                     ")\n    needs attention: each may be a line logd dropped; a capture that "
+                     "keeps every line (a larger buffer, adb logcat -G 16M, fewer other logs) "
+                     "settles them";
+  size_t shown = 0;
+  for (const sim::Violation& v : check.absent) {
+    if (shown++ == 3) {
+      text += "\n    ... and " + std::to_string(check.absent.size() - 3) + " more";
+      break;
+    }
+    text += "\n    [" + v.rule + "] " + v.message;
+  }
+  return {"lost-lines", text};
+}
+
 Analysis analyse(const Run& r, const AnalysisOptions& options) {
   Analysis a;
   a.debugMissing = r.debugLines == 0;
@@ -214,20 +234,30 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
 
   if (!a.debugMissing) {
     // Frames that settled during the read were checked then; the rest are checked now.
-    sim::CheckResult last = sim::checkHistory(r.history);
+    sim::CheckResult last = sim::checkHistory(r.history, {/*absentApart=*/true});
     dropInFlightDeliveries(r, &last.violations);
+    dropInFlightDeliveries(r, &last.absent);
     a.check = r.settledCheck;
     a.check.violations.insert(a.check.violations.end(), last.violations.begin(),
                               last.violations.end());
     a.check.notes.insert(a.check.notes.end(), last.notes.begin(), last.notes.end());
     a.check.sameStamp.insert(a.check.sameStamp.end(), last.sameStamp.begin(), last.sameStamp.end());
+    a.check.absent.insert(a.check.absent.end(), last.absent.begin(), last.absent.end());
+    // A log that lost no line shows every record: a breach resting on an absent one counts.
+    if (r.lostLines == 0) {
+      a.check.violations.insert(a.check.violations.end(), a.check.absent.begin(),
+                                a.check.absent.end());
+      a.check.absent.clear();
+    }
     a.check.skipped.insert(last.skipped.begin(), last.skipped.end());
     a.check.jobsChecked += last.jobsChecked;
+    a.check.startsLost += last.startsLost;
     auto byTime = [](const sim::Violation& x, const sim::Violation& y) { return x.at < y.at; };
     std::stable_sort(a.check.violations.begin(), a.check.violations.end(), byTime);
     std::stable_sort(a.check.notes.begin(), a.check.notes.end(), byTime);
     for (const sim::Violation& v : a.check.violations) a.findings.push_back({v.rule, v.message});
     if (!a.check.sameStamp.empty()) a.warnings.push_back(sameStampWarning(r, a.check));
+    if (!a.check.absent.empty()) a.warnings.push_back(lostLinesWarning(r, a.check));
   }
 
   a.notCheckable.push_back(

@@ -243,6 +243,13 @@ int main(int argc, char** argv) {
       std::cout << run.unpreparedJobs
                 << " job(s) of frames prepared before the log begins were left out\n";
     }
+    if (run.lostLines) {
+      std::cout << run.lostLines
+                << " line(s) are missing that later lines prove were written (the first: "
+                << run.firstLost
+                << "); logd drops lines when it is overloaded. Their jobs count as run; what "
+                   "rests on their start (order, sync, raw switch, FD, wait) is not checked\n";
+    }
     if (run.truncated) {
       std::cout << run.truncated
                 << " line(s) were cut at the logger's 1023 bytes; their lists are partial\n";
