@@ -166,6 +166,8 @@ void LogReader::processLine(std::string_view raw, LogLine& line, int64_t fileAt)
   ++library_;
   Context& c = sessionFor(line, fileAt);
   if (line.level == '?' || line.layout == Layout::Raw) c.run.hasLevel = false;
+  if (line.tag == "OrvCam/CamDeliverGuard") ++c.run.guardLines;
+  if (line.level == 'D' || line.level == 'V') ++c.run.debugLevelLines;
   if (raw.size() >= kLoggerLineLimit) ++c.run.truncated;
   handle(c, line, fileAt);
   maybeSettle(c);

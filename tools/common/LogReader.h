@@ -165,6 +165,9 @@ struct Run {
   Nanos stampTick = 0;
   bool hasTid = true;
   bool hasLevel = true;
+  // Lines of the guard's tag, and lines at debug or verbose level of any of the deliverer's
+  // tags: debug lines without the guard's tell a capture filtered by tag.
+  uint64_t guardLines = 0, debugLevelLines = 0;
   uint64_t lines = 0;         // the library's lines of this process
   uint64_t debugLines = 0;    // prepare lines: the debug level was on
   uint64_t verboseLines = 0;  // lines only the force-log property writes

@@ -185,6 +185,18 @@ Finding lostLinesWarning(const Run& r, const sim::CheckResult& check) {
   return {"lost-lines", text};
 }
 
+std::string whyNothingToRebuild(const Run& r) {
+  if (r.guardLines == 0 && r.debugLevelLines > 0) {
+    return "the log has debug lines of the deliverer but none of the tag OrvCam/CamDeliverGuard, "
+           "which writes the preparations, waits and completions: it looks filtered by tag. "
+           "Capture every tag, or name all four: adb logcat -v threadtime -s OrvCam/CamDeliver "
+           "OrvCam/CamDeliverGuard OrvCam/FrameContextPool OrvCam/LicenseQueue";
+  }
+  return "the log has none of the deliverer's debug lines (only its warnings, errors or "
+         "constructor line); they need " +
+         std::string(kHowToEnableDebug);
+}
+
 Analysis analyse(const Run& r, const AnalysisOptions& options) {
   Analysis a;
   a.debugMissing = r.debugLines == 0;
@@ -266,11 +278,8 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
       std::string(kHowToEnableVerbose) +
       " on a deliverer built after another one; acquisitions are the pipe manager's own)");
   if (a.debugMissing) {
-    a.notCheckable.push_back(
-        "order, sync, raw-switch, fd, delivery and blocked sends: the log has none of the "
-        "library's debug lines (\"[prepare] [S:N F:N] prepared, order(N)\", \"[getLicense] "
-        "[S:N F:N] FD(N)\", \"[finished] ...\", the wait lines); they need " +
-        std::string(kHowToEnableDebug));
+    a.notCheckable.push_back("order, sync, raw-switch, fd, delivery and blocked sends: " +
+                             whyNothingToRebuild(r));
   } else if (r.verboseLines == 0) {
     a.notCheckable.push_back(
         "wait times of enqueue sends: counted from the first wait line instead of the call, "

@@ -221,6 +221,9 @@ class ScenarioWriter {
 // How to get the lines this tool needs.
 extern const char* const kHowToEnableDebug;
 extern const char* const kHowToEnableVerbose;
+// Why a session without preparation lines has nothing to rebuild, and what to capture instead:
+// the debug level is off, or the capture was filtered by tag and left out the guard's.
+std::string whyNothingToRebuild(const Run& run);
 
 }  // namespace logread
 }  // namespace orvcam

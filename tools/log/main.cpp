@@ -195,6 +195,7 @@ int main(int argc, char** argv) {
 
   bool findings = false;
   bool nothingRebuilt = true;
+  std::string whyNothing;
   const logread::Run* chosen = nullptr;
   for (const logread::Run& run : runs) {
     if ((pid < 0 || run.pid == pid) && (session < 0 || run.session == session)) chosen = &run;
@@ -223,9 +224,8 @@ int main(int argc, char** argv) {
     if (stallMs >= 0) options.stallNs = sim::Nanos(stallMs * 1e6);
     logread::Analysis analysis = logread::analyse(run, options);
     if (analysis.debugMissing) {
-      std::cout << "  nothing to rebuild: the log has none of the deliverer's debug lines (only "
-                   "its warnings, errors or constructor line); they need "
-                << logread::kHowToEnableDebug << "\n\n";
+      std::cout << "  nothing to rebuild: " << logread::whyNothingToRebuild(run) << "\n\n";
+      whyNothing = logread::whyNothingToRebuild(run);
     } else {
       nothingRebuilt = false;
       std::cout << "\n";
@@ -239,7 +239,7 @@ int main(int argc, char** argv) {
                 << analysis.check.jobsChecked << " jobs checked for order, sync, raw switch, FD "
                 << "and delivery\n";
     }
-    if (run.unpreparedJobs) {
+    if (run.unpreparedJobs && !analysis.debugMissing) {
       std::cout << run.unpreparedJobs
                 << " job(s) of frames prepared before the log begins were left out\n";
     }
@@ -295,10 +295,8 @@ int main(int argc, char** argv) {
   }
   if (findings) return kExitFindings;
   if (nothingRebuilt) {
-    std::cerr << "camdeliver-log: " << inputName
-              << ": none of the deliverer's debug lines; nothing could be checked. "
-                 "Capture again with "
-              << logread::kHowToEnableDebug << "\n";
+    std::cerr << "camdeliver-log: " << inputName << ": nothing could be checked: " << whyNothing
+              << "\n";
     return kExitBadInput;
   }
   return 0;
