@@ -14,6 +14,7 @@
 #include "LogReader.h"
 #include "LogReport.h"
 #include "Report.h"
+#include "TextInput.h"
 
 namespace orvcam {
 namespace logread {
@@ -240,6 +241,56 @@ TEST_F(LogTest, ANewSensorStartingTheFramesAgainIsANewSession) {
 
 // Merged buffers step back a little, a clock change steps back far, and a capture without
 // years crosses the new year: the timeline keeps going forward and the jumps are reported.
+// Captures saved by a Windows editor (a byte order mark) or by PowerShell's > (UTF-16 with a
+// mark, CR LF line ends) read as the same lines as the capture itself.
+TEST(TextInputTest, ReadsTheEncodingsCapturesArriveIn) {
+  auto lines = [](const std::string& bytes, TextInput::Encoding* encoding = nullptr) {
+    std::istringstream in(bytes);
+    TextInput input(in);
+    std::vector<std::string> out;
+    std::string line;
+    while (input.next(&line)) out.push_back(line);
+    if (encoding) *encoding = input.encoding();
+    return out;
+  };
+  auto utf16 = [](const std::u16string& text, bool little, bool mark) {
+    std::string out = mark ? (little ? "\xFF\xFE" : "\xFE\xFF") : "";
+    for (char16_t u : text) {
+      char lo = char(u & 0xFF), hi = char(u >> 8);
+      out += little ? std::string{lo, hi} : std::string{hi, lo};
+    }
+    return out;
+  };
+  const std::vector<std::string> two{"ab\r", "c \xF0\x9F\x93\xB7"};  // CR kept; U+1F4F7
+  TextInput::Encoding e;
+  EXPECT_EQ(lines("ab\r\nc \xF0\x9F\x93\xB7\n", &e), two);
+  EXPECT_EQ(e, TextInput::Encoding::Utf8);
+  EXPECT_EQ(lines("\xEF\xBB\xBF"
+                  "ab\r\nc \xF0\x9F\x93\xB7",
+                  &e),
+            two);
+  EXPECT_EQ(e, TextInput::Encoding::Utf8WithMark);
+  const std::u16string text = u"ab\r\nc \U0001F4F7\n";
+  for (bool little : {true, false}) {
+    for (bool mark : {true, false}) {
+      EXPECT_EQ(lines(utf16(text, little, mark), &e), two) << little << mark;
+      EXPECT_EQ(e, little ? TextInput::Encoding::Utf16Le : TextInput::Encoding::Utf16Be);
+    }
+  }
+  // A lone surrogate becomes U+FFFD; an odd last byte is dropped; short first lines survive
+  // the look at the first three bytes.
+  std::string lone = utf16(
+                         u"a\xD800"
+                         u"b\n",
+                         true, true) +
+                     "x";
+  EXPECT_EQ(lines(lone), std::vector<std::string>{"a\xEF\xBF\xBD"
+                                                  "b"});
+  EXPECT_EQ(lines("a\nb\n"), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(lines("\n\nz"), (std::vector<std::string>{"", "", "z"}));
+  EXPECT_TRUE(lines("").empty());
+}
+
 TEST(LogClockTest, KeepsTimeGoingForward) {
   LogClock clock;
   auto at = [](int month, int day, int h, int m, int s, int ms) {

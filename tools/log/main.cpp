@@ -12,6 +12,7 @@
 #include "LogReader.h"
 #include "LogReport.h"
 #include "Report.h"
+#include "TextInput.h"
 
 namespace {
 
@@ -137,10 +138,16 @@ int main(int argc, char** argv) {
   }
   std::string line;
   std::string firstLine;
-  while (std::getline(*in, line)) {
+  logread::TextInput input(*in);
+  while (input.next(&line)) {
     size_t text = line.find_first_not_of(" \t\r");
     if (firstLine.empty() && text != std::string::npos) firstLine = line.substr(text);
     reader.addLine(line);
+  }
+  if (input.encoding() == logread::TextInput::Encoding::Utf16Le ||
+      input.encoding() == logread::TextInput::Encoding::Utf16Be) {
+    std::cout << "read as " << logread::TextInput::name(input.encoding())
+              << " (as Windows PowerShell's > writes it)\n";
   }
   if (reader.totalLines() == 0) {
     std::cerr << "camdeliver-log: " << inputName << ": empty, no line to read\n";
