@@ -6,6 +6,8 @@
 //   log_corpus midnight IN OUT                    the run moved to cross a new year
 //   log_corpus bugreport IN OUT                   inside a bugreport's text, as its system log
 //                                                 section (uid, printable) among other sections
+//   log_corpus overlap IN OUT                     its first two thirds, then its last two
+//                                                 thirds: two captures joined with an overlap
 //   log_corpus lossy SEED IN OUT                  about one line in 50 left out, as logd drops
 //                                                 lines when it is overloaded
 #include <cstdint>
@@ -108,8 +110,9 @@ std::string format(const Line& l, const std::string& layout, const std::set<std:
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::cerr << "usage: log_corpus layout|sessions|backwards|midnight|bugreport|lossy ... IN "
-                 "OUT\n";
+    std::cerr
+        << "usage: log_corpus layout|sessions|backwards|midnight|bugreport|overlap|lossy ... IN "
+           "OUT\n";
     return 2;
   }
   std::string mode = argv[1];
@@ -146,6 +149,12 @@ int main(int argc, char** argv) {
         if (newTids) l.tid += 1000 * i;
         out << format(l, "threadtime", {}) << "\n";
       }
+    }
+  } else if (mode == "overlap") {
+    size_t third = lines.size() / 3;
+    for (size_t i = 0; i < 2 * third; ++i) out << format(lines[i], "threadtime", {}) << "\n";
+    for (size_t i = third; i < lines.size(); ++i) {
+      out << format(lines[i], "threadtime", {}) << "\n";
     }
   } else if (mode == "lossy") {
     uint64_t state = std::strtoull(argv[2], nullptr, 10) * 2654435761u + 1;

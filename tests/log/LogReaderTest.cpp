@@ -13,6 +13,7 @@
 #include "HistoryJson.h"
 #include "LogReader.h"
 #include "LogReport.h"
+#include "RepeatedLines.h"
 #include "Report.h"
 #include "TextInput.h"
 
@@ -289,6 +290,30 @@ TEST(TextInputTest, ReadsTheEncodingsCapturesArriveIn) {
   EXPECT_EQ(lines("a\nb\n"), (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(lines("\n\nz"), (std::vector<std::string>{"", "", "z"}));
   EXPECT_TRUE(lines("").empty());
+}
+
+// Two captures joined with an overlap repeat a stretch, stamps and all: skipped once it is
+// seen to step back onto lines already read, and only while it follows them. A line that
+// steps back without repeating one (merged buffers), or a repeat that breaks off, is read.
+TEST(RepeatedLinesTest, SkipsAStretchReadBeforeAndNothingElse) {
+  RepeatedLines r;
+  auto feed = [&r](const std::vector<std::pair<int64_t, std::string>>& lines) {
+    std::string kept;
+    for (const auto& l : lines) {
+      if (!r.repeated(l.second, l.first)) kept += l.second;
+    }
+    return kept;
+  };
+  EXPECT_EQ(feed({{1, "a"}, {2, "b"}, {2, "c"}, {3, "d"}}), "abcd");
+  EXPECT_EQ(feed({{2, "b"}, {2, "c"}, {3, "d"}, {4, "e"}}), "e");  // the join, then new lines
+  EXPECT_EQ(r.skipped(), 3u);
+  EXPECT_EQ(r.stretches(), 1u);
+  EXPECT_EQ(feed({{3, "x"}, {5, "f"}}), "xf");  // back in time, but not a line read before
+  // A repeat that breaks off: the rest is read.
+  EXPECT_EQ(feed({{3, "x"}, {6, "h"}, {7, "i"}}), "hi");
+  EXPECT_EQ(r.stretches(), 2u);
+  // The same text with another stamp is another line.
+  EXPECT_EQ(feed({{8, "h"}}), "h");
 }
 
 TEST(LogClockTest, KeepsTimeGoingForward) {

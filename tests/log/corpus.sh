@@ -1,8 +1,9 @@
 #!/bin/sh
 # The simulator's debug log of one scenario, turned into the shapes field logs arrive in (every
 # logcat layout and modifier, a bugreport, several sessions in one process, time stamps out of
-# order, a new year crossed, cuts at every line), reads back with the simulator's per-sensor
-# counts and no false finding, and with the same result when frames are let go four at a time.
+# order, a new year crossed, two captures joined with an overlap, lost lines, cuts at every
+# line), reads back with no false finding and, but for the lost lines and the cuts, with the
+# simulator's per-sensor counts and the same result when frames are let go four at a time.
 # A scenario whose client sends no-frame enqueues is given "noframe" as sixth argument: those
 # write no line unless they wait, so the enqueued column is left out of the comparison.
 #   corpus.sh SIM LOG CORPUS SCENARIO WORKDIR [noframe]
@@ -48,6 +49,8 @@ read_back "$work/backwards.log" "$expected"
 read_back "$work/midnight.log" "$expected"
 "$corpus" bugreport "$work/run.log" "$work/bugreport.txt"
 read_back "$work/bugreport.txt" "$expected"
+"$corpus" overlap "$work/run.log" "$work/overlap.log"
+read_back "$work/overlap.log" "$expected"
 # A capture that lost lines gives no finding: what later lines prove is taken as written, and
 # a breach that rests only on a line being absent is named for attention, not failed.
 for seed in 1 2 3 4 5 6 7 8; do

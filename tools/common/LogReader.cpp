@@ -138,6 +138,7 @@ void LogReader::addLine(std::string_view raw) {
     ++parsed_;
     if (firstLayout_ == Layout::Unknown) firstLayout_ = line.layout;
   }
+  if (line.hasTime && line.layout != Layout::Long && repeats_.repeated(raw, line.timeNs)) return;
   compareWithPrevious(raw, line);
   if (line.level == '?') {
     // Raw lines have no level: fatal and warning texts are known by their words.

@@ -21,6 +21,7 @@
 #include "DurationHistogram.h"
 #include "History.h"
 #include "MessageCatalogue.h"
+#include "RepeatedLines.h"
 
 namespace orvcam {
 namespace logread {
@@ -287,6 +288,8 @@ class LogReader {
   // file sorted line by line (`sort merged.txt`) has them all in text order, and the order of
   // events within a stamp, that the checks rest on, is lost.
   uint64_t sameStampAscending() const { return sameStampAscending_; }
+  // Lines that repeated a stretch read before (captures joined with an overlap), skipped.
+  const RepeatedLines& repeats() const { return repeats_; }
   uint64_t sameStampDescending() const { return sameStampDescending_; }
   static constexpr uint64_t kSortedEvidence = 64;
   bool sortedLineByLine() const {
@@ -342,6 +345,7 @@ class LogReader {
   std::string previousLine_;   // the last line read with a time stamp, and its stamp
   int64_t previousStamp_ = -1;
   uint64_t sameStampAscending_ = 0, sameStampDescending_ = 0;
+  RepeatedLines repeats_;
   void compareWithPrevious(std::string_view raw, const LogLine& line);
 };
 

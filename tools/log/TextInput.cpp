@@ -27,14 +27,10 @@ void appendUtf8(std::string* out, unsigned long cp) {
 
 const char* TextInput::name(Encoding e) {
   switch (e) {
-    case Encoding::Utf8:
-      return "UTF-8";
-    case Encoding::Utf8WithMark:
-      return "UTF-8 with a byte order mark";
-    case Encoding::Utf16Le:
-      return "UTF-16 little endian";
-    case Encoding::Utf16Be:
-      return "UTF-16 big endian";
+    case Encoding::Utf8: return "UTF-8";
+    case Encoding::Utf8WithMark: return "UTF-8 with a byte order mark";
+    case Encoding::Utf16Le: return "UTF-16 little endian";
+    case Encoding::Utf16Be: return "UTF-16 big endian";
   }
   return "";
 }
@@ -109,7 +105,7 @@ bool TextInput::nextUtf16(std::string* line) {
       if (low >= 0xDC00 && low < 0xE000) {
         cp = 0x10000 + ((cp - 0xD800) << 10) + (unsigned long)(low - 0xDC00);
       } else {
-        cp = 0xFFFD;                // a lone surrogate
+        cp = 0xFFFD;              // a lone surrogate
         if (low >= 0) pos_ -= 2;  // read again as the next unit
       }
     } else if (cp >= 0xDC00 && cp < 0xE000) {

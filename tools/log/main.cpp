@@ -194,6 +194,11 @@ int main(int argc, char** argv) {
               << " time stamp(s) were earlier than the line before (merged buffers); held at "
                  "the previous one\n";
   }
+  if (reader.repeats().skipped() > 0) {
+    std::cout << reader.repeats().skipped() << " line(s) in " << reader.repeats().stretches()
+              << " stretch(es) repeated lines read before, stamps and all (captures joined with "
+                 "an overlap): read once\n";
+  }
   for (const logread::ClockStep& step : clock.steps()) {
     std::cout << "the clock jumped " << (step.stepNs < 0 ? "back " : "forward ")
               << double(step.stepNs < 0 ? -step.stepNs : step.stepNs) / 1e9 << " s at line "
