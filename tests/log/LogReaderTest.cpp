@@ -608,6 +608,29 @@ TEST_F(LogTest, LinesTheLogLostAreInferredAndAbsencesNotCounted) {
   EXPECT_TRUE(a.warnings.empty());
 }
 
+// A prepare line lost shows by the pool's lookup of the frame's previous one, which names the
+// order it was given; a drop report lost, by the guard's drop after it.
+TEST_F(LogTest, LostPrepareAndDropReportAreTakenFromTheLinesAfterThem) {
+  prepare(0, 0, 1, 0);
+  prepare(2, 0, 3, 2);
+  add(tt(3, 10, 'D', "FrameContextPool",
+         "[getPreviousFC] [S:0 F:2] get previous frameNo(1) order(0) < currentOrder(1)"));
+  enqueue(4, 0, 1, 5, true);
+  enqueue(6, 0, 2, 6, true);
+  add(tt(8, 12, 'D', "CamDeliverGuard", "[drop] [S:0 F:3] drop"));
+  add(tt(8, 12, 'D', "CamDeliverGuard", "[drop] [S:0 F:3] is last, erase"));
+  logread::Run r = only();
+  EXPECT_EQ(r.lostLines, 2u);
+  EXPECT_EQ(r.firstLost, "the prepare of S:0 F:2 before line 3");
+  EXPECT_EQ(r.totals.at(0).prepared, 3u);
+  EXPECT_EQ(r.totals.at(0).dropped, 1u);
+  ASSERT_EQ(r.history.prepares.size(), 3u);
+  EXPECT_EQ(r.history.prepares[1].frame, 2u);  // in preparation order
+  Analysis a = analyse(r);
+  EXPECT_TRUE(a.findings.empty()) << a.findings[0].text;
+  EXPECT_TRUE(a.warnings.empty()) << a.warnings[0].text;
+}
+
 TEST_F(LogTest, CheckerFindsAnOrderBreachInAnEditedLog) {
   prepare(0, 0, 1, 0);
   prepare(1, 0, 2, 1);

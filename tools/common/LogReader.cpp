@@ -361,28 +361,78 @@ struct LineScope {
     h.events[e->second].end = at;
     return &h.events[e->second];
   }
-  // Only an in-flight report of value 0 lists frames for their sync break, changes their FDs
-  // and breaks their sync: when the thread has none open, the report's own line was lost, and
-  // it is made up at this line's time.
-  sim::EventRecord& inflightReport(uint32_t s, uint32_t f) {
-    sim::EventRecord* e = openEvent();
-    if (e && e->kind == sim::EventKind::InformInflight && e->value == 0) return *e;
-    lostLine("the in-flight report of S:" + std::to_string(s));
-    sim::EventRecord made;
-    made.kind = sim::EventKind::InformInflight;
-    made.sensor = s;
-    made.frame = f;
-    made.begin = made.end = at;
-    h.events.push_back(std::move(made));
+  // A client event reported at this line's time: what it does to the frames the log shows.
+  sim::EventRecord& addEvent(sim::EventKind kind, uint32_t s, uint32_t f, uint32_t value) {
+    sim::EventRecord e;
+    e.kind = kind;
+    e.sensor = s;
+    e.frame = f;
+    e.value = value;
+    e.begin = e.end = at;
+    if (e.kind == sim::EventKind::Flush) {
+      // Every frame still in flight that the sensor prepared counts as flushed for it.
+      // The pool holds at most 19 frames, so the scan back stops after a run of frames
+      // that are all done.
+      constexpr int kDoneRunEnd = 64;
+      auto seq = r.sequence.find(s);
+      if (seq != r.sequence.end()) {
+        int doneRun = 0;
+        for (auto it = seq->second.rbegin(); it != seq->second.rend() && doneRun < kDoneRunEnd;
+             ++it) {
+          auto st = r.states.find({s, *it});
+          auto fi = r.frames.find(*it);
+          if (st == r.states.end() || st->second.done() || fi == r.frames.end() ||
+              fi->second.retired) {
+            ++doneRun;
+            continue;
+          }
+          doneRun = 0;
+          st->second.flushed = true;
+          st->second.flushedAt = at;
+          e.frames.push_back(*it);
+        }
+      }
+      std::sort(e.frames.begin(), e.frames.end());
+      e.frames.erase(std::unique(e.frames.begin(), e.frames.end()), e.frames.end());
+    }
+    if (e.kind == sim::EventKind::Drop) {
+      SensorFrame& st = state(s, f);
+      st.dropped = true;
+      st.droppedAt = at;
+      frameInfo(f).sensors.insert(s);
+      ++r.totals[s].dropped;
+    }
+    r.sawDropOrFlush =
+        r.sawDropOrFlush || e.kind == sim::EventKind::Drop || e.kind == sim::EventKind::Flush;
+    h.events.push_back(std::move(e));
     lastEvent[line.tid] = h.events.size() - 1;
     eventOpen[line.tid] = true;
     return h.events.back();
   }
+  // Only an in-flight report of value 0 lists frames for their sync break, changes their FDs
+  // and breaks their sync: when the thread has none open, the report's own line was lost, and
+  // it is made up at this line's time.
+  // Without thread ids, lines of other threads in between may have closed the report: its
+  // frames go to the latest report of the log instead.
+  sim::EventRecord* inflightReport(uint32_t s, uint32_t f) {
+    sim::EventRecord* e = openEvent();
+    if (e && e->kind == sim::EventKind::InformInflight && e->value == 0) return e;
+    if (line.tid < 0) {
+      for (auto it = h.events.rbegin(); it != h.events.rend(); ++it) {
+        if (it->kind == sim::EventKind::InformInflight && it->value == 0) return &*it;
+      }
+      return nullptr;
+    }
+    lostLine("the in-flight report of S:" + std::to_string(s));
+    return &addEvent(sim::EventKind::InformInflight, s, f, 0);
+  }
   // Any of those lines proves the frame's sync broken.
   void breakSync(uint32_t s, uint32_t f) {
     frameInfo(f).syncBroken = true;
-    std::vector<uint32_t>& frames = inflightReport(s, f).frames;
-    if (std::find(frames.begin(), frames.end(), f) == frames.end()) frames.push_back(f);
+    sim::EventRecord* e = inflightReport(s, f);
+    if (e && std::find(e->frames.begin(), e->frames.end(), f) == e->frames.end()) {
+      e->frames.push_back(f);
+    }
   }
   static void firstFd(SensorFrame& st, int32_t fd) {
     if (st.firstFd < 0) st.firstFd = fd;
@@ -468,48 +518,7 @@ void LineScope::onDeliver() {
       }
     }
     if (!known) return;
-    e.sensor = sensor;
-    e.frame = frame;
-    e.value = uint32_t(value);
-    e.begin = e.end = at;
-    if (e.kind == sim::EventKind::Flush) {
-      // Every frame still in flight that the sensor prepared counts as flushed for it.
-      // The pool holds at most 19 frames, so the scan back stops after a run of frames
-      // that are all done.
-      constexpr int kDoneRunEnd = 64;
-      auto seq = r.sequence.find(sensor);
-      if (seq != r.sequence.end()) {
-        int doneRun = 0;
-        for (auto it = seq->second.rbegin(); it != seq->second.rend() && doneRun < kDoneRunEnd;
-             ++it) {
-          auto st = r.states.find({sensor, *it});
-          auto fi = r.frames.find(*it);
-          if (st == r.states.end() || st->second.done() || fi == r.frames.end() ||
-              fi->second.retired) {
-            ++doneRun;
-            continue;
-          }
-          doneRun = 0;
-          st->second.flushed = true;
-          st->second.flushedAt = at;
-          e.frames.push_back(*it);
-        }
-      }
-      std::sort(e.frames.begin(), e.frames.end());
-      e.frames.erase(std::unique(e.frames.begin(), e.frames.end()), e.frames.end());
-    }
-    if (e.kind == sim::EventKind::Drop) {
-      SensorFrame& st = state(sensor, frame);
-      st.dropped = true;
-      st.droppedAt = at;
-      frameInfo(frame).sensors.insert(sensor);
-      ++r.totals[sensor].dropped;
-    }
-    r.sawDropOrFlush =
-        r.sawDropOrFlush || e.kind == sim::EventKind::Drop || e.kind == sim::EventKind::Flush;
-    h.events.push_back(std::move(e));
-    lastEvent[line.tid] = h.events.size() - 1;
-    eventOpen[line.tid] = true;
+    addEvent(e.kind, sensor, frame, uint32_t(value));
   }
 }
 
@@ -644,6 +653,15 @@ void LineScope::onGuard() {
       frameInfo(frame).retiredAt = at;
     }
     sim::EventRecord* e = openEvent();
+    // The guard's drop follows the drop report's own line: without it, that line was lost
+    // (before the frame's prepare, the log began after it).
+    if (func == "drop" && !gone(frame)) {
+      SensorFrame& st = state(sensor, frame);
+      if (!st.dropped && st.prepared) {
+        lostLine("the drop report of S:" + std::to_string(sensor) + " F:" + std::to_string(frame));
+        e = &addEvent(sim::EventKind::Drop, sensor, frame, 0);
+      }
+    }
     // Without thread ids the drop's own last line ends it: a release after it is another
     // thread's (a setConfigured).
     if (line.tid < 0 && func == "drop" && e && e->kind == sim::EventKind::Drop &&
@@ -654,10 +672,36 @@ void LineScope::onGuard() {
 }
 
 void LineScope::onPool() {
-  if (func == "getPreviousFC" && hasSF) {
-    int64_t prev = -1;
-    if (numberAfter(tail, "previous frameNo(", &prev)) state(sensor, frame).previousFrame = prev;
+  if (func != "getPreviousFC" || !hasSF) return;
+  SensorFrame& st = state(sensor, frame);
+  int64_t prev = -1, order = -1;
+  if (numberAfter(tail, "previous frameNo(", &prev)) st.previousFrame = prev;
+  // The pool knows the frame's order stamp only once the sensor prepared it: a frame of a
+  // sensor already preparing in this log, after its first, lost its prepare line.
+  auto seq = r.sequence.find(sensor);
+  if (st.prepared || gone(frame) || seq == r.sequence.end() || seq->second.empty() ||
+      frame <= *std::min_element(seq->second.begin(), seq->second.end()) ||
+      !numberAfter(tail, "currentOrder(", &order)) {
+    return;
   }
+  lostLine("the prepare of S:" + std::to_string(sensor) + " F:" + std::to_string(frame));
+  st.prepared = true;
+  st.order = order;
+  // In preparation order: before the sensor's frames after it, at the time the first of them
+  // was prepared (it was prepared by then).
+  std::vector<uint32_t>& frames = seq->second;
+  frames.insert(std::upper_bound(frames.begin(), frames.end(), frame), frame);
+  auto next = h.prepares.end();
+  for (auto it = h.prepares.end(); it != h.prepares.begin();) {
+    --it;
+    if (it->sensor != sensor) continue;
+    if (it->frame < frame) break;
+    next = it;
+  }
+  st.preparedAt = next == h.prepares.end() ? at : next->at;
+  h.prepares.insert(next, {sensor, frame, st.preparedAt});
+  frameInfo(frame).sensors.insert(sensor);
+  ++r.totals[sensor].prepared;
 }
 
 void LineScope::onQueue() {

@@ -141,6 +141,16 @@ Nanos derivedStallNs(const Run& r) {
                                                          r.jobTimes.percentile(0.99)));
 }
 
+// The first three breaches of a warning's list, one per indented line.
+std::string firstBreaches(const std::vector<sim::Violation>& breaches) {
+  std::string text;
+  for (size_t i = 0; i < breaches.size(); ++i) {
+    if (i == 3) return text + "\n    ... and " + std::to_string(breaches.size() - 3) + " more";
+    text += "\n    [" + breaches[i].rule + "] " + breaches[i].message;
+  }
+  return text;
+}
+
 // Sync and raw-switch breaches that rest only on the order of two lines with one time stamp.
 // logd keeps the lines in the order their stamps were taken, and the deliverer writes the line
 // that lets a waiting sensor go before it wakes it, so in a capture as it came off the device
@@ -154,15 +164,7 @@ Finding sameStampWarning(const Run& r, const sim::CheckResult& check) {
                      "device the line order holds and these are violations; in a file merged "
                      "or sorted by its time stamps it does not (adb logcat -v usec separates "
                      "them)";
-  size_t shown = 0;
-  for (const sim::Violation& v : check.sameStamp) {
-    if (shown++ == 3) {
-      text += "\n    ... and " + std::to_string(check.sameStamp.size() - 3) + " more";
-      break;
-    }
-    text += "\n    [" + v.rule + "] " + v.message;
-  }
-  return {"same-stamp", text};
+  return {"same-stamp", text + firstBreaches(check.sameStamp)};
 }
 
 // Breaches that rest only on a line being absent, in a log that is known to have lost lines.
@@ -174,15 +176,7 @@ Finding lostLinesWarning(const Run& r, const sim::CheckResult& check) {
                      ")\n    needs attention: each may be a line logd dropped; a capture that "
                      "keeps every line (a larger buffer, adb logcat -G 16M, fewer other logs) "
                      "settles them";
-  size_t shown = 0;
-  for (const sim::Violation& v : check.absent) {
-    if (shown++ == 3) {
-      text += "\n    ... and " + std::to_string(check.absent.size() - 3) + " more";
-      break;
-    }
-    text += "\n    [" + v.rule + "] " + v.message;
-  }
-  return {"lost-lines", text};
+  return {"lost-lines", text + firstBreaches(check.absent)};
 }
 
 std::string whyNothingToRebuild(const Run& r) {
