@@ -91,6 +91,14 @@ std::string format(const Line& l, const std::string& layout, const std::set<std:
     std::snprintf(buf, sizeof buf, "%c(%s:%5d) %s", l.level, pid, l.tid, l.text.c_str());
   } else if (layout == "raw") {
     std::snprintf(buf, sizeof buf, "%s", l.text.c_str());
+  } else if (layout == "studio") {  // Android Studio's Logcat window, since 2022
+    std::snprintf(buf, sizeof buf, "%s %5d-%-5d %-24s %-36s %c  %s",
+                  clock(l.ns, digits, true).c_str(), l.pid, l.tid, l.tag.c_str(),
+                  "android.hardware.camera.provider", l.level, l.text.c_str());
+  } else if (layout == "studio-old") {
+    std::snprintf(buf, sizeof buf, "%s %d-%d/android.hardware.camera.provider %c/%s: %s",
+                  clock(l.ns, digits, true).c_str(), l.pid, l.tid, l.level, l.tag.c_str(),
+                  l.text.c_str());
   } else if (layout == "long") {
     std::snprintf(buf, sizeof buf, "[ %s %s:%5d %c/%s ]\n%s\n", time.c_str(), pid, l.tid, l.level,
                   l.tag.c_str(), l.text.c_str());

@@ -108,6 +108,15 @@ TEST(LogLineTest, ReadsEveryLayout) {
       {"11-22 03:07:50.944 +0100 cameraserver:42  43 D OrvCam/CamDeliver: [getLicense] [S:1 F:2] "
        "FD(3)\r",
        Layout::ThreadTime, 42, 43, true},
+      // Android Studio's Logcat window: since 2022 (columns, a package or none), and before.
+      {"2026-11-22 03:07:50.944  42-43  OrvCam/CamDeliver  vendor.camera.provider  D  "
+       "[getLicense] [S:1 F:2] FD(3)",
+       Layout::Studio, 42, 43, true},
+      {"2026-11-22 03:07:50.944  42-43  OrvCam/CamDeliver  D  [getLicense] [S:1 F:2] FD(3)",
+       Layout::Studio, 42, 43, true},
+      {"2026-11-22 03:07:50.944 42-43/vendor.camera.provider D/OrvCam/CamDeliver: [getLicense] "
+       "[S:1 F:2] FD(3)",
+       Layout::Studio, 42, 43, true},
   };
   for (const Case& c : cases) {
     ASSERT_TRUE(parseLogLine(c.line, &l)) << c.line;

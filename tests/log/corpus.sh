@@ -31,7 +31,7 @@ read_back() {
     diff "$work/log.out" "$work/window.out"; fail "$(basename "$1"): differs with --window 4"
   }
 }
-for layout in threadtime time brief process tag thread raw long threadtime,year,usec \
+for layout in threadtime time brief process tag thread raw long studio studio-old threadtime,year,usec \
   threadtime,nsec,zone threadtime,uid threadtime,epoch threadtime,monotonic time,color \
   threadtime,color,printable,descriptive long,year,zone threadtime,crlf brief,crlf; do
   "$corpus" layout "$layout" "$work/run.log" "$work/$layout.log"

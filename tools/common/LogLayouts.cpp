@@ -168,6 +168,45 @@ bool readParenthesised(std::string_view s, size_t p, LogLine* out) {
   return true;
 }
 
+// Android Studio's Logcat window, after the time: "pid-tid tag package L message" (its columns
+// padded with blanks; since 2022) or "pid-tid/package L/tag: message" (before).
+bool readStudio(std::string_view s, size_t p, LogLine* out) {
+  int64_t pid = 0, tid = 0;
+  if (!readNumber(s, &p, &pid) || !expect(s, &p, '-') || !readNumber(s, &p, &tid) ||
+      p >= s.size()) {
+    return false;
+  }
+  if (s[p] == '/') {
+    size_t space = s.find(' ', p);
+    if (space == std::string_view::npos) return false;
+    p = space;
+    skipSpaces(s, &p);
+    if (!readSlashed(s, p, out) || out->layout != Layout::Tag || out->tag.empty()) return false;
+  } else {
+    // Blank-separated columns: the tag, the package (may be missing), the level.
+    std::string_view fields[3];
+    size_t n = 0;
+    while (n < 3) {
+      skipSpaces(s, &p);
+      size_t end = std::min(s.find(' ', p), s.size());
+      if (end == p) return false;
+      fields[n++] = s.substr(p, end - p);
+      p = end;
+      if (fields[n - 1].size() == 1 && isLevel(fields[n - 1][0]) && n >= 2) break;
+    }
+    std::string_view level = fields[n - 1];
+    if (n < 2 || level.size() != 1 || !isLevel(level[0])) return false;
+    skipSpaces(s, &p);
+    out->level = level[0];
+    out->tag = fields[0];
+    out->text = s.substr(p);
+  }
+  out->pid = int(pid);
+  out->tid = int(tid);
+  out->layout = Layout::Studio;
+  return true;
+}
+
 // "[uid] pid tid L tag: message" after the time.
 bool readThreadTime(std::string_view s, size_t p, LogLine* out) {
   std::vector<std::string_view> fields;
@@ -220,6 +259,7 @@ const char* layoutName(Layout layout) {
     case Layout::Thread: return "thread";
     case Layout::Raw: return "raw";
     case Layout::Long: return "long";
+    case Layout::Studio: return "Android Studio";
     case Layout::Unknown: break;
   }
   return "unknown";
@@ -242,7 +282,14 @@ bool parseLogLine(std::string_view s, LogLine* out) {
     return !out->tag.empty();
   }
   out->level = '?';
-  if (out->hasTime) return readThreadTime(s, p, out);
+  if (out->hasTime) {
+    LogLine studio = *out;
+    if (readStudio(s, p, &studio)) {
+      *out = studio;
+      return true;
+    }
+    return readThreadTime(s, p, out);
+  }
   // The raw layout: the message only.
   out->text = s;
   out->tag = inferTag(s);

@@ -28,7 +28,8 @@ namespace logread {
 
 using sim::Nanos;
 
-enum class Layout { Unknown, ThreadTime, Time, Brief, Process, Tag, Thread, Raw, Long };
+// Studio: what Android Studio's Logcat window copies or exports, "pid-tid" after the time.
+enum class Layout { Unknown, ThreadTime, Time, Brief, Process, Tag, Thread, Raw, Long, Studio };
 const char* layoutName(Layout layout);
 
 struct LogLine {
