@@ -6,8 +6,9 @@
 //   log_corpus midnight IN OUT                    the run moved to cross a new year
 //   log_corpus bugreport IN OUT                   inside a bugreport's text, as its system log
 //                                                 section (uid, printable) among other sections
-//   log_corpus overlap IN OUT                     its first two thirds, then its last two
-//                                                 thirds: two captures joined with an overlap
+//   log_corpus overlap IN OUT                     its first two thirds, then the rest from
+//                                                 about a third on, where the stamps step
+//                                                 back: two captures joined with an overlap
 //   log_corpus lossy SEED IN OUT                  about one line in 50 left out, as logd drops
 //                                                 lines when it is overloaded
 #include <cstdint>
@@ -159,9 +160,14 @@ int main(int argc, char** argv) {
       }
     }
   } else if (mode == "overlap") {
-    size_t third = lines.size() / 3;
-    for (size_t i = 0; i < 2 * third; ++i) out << format(lines[i], "threadtime", {}) << "\n";
-    for (size_t i = third; i < lines.size(); ++i) {
+    // The repeat begins where the stamps step back: at the last line of the first third
+    // stamped before the join (none in a log that fits in one stamp: then no overlap).
+    size_t end = 2 * (lines.size() / 3), start = end;
+    for (size_t i = 0; end > 0 && i <= lines.size() / 3; ++i) {
+      if (lines[i].ns < lines[end - 1].ns) start = i;
+    }
+    for (size_t i = 0; i < end; ++i) out << format(lines[i], "threadtime", {}) << "\n";
+    for (size_t i = start; i < lines.size(); ++i) {
       out << format(lines[i], "threadtime", {}) << "\n";
     }
   } else if (mode == "lossy") {

@@ -258,6 +258,20 @@ TEST(SimChecker, CatchesFramesNotDeliveredOrLeftInThePool) {
   h.plans[0].needCfg.insert(2);
   h.plans[0].sensors.push_back(2);  // a sensor that never prepared, configured or enqueued
   EXPECT_EQ(rules(h), (Rules{{"delivery", 3}}));
+
+  // From a source that lost records, breaches that rest only on one being absent are kept
+  // apart; one that rests on records present (a job after the flush) still counts.
+  h = extra.done();
+  eraseJob(h, 0, 7);
+  h.linesLost = 2;
+  result = checkHistory(h);
+  ASSERT_EQ(result.absent.size(), 1u);
+  EXPECT_EQ(result.absent[0].message, "S:0 F:7 was never enqueued");
+  ASSERT_EQ(result.violations.size(), 1u);
+  EXPECT_EQ(result.violations[0].message, "S:0 F:8 EnqJob ran after the frame was flushed");
+  h.linesLost = 0;
+  EXPECT_EQ(checkHistory(h).violations.size(), 2u);
+  EXPECT_EQ(checkHistory(h, {/*absentApart=*/true}).absent.size(), 1u);
 }
 
 // A raw-switch send made before the off sensor prepared the frame voids the raw-switch rule:

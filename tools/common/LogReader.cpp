@@ -300,6 +300,26 @@ struct LineScope {
   bool hasSF = false;
   uint64_t lineNo = 0;  // in the file
 
+  // The pool erases a frame's record once every sensor it needs is done with it (enqueued,
+  // dropped or flushed): one that prepared the frame and shows none of those lost its line.
+  void retire() {
+    FrameInfo& fi = frameInfo(frame);
+    fi.retired = true;
+    fi.retiredAt = at;
+    retiring = true;
+  }
+  void checkRetired() {
+    if (gone(frame)) return;
+    for (uint32_t s : frameInfo(frame).sensors) {
+      auto st = r.states.find({s, frame});
+      if (st != r.states.end() && st->second.prepared && !st->second.done()) {
+        lostLine("the enqueue, drop or flush of S:" + std::to_string(s) +
+                 " F:" + std::to_string(frame));
+      }
+    }
+  }
+  bool retiring = false;
+
   // A line that proves an earlier one of the same job was written, though the log lacks it
   // (logd drops lines under load; a user cut some out): marks it as seen at this line's time
   // and counts it. Before the frame's prepare line, the log began after it: nothing is lost.
@@ -642,24 +662,21 @@ void LineScope::onGuard() {
       }
       st.enqDone = true;
       st.enqEnd = at;
-      if (contains(tail, "Is last, erase it.")) {
-        frameInfo(frame).retired = true;
-        frameInfo(frame).retiredAt = at;
-      }
+      if (contains(tail, "Is last, erase it.")) retire();
     }
   } else if (func == "drop" || func == "flush") {
-    if (contains(tail, "is last, erase")) {
-      frameInfo(frame).retired = true;
-      frameInfo(frame).retiredAt = at;
-    }
+    if (contains(tail, "is last, erase")) retire();
     sim::EventRecord* e = openEvent();
-    // The guard's drop follows the drop report's own line: without it, that line was lost
-    // (before the frame's prepare, the log began after it).
-    if (func == "drop" && !gone(frame)) {
+    // The guard's drop or flush follows the report's own line: without it, that line was lost
+    // (before the frame's prepare, the log began after it). A flush marks the sensor's frames
+    // in flight flushed, this one among them.
+    if (!gone(frame)) {
       SensorFrame& st = state(sensor, frame);
-      if (!st.dropped && st.prepared) {
-        lostLine("the drop report of S:" + std::to_string(sensor) + " F:" + std::to_string(frame));
-        e = &addEvent(sim::EventKind::Drop, sensor, frame, 0);
+      bool drop = func == "drop";
+      if (st.prepared && !(drop ? st.dropped : st.flushed)) {
+        lostLine("the " + std::string(drop ? "drop" : "flush") +
+                 " report of S:" + std::to_string(sensor) + " F:" + std::to_string(frame));
+        e = &addEvent(drop ? sim::EventKind::Drop : sim::EventKind::Flush, sensor, frame, 0);
       }
     }
     // Without thread ids the drop's own last line ends it: a release after it is another
@@ -868,7 +885,10 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
                    {"OrvCam/FrameContextPool", &LineScope::onPool},
                    {"OrvCam/LicenseQueue", &LineScope::onQueue}};
   for (const auto& handler : kHandlers) {
-    if (line.tag == handler.tag) return (l.*handler.handle)();
+    if (line.tag != handler.tag) continue;
+    (l.*handler.handle)();
+    if (l.retiring) l.checkRetired();
+    return;
   }
 }
 
