@@ -762,9 +762,22 @@ void LineScope::onQueue() {
         h.setConfigured.push_back({s, frame, at});
         ++r.totals[s].configured;
       }
-    } else if (fromPipe) {
+    } else if (null || fromPipe) {
+      // Only a drop report hands an enqueue licence back by key: without the report's own
+      // line, it was lost.
+      sim::EventRecord* e = openEvent();
+      bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
+      if (!inDrop && !gone(frame)) {
+        SensorFrame& st = state(s, frame);
+        if (st.prepared && !st.dropped) {
+          lostLine("the drop report of S:" + std::to_string(s) + " F:" + std::to_string(frame));
+          addEvent(sim::EventKind::Drop, s, frame, 0);
+        }
+      }
       int64_t fd = -1;
-      if (numberAfter(tail, "release license(", &fd)) firstFd(state(s, frame), int32_t(fd));
+      if (fromPipe && numberAfter(tail, "release license(", &fd)) {
+        firstFd(state(s, frame), int32_t(fd));
+      }
     }
   } else if (func == "clear") {
     sim::EventRecord* e = openEvent();
