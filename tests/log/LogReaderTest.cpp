@@ -623,7 +623,8 @@ TEST_F(LogTest, LinesTheLogLostAreInferredAndAbsencesNotCounted) {
 }
 
 // A prepare line lost shows by the pool's lookup of the frame's previous one, which names the
-// order it was given; a drop report lost, by the guard's drop after it.
+// order it was given; a drop report lost, by the licence it hands back by key (and the guard's
+// drop after it).
 TEST_F(LogTest, LostPrepareAndDropReportAreTakenFromTheLinesAfterThem) {
   prepare(0, 0, 1, 0);
   prepare(2, 0, 3, 2);
@@ -631,6 +632,7 @@ TEST_F(LogTest, LostPrepareAndDropReportAreTakenFromTheLinesAfterThem) {
          "[getPreviousFC] [S:0 F:2] get previous frameNo(1) order(0) < currentOrder(1)"));
   enqueue(4, 0, 1, 5, true);
   enqueue(6, 0, 2, 6, true);
+  add(tt(7, 12, 'D', "LicenseQueue", "[releaseLicense] [S:0 F:3] release license(7) from pipeMgr"));
   add(tt(8, 12, 'D', "CamDeliverGuard", "[drop] [S:0 F:3] drop"));
   add(tt(8, 12, 'D', "CamDeliverGuard", "[drop] [S:0 F:3] is last, erase"));
   logread::Run r = only();
@@ -640,6 +642,8 @@ TEST_F(LogTest, LostPrepareAndDropReportAreTakenFromTheLinesAfterThem) {
   EXPECT_EQ(r.totals.at(0).dropped, 1u);
   ASSERT_EQ(r.history.prepares.size(), 3u);
   EXPECT_EQ(r.history.prepares[1].frame, 2u);  // in preparation order
+  ASSERT_EQ(r.history.events.size(), 1u);
+  EXPECT_LT(r.history.events[0].begin, 8000000);  // with its release, before the guard's line
   Analysis a = analyse(r);
   EXPECT_TRUE(a.findings.empty()) << a.findings[0].text;
   EXPECT_TRUE(a.warnings.empty()) << a.warnings[0].text;
