@@ -429,6 +429,18 @@ struct LineScope {
     eventOpen[line.tid] = true;
     return h.events.back();
   }
+  // A drop or flush report that a later line of it proves, for a frame that shows none: the
+  // report's own line was lost, and it is made up here (before the frame's prepare, the log
+  // began after it: nothing is made up).
+  sim::EventRecord* lostReport(sim::EventKind kind, uint32_t s, uint32_t f) {
+    if (gone(f)) return nullptr;
+    SensorFrame& st = state(s, f);
+    bool drop = kind == sim::EventKind::Drop;
+    if (!st.prepared || (drop ? st.dropped : st.flushed)) return nullptr;
+    lostLine(std::string("the ") + (drop ? "drop" : "flush") + " report of S:" + std::to_string(s) +
+             " F:" + std::to_string(f));
+    return &addEvent(kind, s, f, 0);
+  }
   // Only an in-flight report of value 0 lists frames for their sync break, changes their FDs
   // and breaks their sync: when the thread has none open, the report's own line was lost, and
   // it is made up at this line's time.
@@ -667,17 +679,10 @@ void LineScope::onGuard() {
   } else if (func == "drop" || func == "flush") {
     if (contains(tail, "is last, erase")) retire();
     sim::EventRecord* e = openEvent();
-    // The guard's drop or flush follows the report's own line: without it, that line was lost
-    // (before the frame's prepare, the log began after it). A flush marks the sensor's frames
-    // in flight flushed, this one among them.
-    if (!gone(frame)) {
-      SensorFrame& st = state(sensor, frame);
-      bool drop = func == "drop";
-      if (st.prepared && !(drop ? st.dropped : st.flushed)) {
-        lostLine("the " + std::string(drop ? "drop" : "flush") +
-                 " report of S:" + std::to_string(sensor) + " F:" + std::to_string(frame));
-        e = &addEvent(drop ? sim::EventKind::Drop : sim::EventKind::Flush, sensor, frame, 0);
-      }
+    // The guard's drop or flush follows the report's own line.
+    if (sim::EventRecord* made = lostReport(
+            func == "drop" ? sim::EventKind::Drop : sim::EventKind::Flush, sensor, frame)) {
+      e = made;
     }
     // Without thread ids the drop's own last line ends it: a release after it is another
     // thread's (a setConfigured).
@@ -746,9 +751,10 @@ void LineScope::onQueue() {
     // the release from the pipe manager. Either line, outside a drop, reports it.
     bool null = contains(tail, "license already null !");
     bool fromPipe = !null && contains(tail, "from pipeMgr");
-    if (config && (null || fromPipe)) {
-      sim::EventRecord* e = openEvent();
-      bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
+    if (!null && !fromPipe) return;
+    sim::EventRecord* e = openEvent();
+    bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
+    if (config) {
       SensorFrame& st = state(s, frame);
       if (!inDrop && !st.setConfigured) {
         closeEvent();
@@ -762,18 +768,9 @@ void LineScope::onQueue() {
         h.setConfigured.push_back({s, frame, at});
         ++r.totals[s].configured;
       }
-    } else if (null || fromPipe) {
-      // Only a drop report hands an enqueue licence back by key: without the report's own
-      // line, it was lost.
-      sim::EventRecord* e = openEvent();
-      bool inDrop = e && e->kind == sim::EventKind::Drop && e->sensor == s && e->frame == frame;
-      if (!inDrop && !gone(frame)) {
-        SensorFrame& st = state(s, frame);
-        if (st.prepared && !st.dropped) {
-          lostLine("the drop report of S:" + std::to_string(s) + " F:" + std::to_string(frame));
-          addEvent(sim::EventKind::Drop, s, frame, 0);
-        }
-      }
+    } else {
+      // Only a drop report hands an enqueue licence back by key.
+      if (!inDrop) lostReport(sim::EventKind::Drop, s, frame);
       int64_t fd = -1;
       if (fromPipe && numberAfter(tail, "release license(", &fd)) {
         firstFd(state(s, frame), int32_t(fd));
