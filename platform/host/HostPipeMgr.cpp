@@ -44,8 +44,24 @@ struct PipeMgrState {
 
 namespace {
 
-// Serials are unique across managers and resets.
-std::atomic<uint64_t> gNextSerial{1};
+// Serials are unique across managers and resets, until restartLicenceSerials(). A counter
+// under a leaf lock, not an atomic add, so that whoever follows the host's memory by value
+// (camdeliver-explore) reads the serial a licence got as the counter's value.
+struct Serials {
+  std::mutex mutex;
+  uint64_t next ORVCAM_GUARDED_BY(mutex) = 1;
+};
+
+Serials& serials() {
+  static Serials* s = new Serials;  // leaked: licences may outlive static destruction
+  return *s;
+}
+
+uint64_t nextSerial() {
+  Serials& s = serials();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.next++;
+}
 
 void notify(const std::shared_ptr<const Observer>& observer, LicenseEvent event, uint64_t serial,
             int32_t fd) {
@@ -90,7 +106,7 @@ std::unique_ptr<IRequestLicense> HostPipeMgr::acquireLicense() {
 }
 
 std::unique_ptr<IRequestLicense> HostPipeMgr::acquireLicenseForFD(int32_t fd) {
-  uint64_t serial = gNextSerial.fetch_add(1, std::memory_order_relaxed);
+  uint64_t serial = nextSerial();
   std::shared_ptr<const Observer> observer;
   uint64_t generation;
   {
@@ -188,6 +204,12 @@ std::shared_ptr<HostPipeMgr> hostPipeMgr() {
   Instance& s = instance();
   std::lock_guard<std::mutex> lock(s.mutex);
   return s.host;
+}
+
+void restartLicenceSerials() {
+  Serials& s = serials();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.next = 1;
 }
 
 void setPipeMgrInstance(std::shared_ptr<IPipeMgr> replacement) {

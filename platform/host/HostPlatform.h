@@ -247,6 +247,9 @@ class HostPipeMgr : public IPipeMgr {
 
 // The process's host pipe manager, which IPipeMgr::getInstance() answers unless replaced.
 std::shared_ptr<HostPipeMgr> hostPipeMgr();
+// Serials start again at 1, as in a fresh process: for a harness that runs one world after
+// another in one process and compares them. Earlier licences' serials may repeat.
+void restartLicenceSerials();
 // Makes IPipeMgr::getInstance() answer `instance` (for example a GoogleMock mock); nullptr
 // restores the host pipe manager. Affects objects created afterwards.
 void setPipeMgrInstance(std::shared_ptr<IPipeMgr> instance);
