@@ -6,10 +6,11 @@
 # It copies the tree into a build directory of its own (ORVCAM_MUTATION_DIR, default
 # build/mutation), builds there once the library, the unit-test programs that exercise it and
 # camdeliver-sim, and checks that they all pass on the unchanged copy. Then, per fault, it
-# edits one library source of the copy, rebuilds only the library (the programs load it at run
-# time and are not relinked), runs those tests, the simulator on every shipped scenario and on
-# a batch of generated ones (a batch that stalls for a minute counts as caught), and puts the
-# source back. It prints which tests and scenarios caught each fault.
+# edits one library source of the copy, rebuilds only the library and the explorer's
+# instrumented copy of it (the programs load them at run time and are not relinked), runs
+# those tests, the simulator on every shipped scenario and on a batch of generated ones (a
+# batch that stalls for a minute counts as caught), and puts the source back. It prints
+# which tests and scenarios caught each fault.
 #
 # Exit status: 0 every fault caught; 1 some fault survived; 2 the check could not run (a fault
 # no longer matches the code, a build failed, or a test fails without any fault).
@@ -160,7 +161,8 @@ if [[ ! -f $obj/build.ninja ]]; then
 fi
 
 build() { ninja -C "$obj" -j "$jobs" "$@" >"$logs/build.log" 2>&1; }
-step build orvcam_camdeliver camdeliver-sim camdeliver-explore "${test_targets[@]}" ||
+step build orvcam_camdeliver orvcam_camdeliver_tracked camdeliver-sim camdeliver-explore \
+  "${test_targets[@]}" ||
   die "build failed, see $logs/build.log"
 sim=$obj/tools/sim/camdeliver-sim
 scenarios=("$src"/scenarios/*.json)
@@ -230,7 +232,7 @@ check_fault() {
     return 2
   fi
   mv "$src/$file.mutant" "$src/$file"
-  if ! build orvcam_camdeliver; then
+  if ! build orvcam_camdeliver orvcam_camdeliver_tracked; then
     say "fault $name does not build, see $logs/build.log" >&2
     return 2
   fi

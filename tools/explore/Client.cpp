@@ -121,7 +121,7 @@ struct ClientRun::Impl {
     }
     ~Outside() {
       if (!d.plain) {
-        Scheduler::clientEnter();
+        Scheduler::clientReturn();
         return;
       }
       d.plainMutex.lock();
@@ -681,9 +681,13 @@ struct ClientRun::Impl {
   }
 };
 
-ClientRun::ClientRun(const sim::Scenario& scenario) : mImpl(std::make_unique<Impl>(scenario)) {}
+ClientRun::ClientRun(const sim::Scenario& scenario, bool memoryState)
+    : mImpl(std::make_unique<Impl>(scenario)), mMemoryState(memoryState) {}
 
-ClientRun::~ClientRun() { Scheduler::setClientDigest(nullptr); }
+ClientRun::~ClientRun() {
+  Scheduler::setClientDigest(nullptr);
+  Scheduler::setMemoryState(false);
+}
 
 std::vector<std::string> ClientRun::threadNames() const {
   std::vector<std::string> names{"pipeline"};
@@ -696,9 +700,12 @@ std::vector<std::function<void()>> ClientRun::begin() {
   d.reset();
   Scheduler::forgetNames();
   Scheduler::setClientDigest([&d] { return d.digest(); });
-  host::setPipeMgrInstance(nullptr);
-  d.pipeMgr = host::hostPipeMgr();
-  d.pipeMgr->reset();
+  Scheduler::setMemoryState(mMemoryState);
+  // Each schedule is a world of its own: a pipe manager of its own and serials from 1, so
+  // that equal states of two schedules hold equal values.
+  d.pipeMgr = std::make_shared<host::HostPipeMgr>();
+  host::setPipeMgrInstance(d.pipeMgr);
+  host::restartLicenceSerials();
   d.pipeMgr->setObserver([&d](host::LicenseEvent event, uint64_t serial, int32_t fd) {
     Impl::Inside in(d);
     sim::LicenceRecord r;
@@ -781,6 +788,7 @@ sim::History ClientRun::end() {
   h.events.assign(d.events.begin(), d.events.end());
   h.licences = std::move(d.licences);
   d.pool.reset();
+  host::setPipeMgrInstance(nullptr);
   d.pipeMgr.reset();
   return h;
 }

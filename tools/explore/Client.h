@@ -23,7 +23,9 @@ std::string unsupportedFeature(const sim::Scenario& scenario);
 
 class ClientRun {
  public:
-  explicit ClientRun(const sim::Scenario& scenario);
+  // With `memoryState`, runs under the scheduler take the library's memory as their state
+  // where the instrumented library is linked (Scheduler::setMemoryState).
+  explicit ClientRun(const sim::Scenario& scenario, bool memoryState = true);
   ~ClientRun();
   ClientRun(const ClientRun&) = delete;
   ClientRun& operator=(const ClientRun&) = delete;
@@ -47,6 +49,7 @@ class ClientRun {
 
  private:
   std::unique_ptr<Impl> mImpl;
+  bool mMemoryState;
 };
 
 }  // namespace explore

@@ -90,7 +90,8 @@ namespace {
 
 class ScenarioTarget : public Target {
  public:
-  explicit ScenarioTarget(const sim::Scenario& scenario) : mClient(scenario) {}
+  ScenarioTarget(const sim::Scenario& scenario, bool memoryState)
+      : mClient(scenario, memoryState) {}
   std::vector<std::string> threadNames() const override { return mClient.threadNames(); }
   std::vector<std::function<void()>> begin() override { return mClient.begin(); }
   std::vector<std::string> judgeCompleted() override {
@@ -114,17 +115,27 @@ class ScenarioTarget : public Target {
 
 }  // namespace
 
-TargetFactory scenarioTarget(const sim::Scenario& scenario) {
+TargetFactory scenarioTarget(const sim::Scenario& scenario, bool memoryState) {
   auto shared = std::make_shared<sim::Scenario>(scenario);
-  return [shared] { return std::unique_ptr<Target>(new ScenarioTarget(*shared)); };
+  return [shared, memoryState] {
+    return std::unique_ptr<Target>(new ScenarioTarget(*shared, memoryState));
+  };
 }
 
 Explorer::Explorer(TargetFactory factory, uint32_t spuriousBudget)
     : mFactory(std::move(factory)), mSpurious(spuriousBudget), mTarget(mFactory()) {
   mNames = mTarget->threadNames();
+  // One schedule first, neither counted nor reported: what the program allocates once, on
+  // first use, is then allocated, and every schedule after it makes the same blocks in the
+  // same order, so that heap blocks get the same ids ("The library's memory" in Scheduler.h).
+  if (Scheduler::memoryInstrumented()) {
+    std::vector<uint32_t> choices;
+    uint32_t preemptions = 0;
+    runSchedule([](const ChoicePoint&) { return size_t(0); }, false, &choices, &preemptions);
+  }
 }
 
-Explorer::~Explorer() = default;
+Explorer::~Explorer() { Scheduler::endSetups(); }
 
 Verdict Explorer::runSchedule(const Chooser& chooser, bool record, std::vector<uint32_t>* choices,
                               uint32_t* preemptions) {
@@ -141,6 +152,7 @@ Verdict Explorer::runSchedule(const Chooser& chooser, bool record, std::vector<u
     return index;
   };
   Verdict v;
+  Scheduler::beginSetup();
   v.run = Scheduler::run(mTarget->begin(), mNames, recording, options);
   v.run.spuriousBudget = mSpurious;
   v.choices = *choices;

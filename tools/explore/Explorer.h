@@ -57,8 +57,9 @@ class Target {
 using TargetFactory = std::function<std::unique_ptr<Target>()>;
 
 // The scenario's client against the library, judged by the checker's rules and the licence
-// account.
-TargetFactory scenarioTarget(const sim::Scenario& scenario);
+// account. With `memoryState` (and the instrumented library linked) states are told apart by
+// the library's memory, else by the order of each lock's holders (Scheduler.h).
+TargetFactory scenarioTarget(const sim::Scenario& scenario, bool memoryState = true);
 
 class Explorer {
  public:

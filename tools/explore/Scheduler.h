@@ -56,6 +56,29 @@
 // judges the run that met the state second along its default continuation, and every later
 // order from the state with the first, and the checker's rules compare pairs of records, each
 // pair ordered alike in both wherever it lies.
+//
+// The library's memory. Pruning by the locks' chains cannot merge two runs in which three
+// request threads took the guard's, the pool's and the licence queue's mutexes in different
+// orders, even where their critical sections touched different sensors' records and commute:
+// the chains remember the order. So the explorer links a copy of the library compiled with
+// -fsanitize=thread and without its runtime: every load and store the library makes reaches
+// this scheduler (Scheduler.cpp, at its end), which keeps for each 8-byte granule the write
+// last made to it (the writer and its count of writes). The state is then, instead of the
+// locks' chains: for each thread what it read, as a chain of the writes its loads saw (and
+// its try-locks' answers and its waits' results), where it stands (its pending operation,
+// back from a wait or not, its place among a condition's waiters), and the set of writes
+// still visible somewhere. Equal reads make each thread, a deterministic program, take the
+// same path and make the same writes; the visible writes then say what memory holds. Who
+// took a lock first is no longer state where nothing read differs. Freed blocks are
+// forgotten (the program's operator delete). What it cannot see: libstdc++'s out-of-line
+// code (a tree's rebalance is taken as a write of its header, the hash tables' rehash
+// policy as a read and write; std::string's out-of-line members are not seen, the library
+// keeps no string that threads share), the host platform (its calls are atomic steps whose
+// order stays in the fingerprint, as the host object), and atomics other than reference
+// counts (an atomic add is taken as a reference count's: see atomicAdd). It is used with a
+// client digest, where the instrumented library is linked and not under AddressSanitizer
+// (whose instrumentation excludes ThreadSanitizer's); setMemoryState(false) goes back to the
+// locks' chains.
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -156,12 +179,28 @@ class Scheduler {
   // that runs client code touches the client's state. No-ops on unmanaged threads.
   static void clientEnter();
   static void clientLeave();
+  // Called by the client when its thread comes back from a call into the library (not from
+  // a callback): as clientEnter, and the call's own part of the thread's state ends.
+  static void clientReturn();
   // Replaces the client's access chain in the fingerprint by a digest of its state's value
   // (see "The client's state" above); empty: the chain again. Set before run(), from an
   // unmanaged thread; it stays until set again.
   static void setClientDigest(std::function<uint64_t()> digest);
   // With a digest: the calling thread calls into the library with these arguments (hashed).
   static void clientCall(uint64_t call);
+  // Whether runs with a client digest take the library's memory as their state ("The
+  // library's memory" above), for a target whose shared memory is all instrumented or in
+  // the digest; off until set. Set from an unmanaged thread before run(); it stays until set
+  // again.
+  static void setMemoryState(bool on);
+  // Whether an instrumented library is loaded, i.e. the memory state can be used.
+  static bool memoryInstrumented();
+  // Called on the thread that sets up each schedule, before it makes the schedule's objects:
+  // from here on, heap blocks are known by ids that do not depend on their addresses
+  // ("The library's memory"). endSetups() stops it, before the program runs its client
+  // unscheduled.
+  static void beginSetup();
+  static void endSetups();
   // Names an object for the readable output and the state fingerprint. Names stay until
   // forgetNames(), which a target calls before naming the objects of a new run.
   static void nameObject(const void* object, std::string name);

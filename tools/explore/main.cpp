@@ -16,6 +16,7 @@ using namespace orvcam;
 
 constexpr int kExitFinding = 1;
 constexpr int kExitUsage = 2;
+bool gLockOrderState = false;
 
 void printSummary(const explore::Report& r, const std::string& what, bool search) {
   std::printf("%s: %llu schedules, %s, %.2f s, %.0f schedules/s, deepest %llu steps / %u choices\n",
@@ -27,7 +28,10 @@ void printSummary(const explore::Report& r, const std::string& what, bool search
               r.seconds, r.seconds > 0 ? double(r.schedules) / r.seconds : 0.0,
               static_cast<unsigned long long>(r.deepestSteps), r.deepestChoices);
   if (search && r.states) {
-    std::printf("states: %llu distinct%s, %llu schedules cut short at a state met before\n",
+    std::printf("states (by %s): %llu distinct%s, %llu schedules cut short at a state met before\n",
+                explore::Scheduler::memoryInstrumented() && !gLockOrderState
+                    ? "the library's memory"
+                    : "the locks' orders",
                 static_cast<unsigned long long>(r.states),
                 r.stateTableFull ? " (table full: later ones not remembered)" : "",
                 static_cast<unsigned long long>(r.statesPruned));
@@ -95,6 +99,9 @@ int main(int argc, char** argv) {
   app.add_option("--limit", limit, "Stop the search after N schedules");
   app.add_option("--seconds", seconds, "Stop the search after S seconds (not exhausted)")
       ->check(CLI::PositiveNumber);
+  app.add_flag("--lock-order-state", gLockOrderState,
+               "Tell states apart by the order of each lock's holders, not by the library's "
+               "memory");
   app.add_option("--replay", replay, "Run the schedule of a replay string");
   app.add_option("--trace", tracePath, "Write a failing schedule as a Chrome JSON trace");
   app.add_flag("--no-shrink", noShrink, "Report a failing schedule as found");
@@ -142,7 +149,7 @@ int main(int argc, char** argv) {
     return reportFailure(ex, v, false, tracePath);
   }
 
-  explore::Explorer ex(explore::scenarioTarget(scenario), spurious);
+  explore::Explorer ex(explore::scenarioTarget(scenario, !gLockOrderState), spurious);
   ex.setCacheStates(!noStateCache);
   ex.setTimeLimit(seconds);
   explore::Report report;
