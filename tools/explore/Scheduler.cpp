@@ -928,6 +928,7 @@ void Scheduler::setClientDigest(std::function<uint64_t()> digest) {
 void Scheduler::setMemoryState(bool on) { gMemoryState = on; }
 
 void Scheduler::beginSetup() {
+  Internal internal;
   bool on = gInstrumented.load(std::memory_order_relaxed);
   gTrackBlocks.store(on, std::memory_order_relaxed);
   gBlocks.clear();
