@@ -1246,20 +1246,26 @@ namespace {
 // An atomic add is a reference count's (shared_ptr's, the only atomics the library's code
 // has). The count is not state: it is how many references the threads and the library's
 // records hold. An increment teaches the thread nothing, nor does a decrement that leaves
-// the count above zero. One that takes it to zero (libstdc++) or below (libc++) makes the
+// other references. The one that takes the last away (to 0 in libstdc++, whose counts are
+// the references; to -1 in libc++, whose counts are the references less one) makes the
 // thread destroy the object: which thread that is depends only on the order of the last
 // releases, and once the count's block is freed the thread goes on as if another had been
-// the last. So its reads, steps and writes from the decrement to that free are dropped again
-// then (forgetRange); in between it is told apart as usual.
+// the last. So its reads and steps from the decrement to that free are dropped again then
+// (forgetRange); in between it is told apart as usual.
+#if defined(_LIBCPP_VERSION)
+constexpr int kNoReferencesLeft = -1;
+#else
+constexpr int kNoReferencesLeft = 0;
+#endif
 template <typename T>
 T atomicAdd(volatile T* a, T v) {
   T old = __atomic_fetch_add(a, v, __ATOMIC_SEQ_CST);
   using S = typename std::make_signed<T>::type;
-  if (S(v) < 0 && S(T(old + v)) <= 0) {
+  if (S(v) < 0 && S(T(old + v)) <= S(kNoReferencesLeft)) {
     if (ex::Thread* t = ex::tracker()) {
       ex::Internal internal;
       t->destroying.push_back({reinterpret_cast<uintptr_t>(a), t->observed, t->callSteps});
-      ex::observe(*t, S(T(old + v)) == 0 ? 2 : 3);
+      ex::observe(*t, uint64_t(S(T(old + v))));
     }
   }
   return old;
