@@ -329,12 +329,18 @@ uint32_t countBlock(std::vector<std::pair<size_t, uint32_t>>& counts, size_t n) 
   return 1;
 }
 
+// The block found last: reads go through one node's fields after another.
+const std::pair<const uintptr_t, Block>* gLastBlock = nullptr;
+
 const std::pair<const uintptr_t, Block>* blockAt(uintptr_t a) {
-  if (a < gBlocksLo || a >= gBlocksHi || gBlocks.empty()) return nullptr;
+  if (a < gBlocksLo || a >= gBlocksHi) return nullptr;
+  if (gLastBlock && a >= gLastBlock->first && a < gLastBlock->second.end) return gLastBlock;
   auto it = gBlocks.upper_bound(a);
   if (it == gBlocks.begin()) return nullptr;
   --it;
-  return a < it->second.end ? &*it : nullptr;
+  if (a >= it->second.end) return nullptr;
+  gLastBlock = &*it;
+  return gLastBlock;
 }
 
 // A value as another run would have it: a pointer into a known block is the block's id and
@@ -520,6 +526,9 @@ void noteBlock(void* p, size_t n) {
   } else {
     return;
   }
+  // Bytes nobody has written yet (padding copied along with a struct, say) read the same in
+  // every run, not whatever the allocator's last user left.
+  std::memset(p, 0, n);
   auto a = reinterpret_cast<uintptr_t>(p);
   gBlocks[a] = {a + n, id};
   gBlocksLo = std::min(gBlocksLo, a);
@@ -532,6 +541,7 @@ void dropBlock(void* p, size_t usable) {
   if (!tlsThread && !pthread_equal(pthread_self(), gSetupThread)) return;
   auto a = reinterpret_cast<uintptr_t>(p);
   forgetRange(a, usable);
+  if (gLastBlock && gLastBlock->first == a) gLastBlock = nullptr;
   gBlocks.erase(a);
 }
 
@@ -546,7 +556,11 @@ uint64_t stateOf(Run& run) {
   }
   state += run.clientValue;
   for (const auto& t : run.threads) {
-    uint64_t object = t->object ? objectId(t->object) : 0;
+    // An object without a name is known by its address, or with the memory state by its
+    // block, wherever the allocator put it.
+    uint64_t object = !t->object                    ? 0
+                      : gIds.count(t->object) || !run.memory ? objectId(t->object)
+                                                           : canonical(uintptr_t(t->object));
     uint64_t term = (uint64_t(t->id) << 48) ^ (uint64_t(t->op) << 40) ^ (uint64_t(t->state) << 36) ^
                     mix(object);
     if (run.memory) {
@@ -931,6 +945,7 @@ void Scheduler::beginSetup() {
   Internal internal;
   bool on = gInstrumented.load(std::memory_order_relaxed);
   gTrackBlocks.store(on, std::memory_order_relaxed);
+  gLastBlock = nullptr;
   gBlocks.clear();
   gBlocksLo = UINTPTR_MAX;
   gBlocksHi = 0;
@@ -1397,14 +1412,16 @@ void wroteNode(const TreeNode* n) {
 void wroteTree(const TreeNode* header) {
   if (!ex::tracker()) return;
   wroteNode(header);
-  std::vector<const TreeNode*> todo;
-  if (header->parent) todo.push_back(header->parent);
-  while (!todo.empty()) {
-    const TreeNode* n = todo.back();
-    todo.pop_back();
-    wroteNode(n);
-    if (n->left) todo.push_back(n->left);
-    if (n->right) todo.push_back(n->right);
+  // Depth first, right children pushed before left ones are taken: the stack holds at most
+  // one node per level, and a red-black tree of any size in memory has fewer than 128.
+  const TreeNode* todo[128];
+  size_t n = 0;
+  if (header->parent) todo[n++] = header->parent;
+  while (n > 0) {
+    const TreeNode* node = todo[--n];
+    wroteNode(node);
+    if (node->right && n < 128) todo[n++] = node->right;
+    if (node->left && n < 128) todo[n++] = node->left;
   }
 }
 }  // namespace
