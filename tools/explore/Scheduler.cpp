@@ -332,13 +332,15 @@ uint32_t countBlock(std::vector<std::pair<size_t, uint32_t>>& counts, size_t n) 
 // The block found last: reads go through one node's fields after another.
 const std::pair<const uintptr_t, Block>* gLastBlock = nullptr;
 
+// The block `a` points into, or just past (a vector's or a string's end): the allocator's
+// chunk headers keep a block from starting where another ends.
 const std::pair<const uintptr_t, Block>* blockAt(uintptr_t a) {
-  if (a < gBlocksLo || a >= gBlocksHi) return nullptr;
-  if (gLastBlock && a >= gLastBlock->first && a < gLastBlock->second.end) return gLastBlock;
+  if (a < gBlocksLo || a > gBlocksHi) return nullptr;
+  if (gLastBlock && a >= gLastBlock->first && a <= gLastBlock->second.end) return gLastBlock;
   auto it = gBlocks.upper_bound(a);
   if (it == gBlocks.begin()) return nullptr;
   --it;
-  if (a >= it->second.end) return nullptr;
+  if (a > it->second.end) return nullptr;
   gLastBlock = &*it;
   return gLastBlock;
 }
@@ -530,6 +532,14 @@ void noteBlock(void* p, size_t n) {
   // every run, not whatever the allocator's last user left.
   std::memset(p, 0, n);
   auto a = reinterpret_cast<uintptr_t>(p);
+  // Blocks the table still has where this one lies were freed where no free is followed (a
+  // thread's thread-local objects, as it exits): they are gone.
+  auto it = gBlocks.lower_bound(a);
+  if (it != gBlocks.begin() && std::prev(it)->second.end > a) --it;
+  while (it != gBlocks.end() && it->first < a + n) {
+    if (&*it == gLastBlock) gLastBlock = nullptr;
+    it = gBlocks.erase(it);
+  }
   gBlocks[a] = {a + n, id};
   gBlocksLo = std::min(gBlocksLo, a);
   gBlocksHi = std::max(gBlocksHi, a + n);
@@ -1483,12 +1493,12 @@ extern "C" OrvcamRehashResult orvcamNeedRehash(const void* policy, size_t bucket
 #endif
 #if !defined(ORVCAM_EXPLORE_ASAN)
 namespace {
-void* newBlock(size_t n) noexcept {
+__attribute__((noinline)) void* newBlock(size_t n) noexcept {
   void* p = std::malloc(n ? n : 1);
   if (p) ex::noteBlock(p, n);
   return p;
 }
-void releaseBlock(void* p) noexcept {
+__attribute__((noinline)) void releaseBlock(void* p) noexcept {
   if (p) ex::dropBlock(p, malloc_usable_size(p));
   std::free(p);
 }
