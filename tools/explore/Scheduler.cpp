@@ -514,7 +514,7 @@ void forgetRange(uintptr_t a, size_t n) {
 }
 
 // A block from operator new: known by an id (Block above) while a search runs.
-void noteBlock(void* p, size_t n) {
+[[maybe_unused]] void noteBlock(void* p, size_t n) {
   if (!gTrackBlocks.load(std::memory_order_relaxed) || tlsInternal) return;
   Internal internal;
   uint64_t id;
@@ -545,7 +545,7 @@ void noteBlock(void* p, size_t n) {
   gBlocksHi = std::max(gBlocksHi, a + n);
 }
 
-void dropBlock(void* p, size_t usable) {
+[[maybe_unused]] void dropBlock(void* p, size_t usable) {
   if (!gTrackBlocks.load(std::memory_order_relaxed) || tlsInternal) return;
   Internal internal;
   if (!tlsThread && !pthread_equal(pthread_self(), gSetupThread)) return;
