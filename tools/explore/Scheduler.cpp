@@ -568,9 +568,9 @@ uint64_t stateOf(Run& run) {
   for (const auto& t : run.threads) {
     // An object without a name is known by its address, or with the memory state by its
     // block, wherever the allocator put it.
-    uint64_t object = !t->object                    ? 0
+    uint64_t object = !t->object                             ? 0
                       : gIds.count(t->object) || !run.memory ? objectId(t->object)
-                                                           : canonical(uintptr_t(t->object));
+                                                             : canonical(uintptr_t(t->object));
     uint64_t term = (uint64_t(t->id) << 48) ^ (uint64_t(t->op) << 40) ^ (uint64_t(t->state) << 36) ^
                     mix(object);
     if (run.memory) {

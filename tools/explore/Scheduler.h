@@ -60,25 +60,37 @@
 // The library's memory. Pruning by the locks' chains cannot merge two runs in which three
 // request threads took the guard's, the pool's and the licence queue's mutexes in different
 // orders, even where their critical sections touched different sensors' records and commute:
-// the chains remember the order. So the explorer links a copy of the library compiled with
-// -fsanitize=thread and without its runtime: every load and store the library makes reaches
-// this scheduler (Scheduler.cpp, at its end), which keeps for each 8-byte granule the write
-// last made to it (the writer and its count of writes). The state is then, instead of the
-// locks' chains: for each thread what it read, as a chain of the writes its loads saw (and
-// its try-locks' answers and its waits' results), where it stands (its pending operation,
-// back from a wait or not, its place among a condition's waiters), and the set of writes
-// still visible somewhere. Equal reads make each thread, a deterministic program, take the
-// same path and make the same writes; the visible writes then say what memory holds. Who
-// took a lock first is no longer state where nothing read differs. Freed blocks are
-// forgotten (the program's operator delete). What it cannot see: libstdc++'s out-of-line
-// code (a tree's rebalance is taken as a write of its header, the hash tables' rehash
-// policy as a read and write; std::string's out-of-line members are not seen, the library
-// keeps no string that threads share), the host platform (its calls are atomic steps whose
-// order stays in the fingerprint, as the host object), and atomics other than reference
-// counts (an atomic add is taken as a reference count's: see atomicAdd). It is used with a
-// client digest, where the instrumented library is linked and not under AddressSanitizer
-// (whose instrumentation excludes ThreadSanitizer's); setMemoryState(false) goes back to the
-// locks' chains.
+// the chains remember the order. So the explorer links copies of the library and of the host
+// platform compiled with -fsanitize=thread and without its runtime: every load and store they
+// make reaches this scheduler (Scheduler.cpp, at its end), and the state is taken by value.
+// - A thread's part: what it read (the values of its loads, its try-locks' answers and its
+//   waits' results) since its current call into the library began, and where it stands (its
+//   steps in that call, its pending operation, back from a wait or not, its place among a
+//   condition's waiters). Equal reads make a thread, a deterministic program, take the same
+//   path. Between calls the client's digest and calls (above) say what the thread carries.
+// - The memory: every byte the instrumented code wrote, with the place and value of each
+//   8-byte granule summed into one hash, kept as writes happen. Its own stack is a thread's
+//   own business and left out.
+// - Pointers: a run allocates its objects wherever the allocator puts them, so a value or a
+//   place in a heap block is taken as the block's id and offset (a pointer just past the end
+//   included), the id made of who allocated the block, in which call and how many blocks of
+//   its size came before it there; pointers into a managed thread's stack as the thread and
+//   depth. Blocks are zeroed when made (padding then reads alike) and forgotten when freed
+//   (the program's operator new and delete do both).
+// - A reference count's atomic add is not read (see atomicAdd): the count follows from who
+//   holds references, and which thread destroys an object is forgotten once its block is
+//   freed.
+// Who took a lock first is then no state where nothing read or left differs. What it cannot
+// see: the standard library's out-of-line code (after a tree's rebalance every node of the
+// tree is taken as written, the hash tables' rehash policy as read and written; std::string's
+// out-of-line members are not seen, the library keeps no string that threads share), other
+// atomics than reference counts, and behaviour that depends on a pointer's value beyond its
+// block. Each schedule needs a world of its own: the client gives each a fresh pipe manager
+// and restarts licence serials, and the explorer runs one schedule before the search so that
+// what is allocated once, on first use, is made before. It is used with a client digest,
+// where the instrumented library is linked and not under AddressSanitizer (whose
+// instrumentation excludes ThreadSanitizer's); setMemoryState(false) goes back to the locks'
+// chains.
 #include <cstdint>
 #include <functional>
 #include <string>
