@@ -173,8 +173,9 @@ struct Thread {
   uint32_t hostStep = UINT32_MAX;
   uint64_t calls = 0;  // with a client digest: the thread's own calls into the library
   // With the memory state ("The library's memory" in Scheduler.h), all since the thread's
-  // current call into the library began: what it read, as a chain of the writes it saw, its
-  // steps and its writes. Its stack is its own, and not tracked.
+  // current call into the library began: what it read (a chain of the values it saw), its
+  // steps, the blocks it allocated (counted by size), and the writes whose values are not
+  // taken yet. Its stack is its own, and not tracked.
   uint64_t observed = 0;
   uint32_t callSteps = 0;
   std::vector<std::pair<size_t, uint32_t>> callBlocks;  // blocks allocated, by size
@@ -216,7 +217,7 @@ struct Run {
   uint64_t clientValue = 0;
   bool clientDirty = true;
   // Whether the state is the library's memory instead of its locks' access chains, and with
-  // it the sum over the writes still visible somewhere (Shadow below).
+  // it the sum over the granules the instrumented code wrote (Cells below).
   bool memory = false;
   uint64_t live = 0;
 };
@@ -257,10 +258,7 @@ void touch(Run& run, const Thread& t, uint64_t id, Access kind) {
   if (run.memory) return;
   uint64_t& chain = run.chains[id];
   uint64_t before = chain ? mix(id ^ chain) : 0;
-  // A step is known by its thread and number, or with the memory state by where the thread
-  // stands in its current call.
-  uint64_t step = run.memory ? mix(t.calls ^ mix(t.observed ^ t.callSteps)) : t.steps;
-  chain = mix(chain ^ mix((uint64_t(t.id) << 40) ^ (uint64_t(kind) << 32) ^ step));
+  chain = mix(chain ^ mix((uint64_t(t.id) << 40) ^ (uint64_t(kind) << 32) ^ t.steps));
   run.fingerprint += mix(id ^ chain) - before;
 }
 
@@ -416,7 +414,7 @@ class Cells {
 
 Cells gCells;
 
-void resetShadow() { gCells.reset(); }
+void resetCells() { gCells.reset(); }
 
 // The managed thread whose memory accesses count now, with the memory state on. Only the
 // library's and the host platform's code is instrumented, whoever calls it; the scheduler's
@@ -436,9 +434,9 @@ uint64_t loadBytes(uintptr_t a, size_t n) {
   return v;
 }
 
-// A read: the thread learns the bytes' values (pointers into known blocks by id).
 void settleWrites(Thread& t);
 
+// A read: the thread learns the bytes' values (pointers into known blocks by id).
 void readRange(const void* p, size_t n) {
   Thread* t = tracker();
   if (!t || n == 0) return;
@@ -574,15 +572,16 @@ uint64_t stateOf(Run& run) {
     uint64_t term = (uint64_t(t->id) << 48) ^ (uint64_t(t->op) << 40) ^ (uint64_t(t->state) << 36) ^
                     mix(object);
     if (run.memory) {
-      // Where the thread stands is no longer in the locks' chains: what it read, whether it
-      // is back from a wait, and its place among a condition's waiters (a notify-one wakes
-      // the first).
+      // Where the thread stands is no longer in the locks' chains: what it read and how many
+      // steps it took in its current call, whether it is back from a wait, and its place
+      // among a condition's waiters (a notify-one wakes the first).
       uint64_t place = 0;
       if (t->state == State::InCond) {
         const auto& waiters = run.conds[t->object];
         place = uint64_t(std::find(waiters.begin(), waiters.end(), t->id) - waiters.begin()) + 1;
       }
-      term ^= mix(t->observed ^ (uint64_t(t->reacquire) << 1) ^ uint64_t(t->woke) ^ (place << 2));
+      term ^= mix(t->observed ^ mix((uint64_t(t->callSteps) << 32) ^ (uint64_t(t->reacquire) << 1) ^
+                                    uint64_t(t->woke) ^ (place << 2)));
     }
     state += mix(term);
   }
@@ -875,7 +874,7 @@ RunResult Scheduler::run(const std::vector<std::function<void()>>& bodies,
   run->options = options;
   run->spuriousLeft = options.spuriousBudget;
   run->memory = gMemoryState && gClientDigest && gInstrumented.load(std::memory_order_relaxed);
-  if (run->memory) resetShadow();
+  if (run->memory) resetCells();
   for (size_t i = 0; i < bodies.size(); ++i) {
     auto t = std::make_unique<Thread>();
     t->id = uint16_t(i);
