@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # CI's bounded exploration: every configuration of scenarios/explore with at most one
-# preemption, exhaustively (the three-sensor one takes 75,421 schedules; a search that the
-# limit stops fails the step, so that a change which grows the space is seen), then a
+# preemption, exhaustively (the three-sensor one takes about 75,000 schedules; a search that
+# the limit stops fails the step, so that a change which grows the space is seen), then a
 # fixed-seed batch of PCT schedules. Exit 0 when every search is exhausted and no schedule
 # fails, 1 otherwise (a failing schedule's replay string is printed), 2 on bad usage.
 #
