@@ -450,6 +450,37 @@ TEST(ExploreToy, TheMemoryStateMergesCommutingHoldersAndKeepsEveryOutcome) {
   EXPECT_TRUE(memory.replay(first.failure.choices, false).failed);
 }
 
+// A search whose table fills up searches the states it could not keep again: more schedules,
+// the same outcomes, still to the end. Its progress reports count up to the final report.
+TEST(ExploreToy, ASearchWithAFullStateTableKeepsEveryOutcomeAndReportsProgress) {
+  std::set<std::string> roomy, cramped;
+  Explorer wide(make<Board>(true, &roomy), 0);
+  Report all = wide.dfs(3, 0);
+  Explorer narrow(make<Board>(true, &cramped), 0);
+  narrow.setMaxStates(100);  // 256 slots: 192 states
+  std::vector<Report> progress;
+  narrow.setProgress(0, [&](const Report& r) { progress.push_back(r); });
+  Report full = narrow.dfs(3, 0);
+  ASSERT_TRUE(all.exhausted);
+  ASSERT_TRUE(full.exhausted);
+  EXPECT_FALSE(all.stateTableFull);
+  EXPECT_TRUE(full.stateTableFull);
+  EXPECT_EQ(full.states, 192u);
+  EXPECT_GT(all.states, full.states);
+  EXPECT_GT(full.schedules, all.schedules);
+  EXPECT_EQ(cramped, roomy);
+  EXPECT_EQ(roomy.size(), 18u);
+  ASSERT_FALSE(progress.empty());
+  for (size_t i = 1; i < progress.size(); ++i) {
+    EXPECT_GT(progress[i].schedules, progress[i - 1].schedules);
+    EXPECT_GE(progress[i].states, progress[i - 1].states);
+  }
+  EXPECT_LE(progress.back().schedules, full.schedules);
+  EXPECT_EQ(StateTable::slotsFor(192), 256u);
+  EXPECT_EQ(StateTable::slotsFor(193), 512u);
+  EXPECT_EQ(StateTable::slotsFor(25000000), size_t(1) << 25);
+}
+
 TEST(ExploreStateTable, RemembersTheFewestPreemptionsAndKeepsStatesAcrossGrowth) {
   StateTable t;
   EXPECT_FALSE(t.metBefore(42, 2));

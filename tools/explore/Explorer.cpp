@@ -205,7 +205,8 @@ Report Explorer::dfs(int bound, uint64_t limit) {
   // schedule from there within the bound has been run (or is being run: a state cannot recur
   // on its own path, since steps only accumulate). Met again with as many preemptions or
   // more, the rest of the schedule runs with the default choices and is not branched.
-  StateTable seen;
+  StateTable seen(mMaxStates ? StateTable::slotsFor(mMaxStates) : StateTable::kDefaultMaxSlots);
+  double lastProgress = 0;
   for (;;) {
     size_t depth = 0;
     bool pruned = false;
@@ -282,9 +283,17 @@ Report Explorer::dfs(int bound, uint64_t limit) {
       break;
     }
     if (limit && report.schedules >= limit) break;
-    if (mTimeLimit > 0 && (report.schedules & 63) == 0 &&
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() >= mTimeLimit)
-      break;
+    if ((report.schedules & 63) == 0 && (mTimeLimit > 0 || mProgress)) {
+      double now = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      if (mTimeLimit > 0 && now >= mTimeLimit) break;
+      if (mProgress && now - lastProgress >= mProgressEvery) {
+        lastProgress = now;
+        report.states = seen.size();
+        report.stateTableFull = seen.full();
+        report.seconds = now;
+        mProgress(report);
+      }
+    }
   }
   report.states = seen.size();
   report.stateTableFull = seen.full();

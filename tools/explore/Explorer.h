@@ -82,6 +82,14 @@ class Explorer {
   void setCacheStates(bool on) { mCacheStates = on; }
   // A search stops, not exhausted, once it has run this long (0: no limit).
   void setTimeLimit(double seconds) { mTimeLimit = seconds; }
+  // The most states the depth-first search remembers (its table's memory is about 12 bytes a
+  // state); later ones are searched again whenever they are met.
+  void setMaxStates(uint64_t states) { mMaxStates = states; }
+  // Called with the search's counts so far about every `seconds` (long searches).
+  void setProgress(double seconds, std::function<void(const Report&)> report) {
+    mProgressEvery = seconds;
+    mProgress = std::move(report);
+  }
 
   uint32_t spuriousBudget() const { return mSpurious; }
   const std::vector<std::string>& threadNames() const { return mNames; }
@@ -95,6 +103,9 @@ class Explorer {
   uint32_t mSpurious;
   bool mCacheStates = true;
   double mTimeLimit = 0;
+  uint64_t mMaxStates = 0;
+  double mProgressEvery = 0;
+  std::function<void(const Report&)> mProgress;
   std::unique_ptr<Target> mTarget;
   std::vector<std::string> mNames;
 };

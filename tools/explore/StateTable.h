@@ -45,6 +45,12 @@ class StateTable {
       }
     }
   }
+  // The fewest slots (a power of two) that hold `states` states.
+  static size_t slotsFor(uint64_t states) {
+    size_t slots = 64;
+    while (states * 4 > slots * 3) slots *= 2;
+    return slots;
+  }
   size_t size() const { return mCount; }
   size_t slots() const { return mKeys.size(); }
   // Whether a state was left out for want of room.

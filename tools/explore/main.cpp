@@ -86,6 +86,8 @@ int main(int argc, char** argv) {
   std::string tracePath;
   bool noShrink = false;
   bool noStateCache = false;
+  uint64_t maxStates = 0;
+  double progress = 0;
   app.add_option("scenario", scenarioPath, "Scenario JSON file")->required();
   app.add_option("--preemptions", preemptions, "Depth-first search with at most K preemptions")
       ->check(CLI::Range(0, 1000));
@@ -102,6 +104,11 @@ int main(int argc, char** argv) {
   app.add_flag("--lock-order-state", gLockOrderState,
                "Tell states apart by the order of each lock's holders, not by the library's "
                "memory");
+  app.add_option("--max-states", maxStates,
+                 "The most states the search remembers (default 25 million, about 300 MB)")
+      ->check(CLI::Range(uint64_t(1000), uint64_t(1) << 36));
+  app.add_option("--progress", progress, "Print the search's counts every S seconds (stderr)")
+      ->check(CLI::PositiveNumber);
   app.add_option("--replay", replay, "Run the schedule of a replay string");
   app.add_option("--trace", tracePath, "Write a failing schedule as a Chrome JSON trace");
   app.add_flag("--no-shrink", noShrink, "Report a failing schedule as found");
@@ -152,6 +159,15 @@ int main(int argc, char** argv) {
   explore::Explorer ex(explore::scenarioTarget(scenario, !gLockOrderState), spurious);
   ex.setCacheStates(!noStateCache);
   ex.setTimeLimit(seconds);
+  ex.setMaxStates(maxStates);
+  if (progress > 0) {
+    ex.setProgress(progress, [](const explore::Report& r) {
+      std::fprintf(stderr, "... %llu schedules, %llu states%s, %.0f s\n",
+                   static_cast<unsigned long long>(r.schedules),
+                   static_cast<unsigned long long>(r.states),
+                   r.stateTableFull ? " (table full)" : "", r.seconds);
+    });
+  }
   explore::Report report;
   std::string what;
   if (randomCount > 0) {
