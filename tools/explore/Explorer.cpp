@@ -228,7 +228,10 @@ Report Explorer::dfs(int bound, uint64_t limit) {
         n.before = prev.before + cost(pp, prev.chosen);
       }
       if (mCacheStates && !pruned && p.state) {
-        uint64_t key = p.state ^ (uint64_t(p.current + 1) * 0x9e3779b97f4a7c15ull);
+        // Who ran last matters only while it can go on: a switch away from it is a
+        // preemption. When it cannot, every option is free and the state alone decides.
+        uint64_t key =
+            p.state ^ (p.currentEnabled ? uint64_t(p.current + 1) * 0x9e3779b97f4a7c15ull : 0);
         if (seen.metBefore(key, bound >= 0 ? n.before : 0)) {
           pruned = true;
           ++report.statesPruned;
