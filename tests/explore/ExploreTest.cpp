@@ -450,6 +450,62 @@ TEST(ExploreToy, TheMemoryStateMergesCommutingHoldersAndKeepsEveryOutcome) {
   EXPECT_TRUE(memory.replay(first.failure.choices, false).failed);
 }
 
+// The claim toy of TrackedToy.h: the outcome is the winner.
+class Claims : public Target {
+ public:
+  Claims(bool onStack, std::set<int>* winners) : mOnStack(onStack), mWinners(winners) {}
+  ~Claims() override {
+    Scheduler::setClientDigest(nullptr);
+    Scheduler::setMemoryState(false);
+  }
+  std::vector<std::string> threadNames() const override { return {"a", "b", "judge", "thief"}; }
+  std::vector<std::function<void()>> begin() override {
+    mClaim = std::make_unique<toy::Claim>();
+    Scheduler::setClientDigest([] { return uint64_t(0); });
+    Scheduler::setMemoryState(true);
+    return {[this] { toy::claim(*mClaim, 0, mOnStack); },
+            [this] { toy::claim(*mClaim, 1, mOnStack); },
+            [this] {
+              waitForBoth();
+              toy::judge(*mClaim);
+            },
+            [this] {
+              waitForBoth();
+              toy::steal(*mClaim);
+            }};
+  }
+  std::vector<std::string> judgeCompleted() override {
+    mWinners->insert(mClaim->winner);
+    return {};
+  }
+
+ private:
+  void waitForBoth() {
+    Scheduler::waitUntil([this] { return mClaim->wrote[0] && mClaim->wrote[1]; }, "both claims");
+  }
+  bool mOnStack;
+  std::set<int>* mWinners;
+  std::unique_ptr<toy::Claim> mClaim;
+};
+
+// Memory that differs only in which thread's block (or stack) a pointer points to is
+// different memory. Were the two claims' states one, the search would branch only from the
+// one met first: with the default order that is the second thread's win, and the theft
+// would never be seen.
+TEST(ExploreToy, TheMemoryStateTellsPointersToEachThreadsTokenApart) {
+  if (!Scheduler::memoryInstrumented()) GTEST_SKIP() << "no instrumented code in this build";
+  for (bool onStack : {false, true}) {
+    SCOPED_TRACE(onStack ? "tokens on the stacks" : "tokens on the heap");
+    for (int bound : {2, -1}) {
+      std::set<int> winners;
+      Report r = Explorer(make<Claims>(onStack, &winners), 0).dfs(bound, 0);
+      EXPECT_TRUE(r.exhausted);
+      EXPECT_GT(r.statesPruned, 0u);
+      EXPECT_EQ(winners, (std::set<int>{0, 1, 2})) << "bound " << bound;
+    }
+  }
+}
+
 // A search whose table fills up searches the states it could not keep again: more schedules,
 // the same outcomes, still to the end. Its progress reports count up to the final report.
 TEST(ExploreToy, ASearchWithAFullStateTableKeepsEveryOutcomeAndReportsProgress) {

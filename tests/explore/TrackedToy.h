@@ -2,6 +2,7 @@
 // Toy programs whose memory the scheduler follows: TrackedToy.cpp is compiled with the
 // memory-access instrumentation the explorer's copy of the library has (not under
 // AddressSanitizer, where Scheduler::memoryInstrumented() stays false for it).
+#include <memory>
 #include <mutex>
 
 namespace orvcam {
@@ -23,6 +24,24 @@ struct Tally {
 
 void tallyOwnSlot(Tally& t, int thread);
 void tallyRacy(Tally& t, int thread);
+
+// Two threads each set one owner to a token of their own, the last one wins: tokens equal in
+// size and content, told apart only by where they live (a heap block each, kept by the
+// claim, or a local of each thread's stack). Once both have (the caller waits), a thief takes
+// the owner away if it is the first thread's token, and a judge names the winner (2: stolen).
+// Which of the last two goes first matters only when the first thread's token won.
+struct Claim {
+  std::mutex mutex;
+  const void* tokens[2] = {};
+  std::unique_ptr<long> held[2];
+  const void* owner = nullptr;
+  bool wrote[2] = {};
+  int winner = -1;
+};
+
+void claim(Claim& c, int thread, bool onStack);
+void steal(Claim& c);
+void judge(Claim& c);
 
 }  // namespace toy
 }  // namespace explore
