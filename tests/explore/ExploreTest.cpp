@@ -537,6 +537,19 @@ TEST(ExploreToy, ASearchWithAFullStateTableKeepsEveryOutcomeAndReportsProgress) 
   EXPECT_EQ(StateTable::slotsFor(25000000), size_t(1) << 25);
 }
 
+// The clock is read every 64 schedules: a limit already passed stops the search there.
+TEST(ExploreToy, ASearchPastItsTimeLimitStopsNotExhausted) {
+  std::set<std::string> outcomes;
+  Explorer e(make<Board>(false, &outcomes), 0);
+  e.setCacheStates(false);
+  e.setTimeLimit(1e-9);
+  Report r = e.dfs(-1, 0);
+  EXPECT_FALSE(r.exhausted);
+  EXPECT_FALSE(r.hasFailure);
+  EXPECT_EQ(r.schedules, 64u);
+  EXPECT_GT(r.seconds, 0);
+}
+
 TEST(ExploreStateTable, RemembersTheFewestPreemptionsAndKeepsStatesAcrossGrowth) {
   StateTable t;
   EXPECT_FALSE(t.metBefore(42, 2));

@@ -206,6 +206,11 @@ Report Explorer::dfs(int bound, uint64_t limit) {
   // on its own path, since steps only accumulate). Met again with as many preemptions or
   // more, the rest of the schedule runs with the default choices and is not branched.
   StateTable seen(mMaxStates ? StateTable::slotsFor(mMaxStates) : StateTable::kDefaultMaxSlots);
+  auto tally = [&] {
+    report.states = seen.size();
+    report.stateTableFull = seen.full();
+    report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  };
   double lastProgress = 0;
   for (;;) {
     size_t depth = 0;
@@ -287,20 +292,15 @@ Report Explorer::dfs(int bound, uint64_t limit) {
     }
     if (limit && report.schedules >= limit) break;
     if ((report.schedules & 63) == 0 && (mTimeLimit > 0 || mProgress)) {
-      double now = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-      if (mTimeLimit > 0 && now >= mTimeLimit) break;
-      if (mProgress && now - lastProgress >= mProgressEvery) {
-        lastProgress = now;
-        report.states = seen.size();
-        report.stateTableFull = seen.full();
-        report.seconds = now;
+      tally();
+      if (mTimeLimit > 0 && report.seconds >= mTimeLimit) break;
+      if (mProgress && report.seconds - lastProgress >= mProgressEvery) {
+        lastProgress = report.seconds;
         mProgress(report);
       }
     }
   }
-  report.states = seen.size();
-  report.stateTableFull = seen.full();
-  report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  tally();
   return report;
 }
 
