@@ -649,6 +649,24 @@ TEST_F(LogTest, LostPrepareAndDropReportAreTakenFromTheLinesAfterThem) {
   EXPECT_TRUE(a.warnings.empty()) << a.warnings[0].text;
 }
 
+// Without the pool's lookup, the sensor's own job lines for the frame prove its prepare: after
+// frames it prepared in this log, the line was lost; for its first frame, the log began later.
+TEST_F(LogTest, AJobOfAFrameWithoutItsPrepareLineMeansTheLineWasLost) {
+  prepare(0, 0, 1, 0);
+  prepare(1, 1, 1, 0);
+  prepare(3, 1, 2, 1);  // S:0's prepare of frame 2 is lost
+  enqueue(10, 0, 1, 5, false);
+  enqueue(12, 1, 1, 5, true);
+  enqueue(20, 0, 2, 6, false);
+  enqueue(22, 1, 2, 6, true);
+  enqueue(30, 2, 2, 7, false);  // S:2 first shows here: the log began after its prepare
+  logread::Run r = only();
+  EXPECT_EQ(r.lostLines, 1u);
+  EXPECT_EQ(r.firstLost, "the prepare of S:0 F:2 before line 8");
+  Analysis a = analyse(r);
+  EXPECT_TRUE(a.findings.empty()) << a.findings[0].text;
+}
+
 TEST_F(LogTest, CheckerFindsAnOrderBreachInAnEditedLog) {
   prepare(0, 0, 1, 0);
   prepare(1, 0, 2, 1);

@@ -331,6 +331,18 @@ struct LineScope {
                " F:" + std::to_string(st.frame));
     }
   }
+  // A job line of a frame that the sensor has no prepare line for, after frames it prepared
+  // in this log: the prepare line was lost (before its first, the log began after it).
+  void jobWithoutPrepare(SensorFrame& st) {
+    if (st.prepared || st.prepareLost || gone(st.frame)) return;
+    auto seq = r.sequence.find(st.sensor);
+    if (seq == r.sequence.end() || seq->second.empty() ||
+        st.frame <= *std::min_element(seq->second.begin(), seq->second.end())) {
+      return;
+    }
+    st.prepareLost = true;
+    lostLine("the prepare of S:" + std::to_string(st.sensor) + " F:" + std::to_string(st.frame));
+  }
   void lostLine(const std::string& what) {
     if (r.lostLines++ == 0) r.firstLost = what + " before line " + std::to_string(lineNo);
   }
@@ -515,6 +527,7 @@ void LineScope::onDeliver() {
     uint32_t s = sensor & (config ? 0xFF : 0xFFFFFFFF);
     SensorFrame& st = state(s, frame);
     st.tid = line.tid;
+    jobWithoutPrepare(st);
     int64_t fd = -1;
     bool present = numberAfter(tail, "FD(", &fd);
     if (config) {
@@ -656,6 +669,7 @@ void LineScope::onGuard() {
   } else if (func == "finished") {
     if (contains(tail, "FC not found")) return;
     SensorFrame& st = state(sensor, frame);
+    jobWithoutPrepare(st);
     if (contains(tail, "ConfigJob finished.")) {
       if (!st.cfgSent) lostBefore(st, "the configure send", &st.cfgSent, &st.cfgSentAt);
       if (!st.cfgStarted) {

@@ -65,6 +65,7 @@ struct SensorFrame {
   uint32_t frame = 0;
   int tid = -1;
   bool prepared = false;
+  bool prepareLost = false;  // a job line proved a prepare the log lacks
   int64_t order = -1;
   Nanos preparedAt = 0;
   // Configure: a configure job sent, or setConfigured reported.
