@@ -79,15 +79,16 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
   // obtains the licences of all its sensors.
   // Thread: the sensor's request thread, in its frame order. Blocks: on mPrepareMutex and
   // mLicenseMutex (other preparations, licence fetches); never waits in the guard. `fc` must
-  // not be null (a frame's first preparation dereferences it; a later one aborts "[S:%d F:%d]
-  // pFc nullptr !"). Aborts: "[F:%d] weird synclist count", "[F:%d] sensorId(%d) in synclist
-  // but not in enqlist", "[S:%d F:%d] license should not exist !!, please check the flow !!".
+  // not be null: a frame's first preparation dereferences it, a later one aborts
+  //   "[S:%d F:%d] pFc nullptr !". Aborts (bad record, frame outside the 20-frame window):
+  //   "[F:%d] weird synclist count", "[F:%d] sensorId(%d) in synclist but not in enqlist",
+  //   "[S:%d F:%d] license should not exist !!, please check the flow !!".
   void prepare(uint32_t sensorId, uint32_t frameNo, std::shared_ptr<const FrameContext> fc)
       ORVCAM_EXCLUDES(mPrepareMutex, mLicenseMutex);
   // Internal: prepare() calls it for a frame's first preparation, under mPrepareMutex.
-  // Clients do not call it: a second call for a frame whose licences are still queued aborts
-  // "[S:%d F:%d] license should not exist !!, please check the flow !!". Blocks: on
-  // mLicenseMutex. Thread: request thread (inside prepare).
+  // Thread: request thread (inside prepare). Blocks: on mLicenseMutex. Clients do not call
+  // it: a second call for a frame whose licences are still queued aborts
+  //   "[S:%d F:%d] license should not exist !!, please check the flow !!".
   void prepareLicense(int32_t frameNo, std::shared_ptr<const FrameContext> fc)
       ORVCAM_EXCLUDES(mLicenseMutex);
 
@@ -115,9 +116,9 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
       ORVCAM_EXCLUDES(mLicenseMutex);
   // The sensor was configured without a configure job: its configure licence goes back.
   // Thread: the sensor's request thread (also after a drop of the frame). Blocks: no (but for
-  // the pipe manager's releaseLicense). A frame
-  // no longer in the pool only warns. Aborts: "[S:%d F:%d] FC already finished, please check
-  // it !", and for kNoFrame without a record "[S:%d F:%d] FC not found !".
+  // the pipe manager's releaseLicense). A frame no longer in the pool only warns. Aborts:
+  //   "[S:%d F:%d] FC already finished, please check it !" (every enqueue of it was done),
+  //   "[S:%d F:%d] FC not found !" (kNoFrame, with no record kept under that number).
   void setConfigured(uint32_t sensorId, uint32_t frameNo);
   // Hands back every queued licence, of every sensor.
   // Thread: event thread, right after notifyEvent(Flush, sensorId, ...). `sensorId` is not
@@ -129,10 +130,11 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
   // Thread: event thread. Blocks: no, except InformInflight with value 0: on mJobLock, until
   // running enqueue jobs return. Drop: hands back the sensor's enqueue licence of the frame,
   // which then counts prepared, configured and enqueued for it. Flush: the sensor's prepared
-  // in-map frames count configured and enqueued; its order restarts. InformInflight, value 0,
-  // aborts: "[S:%d F:%d] pFc nullptr !", "frameNo(%d) not exist, check it has been poped or
-  // not", "[S:%d] configure frame(%d) must not in change-FD flow, please check
-  // CamDeliver::prepareLicense() !". Other types: only logged.
+  // in-map frames count configured and enqueued; its order restarts. Other types: logged.
+  // InformInflight with value 0 aborts: "[S:%d F:%d] pFc nullptr !",
+  //   "frameNo(%d) not exist, check it has been poped or not",
+  //   "[S:%d] configure frame(%d) must not in change-FD flow, please check
+  //   CamDeliver::prepareLicense() !" (one message, too long for one line).
   void notifyEvent(EventType type, uint32_t sensorId, uint32_t frameNo, uint32_t value);
 
   // Writes the deliverer's state to `fd` for a dumpsys: the pool's records, each sensor's next

@@ -1,6 +1,7 @@
 #pragma once
 // Numbers that name one fact of the deliverer's protocol, shared by its classes and by the
 // tools that read its logs and histories. Plain constants: nothing here needs the library.
+// In the words of ThreadContext.h, every one is for any thread.
 #include <cstddef>
 #include <cstdint>
 
@@ -9,12 +10,13 @@ namespace camsys {
 namespace camcoordinator {
 
 // The frame number that stands for "no frame" (a send or report not tied to a frame).
+// Thread: any thread.
 constexpr uint32_t kNoFrameNumber = 0xFFFFFFFF;
 // A configure licence is queued under sensorId | kConfigureKeyBase; an enqueue licence under
-// the sensor id itself.
+// the sensor id itself. Thread: any thread.
 constexpr uint32_t kConfigureKeyBase = 0xFF00;
 // How many frames are kept: the prepared licences' window, and the frame pool's size at which
-// emplacing is a fatal error (it holds at most one fewer).
+// emplacing is a fatal error (it holds at most one fewer). Thread: any thread.
 constexpr size_t kPreparationWindow = 20;
 
 }  // namespace camcoordinator
