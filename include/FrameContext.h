@@ -74,7 +74,6 @@ class ORVCAM_CAMDELIVER_API FrameContext {
   // Thread: any thread, before the record is emplaced (reads CamDeliver::mLogLevel, see
   // there). Blocks: no. The lists are checked at the frame's first prepare, which aborts on
   // a bad one (see syncList and SensorState::needEnq).
-
   FrameContext(uint32_t frame, std::set<uint32_t> syncSensors, std::set<uint32_t> inMapSensors,
                std::unordered_map<uint32_t, SensorState> states, bool rawSwitch)
       : frameNo(frame),
