@@ -139,9 +139,9 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
 
   // Writes the deliverer's state to `fd` for a dumpsys: the pool's records, each sensor's next
   // order stamp, the prepared-frame list, the queued licences, and what every prepared sensor
-  // still waits for. Thread: any thread. Blocks: no: each lock is tried until 10
-  // ms in all have passed, and a part whose lock stayed busy is reported as not read. Writes
-  // no log line and changes nothing.
+  // still waits for. Thread: any thread. Blocks: at most 10 ms in all: each lock is only
+  // tried until then, and a part whose lock stayed busy is reported as not read. Writes no
+  // log line and changes nothing.
   // Unchecked: the analysis cannot follow a lock that is only tried and then released later.
   void dump(int fd) ORVCAM_NO_THREAD_SAFETY_ANALYSIS;
 
