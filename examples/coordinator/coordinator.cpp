@@ -361,10 +361,12 @@ void Coordinator::flushLocked(std::unique_lock<std::mutex>& lock) {
     }
     return true;
   });
-  std::vector<uint32_t> sensors{mPlan.flushSensor};
-  for (uint32_t s : plan(first).sensors) {
-    if (s != mPlan.flushSensor) sensors.push_back(s);
-  }
+  std::set<uint32_t> others;
+  for (uint32_t f = first; f < end; ++f)
+    others.insert(plan(f).sensors.begin(), plan(f).sensors.end());
+  others.erase(mPlan.flushSensor);
+  std::vector<uint32_t> sensors{mPlan.flushSensor};  // the named sensor first
+  sensors.insert(sensors.end(), others.begin(), others.end());
   lock.unlock();
   for (uint32_t s : sensors) mDeliver->notifyEvent(CamDeliver::Flush, s, 0, 0);
   mDeliver->flush(mPlan.flushSensor);
@@ -473,9 +475,8 @@ Summary Coordinator::run() {
     std::lock_guard<std::mutex> lock(mMutex);
     summary = mSummary;
   }
-  {
-    std::lock_guard<std::mutex> lock(mPool->mutex);
-    summary.framesLeftInPool = mPool->pool.size();
+  for (const FramePlan& p : mPlan.frames) {
+    if (mPool->exist(p.frameNo)) ++summary.framesLeftInPool;
   }
   const orvcam::host::LicenseAccount account = orvcam::host::hostPipeMgr()->account();
   summary.licencesAcquired = account.acquired;
