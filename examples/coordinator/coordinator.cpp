@@ -218,7 +218,7 @@ void Coordinator::sendFrame(uint32_t sensor, const FramePlan& p) {
     // goes back with setConfigured(), never with a configure job, for the same reason.
     {
       std::unique_lock<std::mutex> lock(mMutex);
-      state(f).dropRequested = true;
+      mDropRequests.push_back(f);
       mCond.notify_all();
       mCond.wait(lock, [&] { return state(f).dropReported; });
     }
@@ -278,17 +278,17 @@ void Coordinator::sendFrame(uint32_t sensor, const FramePlan& p) {
 // The pipeline's event thread reports the drops the request threads ran into. Called with
 // mMutex held; releases it around each report.
 void Coordinator::reportDropsLocked(std::unique_lock<std::mutex>& lock) {
-  for (const FramePlan& p : mPlan.frames) {
-    FrameState& st = state(p.frameNo);
-    if (!st.dropRequested || st.dropReported) continue;
-    uint32_t sensor = uint32_t(p.droppedSensor);
+  while (!mDropRequests.empty()) {
+    const uint32_t f = mDropRequests.front();
+    mDropRequests.pop_front();
+    const uint32_t sensor = uint32_t(plan(f).droppedSensor);
     lock.unlock();
-    mDeliver->notifyEvent(CamDeliver::Drop, sensor, p.frameNo, 0);
+    mDeliver->notifyEvent(CamDeliver::Drop, sensor, f, 0);
     progress();
     lock.lock();
-    st.dropReported = true;
+    state(f).dropReported = true;
     ++mSummary.drops;
-    markDoneLocked(sensor, p.frameNo);
+    markDoneLocked(sensor, f);
   }
 }
 

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -32,6 +33,8 @@ struct Options {
   uint32_t frames = 60;
   uint32_t sensors = 3;
   std::chrono::milliseconds stallLimit{2000};  // a send waiting longer is a stall
+  // The frame clock. A sensor at 30 fps delivers a frame every 33 ms; the example runs faster
+  // than a camera so that frames overlap and sends wait on each other.
   std::chrono::microseconds frameInterval{1000};
 };
 
@@ -105,7 +108,6 @@ class Coordinator {
     bool flushed = false;
     std::set<uint32_t> prepared;  // sensors whose prepare() has returned
     std::set<uint32_t> done;      // sensors finished with it: enqueued or dropped
-    bool dropRequested = false;
     bool dropReported = false;
   };
 
@@ -139,8 +141,9 @@ class Coordinator {
   std::mutex mMutex;  // never held across a call into the deliverer or the pool
   std::condition_variable mCond;
   std::vector<FrameState> mFrames;
-  uint32_t mInFlight = 0;           // emplaced and not complete
-  uint32_t mSendGate = UINT32_MAX;  // sends of this frame and later are held (the flush)
+  std::deque<uint32_t> mDropRequests;  // frames whose drop a request thread asks to be reported
+  uint32_t mInFlight = 0;              // emplaced and not complete
+  uint32_t mSendGate = UINT32_MAX;     // sends of this frame and later are held (the flush)
   Summary mSummary;
 
   // Read by the watchdog without mMutex.

@@ -53,7 +53,7 @@ bool parseLevel(const std::string& name, int* level) {
 int main(int argc, char** argv) {
   example::Options options;
   std::string level;
-  for (int i = 1; i < argc; ++i) {
+  for (int i = 1; i < argc; i += 2) {
     const char* arg = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
     long number = 0;
@@ -74,7 +74,6 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "camdeliver-example: bad argument \"%s\"\n%s", arg, kUsage);
       return 2;
     }
-    ++i;
   }
 
   // Logging is set up before the deliverer is built and before any thread starts: the library
