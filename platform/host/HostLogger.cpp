@@ -42,6 +42,10 @@ LoggerState& state() {
   return *s;
 }
 
+// Stamps to the microsecond (logcat's usec modifier) instead of the millisecond. Read on
+// every line by any thread, set at start-up from ORVCAM_LOG_USEC or by setLogMicroseconds().
+std::atomic<bool> gMicroseconds{false};
+
 // Decimal or 0x-prefixed hex; anything else (or nothing) gives `fallback`.
 long envNumber(const char* name, long fallback) {
   // Read by the start-up settings only, before any thread can call setenv().
@@ -71,6 +75,7 @@ struct EnvSettings {
         static_cast<uint32_t>(envNumber("ORVCAM_ULOG_MASK", kDefaultMask));
     NSCam::Utils::ULog::ULogger::sMode =
         static_cast<int>(envNumber("ORVCAM_ULOG_MODE", kDefaultMode));
+    gMicroseconds.store(envNumber("ORVCAM_LOG_USEC", 0) != 0, std::memory_order_relaxed);
   }
 } gEnvSettings;  // NOLINT(cert-err58-cpp): a failure this early ends the process either way
 
@@ -117,7 +122,8 @@ SecondStamp& writerStamp() {
   return *stamp;
 }
 
-// Writes "MM-DD HH:MM:SS.mmm" into `out` (at least 32 bytes) and returns its length.
+// Writes "MM-DD HH:MM:SS.mmm" (or ".uuuuuu") into `out` (at least 32 bytes) and returns its
+// length.
 size_t formatTimestamp(const timespec& now, SecondStamp& cache, char* out) {
   if (cache.second != now.tv_sec) {
     tm local{};
@@ -126,12 +132,13 @@ size_t formatTimestamp(const timespec& now, SecondStamp& cache, char* out) {
     cache.second = now.tv_sec;
   }
   memcpy(out, cache.text, cache.length);
-  long ms = now.tv_nsec / 1000000L;
+  const bool micro = gMicroseconds.load(std::memory_order_relaxed);
+  long fraction = micro ? now.tv_nsec / 1000L : now.tv_nsec / 1000000L;
   char* p = out + cache.length;
   *p++ = '.';
-  *p++ = static_cast<char>('0' + ms / 100);
-  *p++ = static_cast<char>('0' + ms / 10 % 10);
-  *p++ = static_cast<char>('0' + ms % 10);
+  for (long unit = micro ? 100000L : 100L; unit > 0; unit /= 10) {
+    *p++ = static_cast<char>('0' + fraction / unit % 10);
+  }
   return static_cast<size_t>(p - out);
 }
 
@@ -351,6 +358,10 @@ void applyLoggerSettings(const LoggerSettings& settings) {
   ULogger::sNormalDetailsMask = settings.mask;
   ULogger::sMode = settings.mode;
 }
+
+void setLogMicroseconds(bool micro) { gMicroseconds.store(micro, std::memory_order_relaxed); }
+
+bool logMicroseconds() { return gMicroseconds.load(std::memory_order_relaxed); }
 
 std::string formatLogcatLine(char level, const std::string& tag, const std::string& message) {
   timespec now{};

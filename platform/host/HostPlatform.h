@@ -23,6 +23,7 @@ namespace host {
 //
 // Lines go to stderr in logcat "threadtime" layout:
 //   "MM-DD HH:MM:SS.mmm  PID  TID L TAG: message"
+// (with microseconds instead of milliseconds after setLogMicroseconds(true)).
 // Settings are read once at start-up from ORVCAM_ULOG_LEVEL (detail level, default 2: errors
 // and warnings), ORVCAM_ULOG_MASK (default 0x401000) and ORVCAM_ULOG_MODE (default 2: the
 // unified logger only). Each accepts decimal or 0x-prefixed hex.
@@ -41,6 +42,13 @@ struct LoggerSettings {
 };
 LoggerSettings loggerSettings();
 void applyLoggerSettings(const LoggerSettings& settings);
+
+// Time stamps to the microsecond, "MM-DD HH:MM:SS.uuuuuu" as `adb logcat -v threadtime,usec`
+// writes them, instead of the millisecond: a workstation runs a frame's calls within one
+// millisecond. Initially ORVCAM_LOG_USEC (0 or 1, default 0). Any thread, any time; lines
+// being written keep the layout they started with.
+void setLogMicroseconds(bool micro);
+bool logMicroseconds();
 
 // One written line. `level` is the level letter: 'E', 'W', 'I', 'D', 'V' or 'F'.
 struct LogLine {

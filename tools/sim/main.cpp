@@ -25,11 +25,17 @@ constexpr int kExitViolations = 1;
 constexpr int kExitUsage = 2;
 constexpr uint64_t kCameraTraceTag = 0x400;
 const char* const kForceLogProperty = "vendor.debug.camcoordinator.force.log";
+// The logger's detail level from which the deliverer writes its debug lines.
+constexpr int kDebugDetailsLevel = 5;
 
 // The host logger's detail level for a --log-level value.
 bool parseLogLevel(const std::string& text, int* level, bool* verbose) {
-  static const std::pair<const char*, int> names[] = {{"off", 0},  {"error", 1}, {"warning", 2},
-                                                      {"info", 4}, {"debug", 5}, {"verbose", 5}};
+  static const std::pair<const char*, int> names[] = {{"off", 0},
+                                                      {"error", 1},
+                                                      {"warning", 2},
+                                                      {"info", 4},
+                                                      {"debug", kDebugDetailsLevel},
+                                                      {"verbose", kDebugDetailsLevel}};
   *verbose = text == "verbose";
   for (const auto& n : names) {
     if (text == n.first) {
@@ -147,6 +153,12 @@ int main(int argc, char** argv) {
     host::LoggerSettings settings = host::loggerSettings();
     settings.detailsLevel = level;
     host::applyLoggerSettings(settings);
+  }
+  // A simulated frame's calls fit in a millisecond: debug logs are stamped to the
+  // microsecond so that camdeliver-log can measure their waits (ORVCAM_LOG_USEC=0 keeps
+  // milliseconds).
+  if (level >= kDebugDetailsLevel && !std::getenv("ORVCAM_LOG_USEC")) {
+    host::setLogMicroseconds(true);
   }
   if (verbose) host::setProperty(kForceLogProperty, "1");
   for (const std::string& prop : props) {
