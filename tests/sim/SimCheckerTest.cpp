@@ -136,13 +136,29 @@ TEST(SimChecker, GoodHistoryPasses) {
   EXPECT_EQ(result.licencesChecked, 14u);
 }
 
-TEST(SimChecker, CatchesJobsOutOfPreparationOrder) {
+// Jobs that overlap although the sensor sent them in its order of preparation break the
+// library's guarantee; jobs the sensor itself sent in another order are the client's doing
+// (the library holds no send back for the sensor's own previous frame), and so is a second
+// preparation of a frame, which must not be taken for a frame that follows itself.
+TEST(SimChecker, TellsJobsOutOfPreparationOrderFromSendsOutOfIt) {
   History h = goodHistory();
-  retime(h, findJob(h, 1, 1, JobKind::Configure), 8, 9);  // configure after its enqueue began
-  EXPECT_EQ(rules(h), (Rules{{"order", 1}}));
-  h = goodHistory();
   retime(h, findJob(h, 0, 5), 60, 81);  // still on F:5 when its next frame, F:7, starts
   EXPECT_EQ(rules(h), (Rules{{"order", 1}}));
+  h = goodHistory();
+  retime(h, findJob(h, 1, 1, JobKind::Configure), 8, 9);  // configure sent after its enqueue
+  CheckResult result = checkHistory(h);
+  EXPECT_TRUE(result.violations.empty());
+  ASSERT_EQ(result.notes.size(), 1u);
+  EXPECT_EQ(result.notes[0].message,
+            "S:1 F:1 EnqJob was sent at 0.000 ms, before S:1 F:1 ConfigJob (sent at 0.000 ms), "
+            "although S:1 prepared F:1 first");
+  EXPECT_EQ(result.notes[0].broken, clientrule::kSendOrder);
+  h = goodHistory();
+  h.prepares.push_back({0, 1, 95, 96});  // S:0 prepares F:1 again after its last frame
+  result = checkHistory(h);
+  EXPECT_TRUE(result.violations.empty());
+  ASSERT_EQ(result.notes.size(), 1u);
+  EXPECT_EQ(result.notes[0].broken, clientrule::kDoublePrepare);
 }
 
 TEST(SimChecker, CatchesSyncPartnerOvertaken) {
@@ -324,9 +340,11 @@ TEST(SimChecker, NotesAPreparationOutsideTheRecentWindow) {
   ASSERT_EQ(notes.size(), 2u);
   EXPECT_EQ(notes[0].message,
             "S:1 F:1 was prepared after 20 other frames had been first prepared since the "
-            "frame's own first preparation; the deliverer fetches its licences again and ends "
-            "the process");
+            "frame's own first preparation; the deliverer keeps the last 20, fetches the "
+            "frame's licences again and ends the process");
+  EXPECT_EQ(notes[0].broken, clientrule::kLaggingPrepare);
   EXPECT_EQ(notes[1].message, "S:0 F:1 was prepared twice");
+  EXPECT_EQ(notes[1].broken, clientrule::kDoublePrepare);
 }
 
 }  // namespace

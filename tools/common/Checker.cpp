@@ -23,7 +23,7 @@ namespace {
 using SensorFrame = std::pair<uint32_t, uint32_t>;
 
 std::string sf(uint32_t sensor, uint32_t frame) {
-  return "S:" + std::to_string(sensor) + " F:" + std::to_string(frame);
+  return sensorName(sensor) + " F:" + std::to_string(frame);
 }
 
 std::string jobName(const JobRecord& j) {
@@ -94,8 +94,8 @@ class Checker {
     add(rule, at, std::move(message));
   }
 
-  void note(Nanos at, std::string message) {
-    result_.notes.push_back({"client", std::move(message), at});
+  void note(Nanos at, std::string message, const char* broken) {
+    result_.notes.push_back({"client", std::move(message), at, broken});
   }
 
   void index() {
@@ -182,17 +182,35 @@ class Checker {
     return sequence_.at(sensor)[pos->second - 1];
   }
 
-  // Per sensor, jobs run in preparation order, configure before enqueue.
+  // `j` started before `last`, of a frame the sensor prepared earlier, had ended.
+  void orderBreach(const JobRecord& j, const JobRecord& last) {
+    if (j.sent < last.sent) {
+      note(j.sent,
+           jobName(j) + " was sent at " + formatTime(j.sent) + ", before " + jobName(last) +
+               " (sent at " + formatTime(last.sent) + "), although S:" + std::to_string(j.sensor) +
+               " prepared F:" + std::to_string(last.frame) + " first",
+           clientrule::kSendOrder);
+      return;
+    }
+    add("order", j.start,
+        jobName(j) + " started at " + formatTime(j.start) + ", before " + jobName(last) +
+            " (prepared earlier) ended at " + formatTime(last.end));
+  }
+
+  // Per sensor, jobs run in preparation order, configure before enqueue. The library holds
+  // no send back for the sensor's own previous frame: its request thread's call order puts
+  // them in order. A job sent before one the sensor prepared earlier is the client's doing; a
+  // frame prepared twice counts at its first preparation (the second is the client's note).
   void checkOrder() {
     for (const auto& entry : sequence_) {
       uint32_t sensor = entry.first;
       const JobRecord* last = nullptr;
+      std::unordered_set<uint32_t> seen;
       for (uint32_t frame : entry.second) {
+        if (!seen.insert(frame).second) continue;
         for (const JobRecord* j : ranJobs(sensor, frame)) {
           if (last && started(*j) && j->start < last->end && !h_.inContext(frame)) {
-            add("order", j->start,
-                jobName(*j) + " started at " + formatTime(j->start) + ", before " + jobName(*last) +
-                    " (prepared earlier) ended at " + formatTime(last->end));
+            orderBreach(*j, *last);
           }
           if (!last || j->end > last->end) last = j;
         }
@@ -248,9 +266,11 @@ class Checker {
           if (!started(*j)) continue;
           bool held = !done || *done > j->start;
           if (held && sensor != off && offPrepared > j->sent) {
-            note(j->sent, jobName(*j) + " was sent on a raw-switch frame before the off sensor S:" +
-                              std::to_string(off) +
-                              " had prepared it, so the raw-switch rule could not hold it back");
+            note(j->sent,
+                 jobName(*j) + " was sent on a raw-switch frame before the off sensor S:" +
+                     std::to_string(off) +
+                     " had prepared it, so the raw-switch rule could not hold it back",
+                 clientrule::kRawSwitchBeforeOff);
             continue;
           }
           if (!done) {
@@ -485,7 +505,8 @@ class Checker {
           }
           if (dropped != kNever && j->kind == JobKind::Enqueue &&
               j->sent > dropEnd(sensor, p.frame)) {
-            note(j->sent, jobName(*j) + " was sent after the frame's drop had been reported");
+            note(j->sent, jobName(*j) + " was sent after the frame's drop had been reported",
+                 clientrule::kSendAfterDrop);
           }
         }
         if (flushed != kNever || dropped != kNever) continue;

@@ -12,11 +12,30 @@ namespace orvcam {
 namespace sim {
 
 struct Violation {
-  // One of: order, sync, raw-switch, fd, licence, pool, delivery.
+  // One of: order, sync, raw-switch, fd, licence, pool, delivery (what the library
+  // guarantees), or client (the client's call order broke a rule of the protocol).
   std::string rule;
   std::string message;
   Nanos at = 0;  // when it happened, for sorting
+  // client: the rule of the protocol it breaks, as what not to do (one of clientrule).
+  std::string broken;
+
+  Violation() = default;
+  Violation(std::string rule_, std::string message_, Nanos at_, std::string broken_ = {})
+      : rule(std::move(rule_)), message(std::move(message_)), at(at_), broken(std::move(broken_)) {}
 };
+
+// The rules of the client protocol whose breach a recorded call order shows, each as what a
+// client must not do. One text per rule: the checker's notes, the log reader's explanations of
+// fatal assertions and the reports all name a rule by these.
+namespace clientrule {
+extern const char* const kLaggingPrepare;
+extern const char* const kDoublePrepare;
+extern const char* const kSendOrder;
+extern const char* const kSendBeforePrepare;
+extern const char* const kRawSwitchBeforeOff;
+extern const char* const kSendAfterDrop;
+}  // namespace clientrule
 
 struct CheckResult {
   std::vector<Violation> violations;  // by time
@@ -39,7 +58,8 @@ struct CheckResult {
   // order, sync or raw switch.
   size_t startsLost = 0;
   size_t licencesChecked = 0;
-  bool clean() const { return violations.empty(); }
+  // Nothing broken, by the library or by the client.
+  bool clean() const { return violations.empty() && notes.empty(); }
 };
 
 struct CheckOptions {

@@ -58,6 +58,13 @@ struct SensorFrameHash {
 // The frame number that stands for "no frame".
 constexpr uint32_t kNoFrame = NSCam::camsys::camcoordinator::kNoFrameNumber;
 
+// How the tools name a sensor, or a licence key: "S:1", and a configure key (the configure
+// base plus the sensor) as "S:1 cfg". The library's own lines print keys as numbers.
+inline std::string sensorName(uint32_t key) {
+  constexpr uint32_t kBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
+  return key >= kBase ? "S:" + std::to_string(key - kBase) + " cfg" : "S:" + std::to_string(key);
+}
+
 struct PrepareRecord {
   uint32_t sensor = 0;
   uint32_t frame = 0;

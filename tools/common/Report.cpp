@@ -32,7 +32,7 @@ std::string ms(Nanos ns) {
 std::vector<SensorSummary> summarize(const History& h) {
   std::map<uint32_t, SensorSummary> rows;
   std::map<uint32_t, std::vector<Nanos>> waits;
-  for (uint32_t s : h.sensors) rows[s].label = "S:" + std::to_string(s);
+  for (uint32_t s : h.sensors) rows[s].label = sensorName(s);
   for (const auto& p : h.prepares) ++rows[p.sensor].prepared;
   for (const auto& r : h.setConfigured) ++rows[r.sensor].configured;
   for (const auto& j : h.jobs) {
@@ -97,7 +97,7 @@ std::vector<SensorSummary> summarize(const History& h) {
   total.label = "total";
   std::vector<Nanos> all;
   for (auto& entry : rows) {
-    if (entry.second.label.empty()) entry.second.label = "S:" + std::to_string(entry.first);
+    if (entry.second.label.empty()) entry.second.label = sensorName(entry.first);
     out.push_back(entry.second);
     all.insert(all.end(), waits[entry.first].begin(), waits[entry.first].end());
   }
@@ -133,12 +133,13 @@ std::string verdictLine(const CheckResult& check) {
   }
   std::map<std::string, size_t> byRule;
   for (const auto& v : check.violations) ++byRule[v.rule];
+  for (const auto& v : check.notes) ++byRule[v.rule];
   std::string rules;
   for (const auto& r : byRule) {
     rules += (rules.empty() ? "" : ", ") + r.first + " " + std::to_string(r.second);
   }
-  return "verdict: FAIL - " + std::to_string(check.violations.size()) + " violation(s) (" + rules +
-         "); " + counts;
+  return "verdict: FAIL - " + std::to_string(check.violations.size() + check.notes.size()) +
+         " violation(s) (" + rules + "); " + counts;
 }
 
 void printReport(std::ostream& out, const History& h, const CheckResult& check,
@@ -181,10 +182,12 @@ void printReport(std::ostream& out, const History& h, const CheckResult& check,
         break;
       }
       out << "  [" << v.rule << "] " << v.message << "\n";
+      if (!v.broken.empty()) out << "    rule broken: don't " << v.broken << "\n";
     }
     out << "\n";
   };
   list("violations:", check.violations);
+  list("the client broke the protocol:", check.notes);
   list("not counted (" + std::to_string(check.sameStamp.size()) +
            "): ordered only by line within one time stamp of the source",
        check.sameStamp);

@@ -98,8 +98,12 @@ class ScenarioTarget : public Target {
     std::vector<std::string> findings;
     sim::History h = mClient.end();
     sim::CheckResult check = sim::checkHistory(h);
-    for (const auto& x : check.violations) findings.push_back(x.rule + ": " + x.message);
-    for (const auto& x : sim::clientProtocolNotes(h)) findings.push_back("client: " + x.message);
+    // The classes of the log reader and the simulator: the library's rules, then the
+    // client's, each with the rule it broke.
+    for (const auto& x : check.violations) findings.push_back("[" + x.rule + "] " + x.message);
+    for (const auto& x : check.notes) {
+      findings.push_back("[client] " + x.message + " (rule broken: don't " + x.broken + ")");
+    }
     for (const auto& x : mClient.endFindings()) findings.push_back("state: " + x);
     if (h.account.live() != 0) {
       findings.push_back("licence account: " + std::to_string(h.account.acquired) + " acquired, " +
