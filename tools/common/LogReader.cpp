@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 
@@ -83,6 +84,33 @@ int64_t LogClock::place(int64_t raw, uint64_t lineNo) {
   }
   last_ = t;
   return t - first_;
+}
+
+bool parseCaptureEnd(const std::string& text, CaptureEnd* out, std::string* error) {
+  if (!text.empty() && text[0] == '+') {
+    char* end = nullptr;
+    double seconds = std::strtod(text.c_str() + 1, &end);
+    if (text.size() == 1 || *end != '\0' || !(seconds >= 0) || seconds > 1e6) {
+      *error = "\"" + text + "\": +SECONDS wants a number of seconds, such as +3 or +0.5";
+      return false;
+    }
+    out->relative = true;
+    out->afterNs = int64_t(seconds * 1e9);
+    return true;
+  }
+  // A stamp is read the way a line of the same layout is: with a process, thread, level and
+  // tag after it.
+  LogLine line;
+  std::string probe = text + "  1  1 I t: x";
+  if (!parseLogLine(probe, &line) || !line.hasTime) {
+    *error = "\"" + text +
+             "\" is not a time stamp of a log layout (MM-DD HH:MM:SS.mmm, with a year in front, "
+             "microseconds, or seconds since the epoch) nor +SECONDS";
+    return false;
+  }
+  out->relative = false;
+  out->stampNs = line.timeNs;
+  return true;
 }
 
 std::string_view stripColour(std::string_view raw, std::string* buffer) {
@@ -302,10 +330,11 @@ struct LineScope {
 
   // The pool erases a frame's record once every sensor it needs is done with it (enqueued,
   // dropped or flushed): one that prepared the frame and shows none of those lost its line.
-  void retire() {
+  void retire(std::string by) {
     FrameInfo& fi = frameInfo(frame);
     fi.retired = true;
     fi.retiredAt = at;
+    fi.retiredBy = std::move(by) + " (line " + std::to_string(lineNo) + ")";
     retiring = true;
   }
   void checkRetired() {
@@ -319,6 +348,7 @@ struct LineScope {
     }
   }
   bool retiring = false;
+  std::string sfText() const { return sim::sensorName(sensor) + " F:" + std::to_string(frame); }
 
   // A line that proves an earlier one of the same job was written, though the log lacks it
   // (logd drops lines under load; a user cut some out): marks it as seen at this line's time
@@ -688,10 +718,10 @@ void LineScope::onGuard() {
       }
       st.enqDone = true;
       st.enqEnd = at;
-      if (contains(tail, "Is last, erase it.")) retire();
+      if (contains(tail, "Is last, erase it.")) retire("the last enqueue, " + sfText() + " EnqJob");
     }
   } else if (func == "drop" || func == "flush") {
-    if (contains(tail, "is last, erase")) retire();
+    if (contains(tail, "is last, erase")) retire("the " + std::string(func) + " of " + sfText());
     sim::EventRecord* e = openEvent();
     // The guard's drop or flush follows the report's own line.
     if (sim::EventRecord* made = lostReport(
@@ -1279,6 +1309,12 @@ std::vector<Run> LogReader::finish() {
     h.scenario = "log of process " + std::to_string(pid) +
                  (sessions[pid] > 1 ? ", session " + std::to_string(r.session) : std::string());
     r.captureEnd = std::max(r.endAt, c.baseNs >= 0 ? clock_.last() - c.baseNs : r.endAt);
+    if (captureEnd_ && c.baseNs >= 0) {
+      Nanos given = captureEnd_->relative ? r.captureEnd + captureEnd_->afterNs
+                                          : clock_.timeOf(captureEnd_->stampNs) - c.baseNs;
+      r.captureEndGiven = given > r.captureEnd;
+      r.captureEnd = std::max(r.captureEnd, given);
+    }
     out.push_back(std::move(r));
   }
   contexts_.clear();

@@ -105,6 +105,7 @@ struct FrameInfo {
   bool syncBroken = false;
   bool retired = false;
   Nanos retiredAt = 0;
+  std::string retiredBy;  // the line that erased its record: "the drop of S:1 F:5", ...
   Nanos firstSeen = 0;
 };
 
@@ -183,6 +184,7 @@ struct Run {
   // The capture's end on this run's clock: the last time stamp of any line in the file, of any
   // tag or process. A send waiting at that point has waited at least this long.
   Nanos captureEnd = 0;
+  bool captureEndGiven = false;  // by the user (--capture-end), later than the last line
   std::map<std::pair<uint32_t, uint32_t>, SensorFrame> states;  // (sensor, frame)
   std::map<uint32_t, FrameInfo> frames;
   std::map<uint32_t, std::vector<uint32_t>> sequence;  // per sensor, frames in prepare order
@@ -237,6 +239,9 @@ class LogClock {
   // stamp.
   int64_t place(int64_t raw, uint64_t lineNo);
   int64_t last() const { return started_ ? last_ - first_ : 0; }
+  // Where a stamp (nanoseconds from the start of a year, as place() takes them) falls on the
+  // timeline, without moving it: a stamp given by the user rather than read from a line.
+  int64_t timeOf(int64_t raw) const { return started_ ? raw + offset_ - first_ : 0; }
   uint64_t outOfOrder() const { return outOfOrder_; }
   const std::vector<ClockStep>& steps() const { return steps_; }
 
@@ -246,6 +251,17 @@ class LogClock {
   uint64_t outOfOrder_ = 0;
   std::vector<ClockStep> steps_;
 };
+
+// When the capture ended, as the user knows it: a stamp in the log's own layout
+// ("11-22 10:00:05.000", "2026-11-22 10:00:05.000123", "1764000000.5") or "+SECONDS" after its
+// last line. A process that hung stops writing, so its last line is not when the capture ended.
+struct CaptureEnd {
+  bool relative = false;
+  int64_t stampNs = 0;  // !relative: the stamp, as LogLine::timeNs
+  int64_t afterNs = 0;  // relative: after the last line
+};
+// False with `error` naming what is wrong.
+bool parseCaptureEnd(const std::string& text, CaptureEnd* out, std::string* error);
 
 class LogReader {
  public:
@@ -269,6 +285,8 @@ class LogReader {
   // is unsettledPart(run). The part is the listener's to keep: it may move from it.
   using SettledListener = std::function<void(const Run& run, sim::History&& part)>;
   void setListener(SettledListener listener) { listener_ = std::move(listener); }
+  // Sends still waiting at the end count their wait up to this time (default: the last line).
+  void setCaptureEnd(const CaptureEnd& end) { captureEnd_ = end; }
   // One raw line (without its newline).
   void addLine(std::string_view raw);
   // Replays what is left and builds each run's History. Runs by first line.
@@ -327,6 +345,7 @@ class LogReader {
   void maybeSettle(Context& c);
   void settle(Context& c, const std::vector<uint32_t>& batch);
   size_t window_ = kDefaultWindow;
+  std::optional<CaptureEnd> captureEnd_;
   SettledListener listener_;
   LogClock clock_;
   // The session a line of a process belongs to, and why a new one begins with it.

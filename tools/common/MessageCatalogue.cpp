@@ -85,10 +85,11 @@ bool isWarningText(std::string_view text) {
 
 std::string ruleForFatal(const std::string& message) {
   if (message.find("F:-1] FC not found !") != std::string::npos) {
-    return "report setConfigured for frame 0xFFFFFFFF while no record is kept under that number";
+    return "rule broken: don't report setConfigured for frame 0xFFFFFFFF while no record is kept "
+           "under that number";
   }
   const Fatal* f = fatalFor(message);
-  if (f && f->rule) return f->rule;
+  if (f && f->rule) return std::string("rule broken: don't ") + f->rule;
   return "not a client rule: the library's own bookkeeping broke (licence queue or pool "
          "invariant)";
 }

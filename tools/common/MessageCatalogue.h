@@ -17,8 +17,9 @@ std::string shape(std::string_view text);
 bool isFatalText(std::string_view text);
 bool isWarningText(std::string_view text);
 
-// The client-protocol rule a fatal assertion message stands for: the "Don't" of the
-// README's table, or an explanation for the library's own invariants.
+// The client-protocol rule a fatal assertion message stands for, as "rule broken: don't ..."
+// (the never-do table of docs/integrating.md), or "not a client rule: ..." for the library's
+// own invariants.
 std::string ruleForFatal(const std::string& message);
 
 // What a warning kind means for the verdict: nothing on its own (benign), the trace of a call

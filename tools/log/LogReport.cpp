@@ -26,9 +26,7 @@ const char* const kHowToEnableVerbose =
 
 namespace {
 
-std::string sf(uint32_t s, uint32_t f) {
-  return "S:" + std::to_string(s) + " F:" + std::to_string(f);
-}
+std::string sf(uint32_t s, uint32_t f) { return sim::sensorName(s) + " F:" + std::to_string(f); }
 
 std::string ms(Nanos ns) {
   char buf[32];
@@ -129,9 +127,106 @@ void waitingAtEnd(const Run& r, const SensorFrame& st, bool isConfig, Analysis* 
                                      : std::string(" (the layout has no times)")));
     return;
   }
-  a->findings.push_back(
-      {"blocked", "blocked send: " + who + " still waiting at the end of the log: waited " +
-                      ms(waited) + " (since " + ms(since) + ")" + waitsFor(r, st, isConfig)});
+  a->findings.push_back({"blocked", "blocked send: " + who + " still waiting at the end of the " +
+                                        (r.captureEndGiven ? "capture (--capture-end)" : "log") +
+                                        ": waited " + ms(waited) + " (since " + ms(since) + ")" +
+                                        waitsFor(r, st, isConfig)});
+}
+
+// "[S:1 F:2] ..." -> the key (a sensor, or a configure key) and the frame.
+bool keyAndFrame(const std::string& message, uint32_t* key, uint32_t* frame) {
+  unsigned k = 0, f = 0;
+  if (std::sscanf(message.c_str(), "[S:%u F:%u]", &k, &f) != 2) return false;
+  *key = k;
+  *frame = f;
+  return true;
+}
+
+// The sensor a thread serves: the one most of its lines name.
+std::string threadsSensor(const Run& r, int tid) {
+  auto it = r.threadSensors.find(tid);
+  if (it == r.threadSensors.end() || it->second.empty()) {
+    return "the sensor on thread " + std::to_string(tid);
+  }
+  auto most = std::max_element(it->second.begin(), it->second.end(),
+                               [](const auto& x, const auto& y) { return x.second < y.second; });
+  return "S:" + std::to_string(most->first);
+}
+
+// A licence still queued when a prepare fetches the frame's licences again: the frame had
+// left the deliverer's window of the 20 frames first prepared most recently, so a sensor
+// prepared it late. Counted from the frames the log still holds (every frame in flight and
+// the settled ones kept as context, more than the window).
+std::optional<std::string> laggingPrepare(const Run& r, const FatalAssertion& f) {
+  uint32_t key = 0, frame = 0;
+  if (f.message.find("license should not exist") == std::string::npos ||
+      !keyAndFrame(f.message, &key, &frame)) {
+    return std::nullopt;
+  }
+  std::map<uint32_t, std::pair<Nanos, uint32_t>> firstPrepared;  // frame -> (when, by whom)
+  for (const auto& entry : r.states) {
+    const SensorFrame& st = entry.second;
+    if (!st.prepared || st.preparedAt > f.at) continue;
+    auto it = firstPrepared.find(st.frame);
+    if (it == firstPrepared.end() || st.preparedAt < it->second.first) {
+      firstPrepared[st.frame] = {st.preparedAt, st.sensor};
+    }
+  }
+  auto own = firstPrepared.find(frame);
+  if (own == firstPrepared.end()) return std::nullopt;
+  size_t since = 0;
+  for (const auto& entry : firstPrepared) {
+    if (entry.first != frame && entry.second.first > own->second.first) ++since;
+  }
+  if (since < NSCam::camsys::camcoordinator::kPreparationWindow) return std::nullopt;
+  return threadsSensor(r, f.tid) + " prepared F:" + std::to_string(frame) + " after " +
+         std::to_string(since) + " other frames had been first prepared since its first " +
+         "preparation (by " + sf(own->second.second, frame) + " at " + ms(own->second.first) +
+         "); the deliverer keeps the last " +
+         std::to_string(NSCam::camsys::camcoordinator::kPreparationWindow) +
+         ", so it fetched the frame's licences again and ended the process at " + ms(f.at);
+}
+
+// "FC not found" on a send: what the log shows of the frame leaving the pool. A send after its
+// own frame's drop is the client's mistake when the send's own line (verbose) came after the
+// drop; without that line a send racing the drop cannot be told from one made after it.
+std::string frameNotFound(const Run& r, const FatalAssertion& f, Analysis* a) {
+  uint32_t sensor = 0, frame = 0;
+  if (!keyAndFrame(f.message, &sensor, &frame)) return "";
+  auto fi = r.frames.find(frame);
+  if (fi == r.frames.end()) {
+    return "\n    the log shows nothing of F:" + std::to_string(frame) +
+           ": never emplaced, or retired before the capture began";
+  }
+  std::string text;
+  if (fi->second.retired && fi->second.retiredAt <= f.at) {
+    text = "\n    F:" + std::to_string(frame) + " had left the pool: retired by " +
+           fi->second.retiredBy + " at " + ms(fi->second.retiredAt);
+  } else {
+    text = "\n    the log shows no line that retired F:" + std::to_string(frame);
+  }
+  const SensorFrame* st = findState(r, sensor, frame);
+  if (!st || !st->dropped || st->droppedAt > f.at) return text;
+  std::string who = sf(sensor, frame);
+  // A thread makes one call at a time: a drop among its own lines before the send returned.
+  std::string dropLine = "[drop] [" + sf(sensor, frame) + "] drop";
+  bool dropOnThisThread = std::any_of(f.before.begin(), f.before.end(), [&](const std::string& l) {
+    return l.find(dropLine) != std::string::npos;
+  });
+  if (dropOnThisThread || (st->enqSentSeen && st->enqSentAt > st->droppedAt)) {
+    a->findings.push_back(
+        {"client", who + " was sent for after the sensor's own drop of the frame at " +
+                       ms(st->droppedAt) +
+                       (dropOnThisThread ? ", reported earlier on the same thread"
+                                         : ", by the send's own line at " + ms(st->enqSentAt)) +
+                       "\n    rule broken: don't " + sim::clientrule::kSendAfterDrop});
+    return text;
+  }
+  return text + "\n    " + who + " was dropped at " + ms(st->droppedAt) +
+         " before this send looked the frame up; unknown whether the send was made after the "
+         "drop returned (don't " +
+         sim::clientrule::kSendAfterDrop +
+         ") or raced it: the send's own line, which tells, needs " + kHowToEnableVerbose;
 }
 
 }  // namespace
@@ -204,10 +299,17 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
     if (st.enqBlocked() && !noFrameSendWentOn(r, st)) waitingAtEnd(r, st, false, &a);
   }
   for (const FatalAssertion& f : r.fatals) {
+    std::string rule = ruleForFatal(f.message);
+    std::string context;
+    if (std::optional<std::string> lagging = laggingPrepare(r, f)) {
+      rule = std::string("rule broken: don't ") + sim::clientrule::kLaggingPrepare;
+      a.findings.push_back(
+          {"client", *lagging + "\n    rule broken: don't " + sim::clientrule::kLaggingPrepare});
+    }
+    if (f.message.find("FC not found !") != std::string::npos) context = frameNotFound(r, f, &a);
     std::string text = "fatal assertion \"" + f.message + "\"" +
                        (f.function.empty() ? "" : " in " + f.function) + " at " + ms(f.at) +
-                       " (thread " + std::to_string(f.tid) + ")\n    rule broken: don't " +
-                       ruleForFatal(f.message);
+                       " (thread " + std::to_string(f.tid) + ")\n    " + rule + context;
     if (!f.before.empty()) {
       text += "\n    the thread's calls before it:";
       for (const std::string& line : f.before) text += "\n      " + line;
@@ -261,7 +363,14 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
     auto byTime = [](const sim::Violation& x, const sim::Violation& y) { return x.at < y.at; };
     std::stable_sort(a.check.violations.begin(), a.check.violations.end(), byTime);
     std::stable_sort(a.check.notes.begin(), a.check.notes.end(), byTime);
-    for (const sim::Violation& v : a.check.violations) a.findings.push_back({v.rule, v.message});
+    std::vector<sim::Violation> found = a.check.violations;
+    found.insert(found.end(), a.check.notes.begin(), a.check.notes.end());
+    std::stable_sort(found.begin(), found.end(), byTime);
+    for (const sim::Violation& v : found) {
+      a.findings.push_back(
+          {v.rule, v.message + (v.broken.empty() ? std::string()
+                                                 : "\n    rule broken: don't " + v.broken)});
+    }
     if (!a.check.sameStamp.empty()) a.warnings.push_back(sameStampWarning(r, a.check));
     if (!a.check.absent.empty()) a.warnings.push_back(lostLinesWarning(r, a.check));
   }
@@ -586,8 +695,10 @@ void TraceWriter::writeItem(const Item& it) {
     name_.append(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
   };
   auto sensorFrame = [&] {
+    constexpr uint32_t kBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
     name_ += "S:";
-    number(it.sensor);
+    number(it.sensor >= kBase ? it.sensor - kBase : it.sensor);
+    if (it.sensor >= kBase) name_ += " cfg";
     name_ += " F:";
     number(it.frame);
   };
@@ -701,6 +812,20 @@ void ScenarioWriter::item(size_t list, const nlohmann::json& value) {
   *lists_[list] << (counts_[list]++ ? ",\n" : "") << value.dump();
 }
 
+// The frame at which a replay reports an event. A client reports a flush or an in-flight
+// report with any frame number (the protocol's form is 0); what places it in the stream is
+// the frames it took or named: the replay reports it at a barrier before the first of them
+// (or at its own frame number, when that comes no later). One reported with frame 0 that took
+// nothing changed nothing and is not replayed.
+std::optional<uint32_t> ScenarioWriter::replayFrame(const sim::EventRecord& e) {
+  bool barrier = e.kind == sim::EventKind::Flush || e.kind == sim::EventKind::QueueFlush ||
+                 (e.kind == sim::EventKind::InformInflight && e.value == 0);
+  if (!barrier) return e.frame;
+  if (e.frames.empty()) return e.frame != 0 ? std::optional<uint32_t>(e.frame) : std::nullopt;
+  uint32_t first = *std::min_element(e.frames.begin(), e.frames.end());
+  return e.frame != 0 && e.frame <= first ? e.frame : first;
+}
+
 void ScenarioWriter::add(const Run& r, const sim::History& part) {
   using json = nlohmann::json;
   for (const sim::FramePlan& p : part.plans) {
@@ -756,17 +881,19 @@ void ScenarioWriter::add(const Run& r, const sim::History& part) {
     d.sumSquares += x * x;
   }
   // By frame, in the order they came within one frame.
-  std::vector<const sim::EventRecord*> events;
-  for (const sim::EventRecord& e : part.events) events.push_back(&e);
-  std::stable_sort(
-      events.begin(), events.end(),
-      [](const sim::EventRecord* a, const sim::EventRecord* b) { return a->frame < b->frame; });
-  for (const sim::EventRecord* event : events) {
+  std::vector<std::pair<uint32_t, const sim::EventRecord*>> events;
+  for (const sim::EventRecord& e : part.events) {
+    std::optional<uint32_t> at = replayFrame(e);
+    if (at) events.emplace_back(*at, &e);
+  }
+  std::stable_sort(events.begin(), events.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (const auto& [frame, event] : events) {
     const sim::EventRecord& e = *event;
     if (e.kind == sim::EventKind::QueueFlush) continue;
     // The sensors' flushes of one frame were one flush of the stream.
-    if (e.kind == sim::EventKind::Flush && !flushedFrames_.insert(e.frame).second) continue;
-    json ev = {{"frame", e.frame}, {"type", sim::eventKindName(e.kind)}, {"sensor", e.sensor}};
+    if (e.kind == sim::EventKind::Flush && !flushedFrames_.insert(frame).second) continue;
+    json ev = {{"frame", frame}, {"type", sim::eventKindName(e.kind)}, {"sensor", e.sensor}};
     if (e.kind == sim::EventKind::InformInflight || e.value != 0) ev["value"] = e.value;
     item(kEvents, ev);
   }

@@ -189,6 +189,7 @@ class ScenarioWriter {
   bool finish(const Run& run, std::ostream& out);
 
  private:
+  static std::optional<uint32_t> replayFrame(const sim::EventRecord& e);
   enum List : size_t { kSyncGroups, kConfigure, kRawSwitches, kEvents, kLists };
   struct Durations {
     uint64_t n = 0;

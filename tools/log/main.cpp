@@ -71,6 +71,11 @@ int main(int argc, char** argv) {
                  "A send still waiting at the end of the capture is a stall once it has waited "
                  "this long (default: derived from the log, at least 500 ms)")
       ->check(CLI::NonNegativeNumber);
+  std::string captureEndText;
+  app.add_option("--capture-end", captureEndText,
+                 "When the capture ended, if later than its last line (a process that hung "
+                 "stops logging): a time stamp in the log's own layout, or +SECONDS after the "
+                 "last line. Sends still waiting count their wait up to it.");
   app.add_flag("--strict", strict,
                "Warnings that are not benign fail the run too (exit 1), even those a legal "
                "client call order explains");
@@ -103,6 +108,15 @@ int main(int argc, char** argv) {
     inputName = inputPath;
   }
   logread::LogReader reader;
+  if (!captureEndText.empty()) {
+    logread::CaptureEnd end;
+    std::string error;
+    if (!logread::parseCaptureEnd(captureEndText, &end, &error)) {
+      std::cerr << "camdeliver-log: --capture-end " << error << "\n";
+      return kExitBadInput;
+    }
+    reader.setCaptureEnd(end);
+  }
   // The frame table still needs every frame; the files are written as frames settle.
   reader.setWindow(frames ? 0 : window);
   // Formats and writes the trace and history on a second thread while the reader goes on;
