@@ -91,6 +91,11 @@ int main(int argc, char** argv) {
     settings.detailsLevel = detail;
     orvcam::host::applyLoggerSettings(settings);
   }
+  if (detail >= 5 && !std::getenv("ORVCAM_LOG_USEC")) {
+    // A workstation runs a frame's calls within a millisecond: stamp the lines to the
+    // microsecond so that camdeliver-log can measure waits. On a device: adb logcat -v usec.
+    orvcam::host::setLogMicroseconds(true);
+  }
   if (level == "verbose") {
     // On a device: adb shell setprop vendor.debug.camcoordinator.force.log 1
     orvcam::host::setProperty("vendor.debug.camcoordinator.force.log", "1");

@@ -1,9 +1,9 @@
 #pragma once
-// The client the explorer runs under its scheduler: the simulator's client model (README's
-// client protocol) without time. One pipeline thread emplaces frames and reports events; one
-// request thread per sensor prepares its frames and sends their jobs, which take no time.
-// The client's own coordination is made of scheduler waits (Scheduler::waitUntil), not of
-// locks: with one thread running at a time its state needs none, and each wait is one
+// The client the explorer runs under its scheduler: the simulator's client model
+// (docs/integrating.md's client protocol) without time. One pipeline thread emplaces frames and
+// reports events; one request thread per sensor prepares its frames and sends their jobs, which
+// take no time. The client's own coordination is made of scheduler waits (Scheduler::waitUntil),
+// not of locks: with one thread running at a time its state needs none, and each wait is one
 // scheduling point instead of a lock, a check and a notification.
 #include <functional>
 #include <memory>
