@@ -33,6 +33,14 @@ for level in debug verbose; do
     echo "the $level log's provoked warnings are not explained:"; cat "$work/log.out"; exit 1
   fi
   "$check" "$work/sim-trace.json" "$work/t.json"
+  # Every enqueue that waited for its previous frame's partners gets the arrow from the job that
+  # released it, at either level (a few may be released by a drop or flush instead).
+  waited=$(grep -o '\[S:[0-9]* F:[0-9]*\]\[EnqJob\] wait previous syncframe' "$work/run.log" |
+    sort -u | wc -l)
+  flows=$(grep -o '"ph":"s"' "$work/t.json" | wc -l)
+  if [ "$flows" -gt "$waited" ] || [ $((waited - flows)) -gt $((waited / 10 + 1)) ]; then
+    echo "$flows flow arrows in the $level trace for $waited enqueues that waited"; exit 1
+  fi
   if [ "$(counts "$work/sim.out")" != "$(counts "$work/log.out")" ]; then
     echo "per-sensor counts differ at $level level"
     echo "simulator:"; counts "$work/sim.out"; echo "log:"; counts "$work/log.out"; exit 1

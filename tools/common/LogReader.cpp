@@ -666,11 +666,7 @@ void LineScope::onGuard() {
     if (contains(tail, "enqed +")) {
       st.offWaitOpen[isConfig] = off;
       st.offWaitSince[isConfig] = at;
-      if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
-        st.enqWaitSeen = true;
-        st.enqFirstWait = at;
-        st.enqSentAt = at;
-      }
+      if (!isConfig) st.sawEnqueueWait(at);
     } else {
       st.offWaitOpen[isConfig] = -1;
     }
@@ -686,11 +682,7 @@ void LineScope::onGuard() {
         st.enqLineTid = line.tid;
         st.enqLastLineAt = at;
       }
-      if (!isConfig && !st.enqSentSeen && !st.enqWaitSeen) {
-        st.enqWaitSeen = true;
-        st.enqFirstWait = at;
-        st.enqSentAt = at;
-      }
+      if (!isConfig) st.sawEnqueueWait(at);
     } else {
       ++r.verboseLines;
     }

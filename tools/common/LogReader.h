@@ -75,7 +75,8 @@ struct SensorFrame {
   // The log lost the licence line that marks the job's start; a later line proved it ran.
   bool cfgStartLost = false, enqStartLost = false;
   // Enqueue. `enqSentSeen`: the send's own line (needs the force-log property); otherwise the
-  // send is first seen by its wait lines or its licence.
+  // send is first seen by its wait lines or its licence. `enqWaitSeen`: a line shows it waited,
+  // with or without the send's own line before it.
   bool enqSentSeen = false, enqWaitSeen = false, enqStarted = false, enqDone = false;
   bool enqNull = false;  // no licence: the job was not run
   Nanos enqSentAt = 0, enqFirstWait = 0, enqStart = 0, enqEnd = 0;
@@ -91,6 +92,13 @@ struct SensorFrame {
   Nanos droppedAt = 0, flushedAt = 0;
   int32_t firstFd = -1;  // the FD its enqueue licence was given first
   std::vector<std::pair<int32_t, int32_t>> fdChanges;
+  // A wait line of the enqueue: the send waited, whether or not its own line came first (at
+  // verbose level it does). Without that line, the first wait line is when it was sent.
+  void sawEnqueueWait(Nanos at) {
+    if (!enqSentSeen && !enqWaitSeen) enqSentAt = at;
+    if (!enqWaitSeen) enqFirstWait = at;
+    enqWaitSeen = true;
+  }
   bool done() const { return enqDone || dropped || flushed; }
   bool cfgBlocked() const { return cfgSent && !cfgStarted; }
   bool enqBlocked() const { return (enqSentSeen || enqWaitSeen) && !enqStarted && !enqNull; }
