@@ -52,6 +52,22 @@ TEST(HostLogger, WritesLogcatThreadtimeLinesToStderr) {
   EXPECT_TRUE(std::regex_match(line, std::regex(kStamp + "I T: a\n" + kStamp + "I T: b")));
 }
 
+// The usec layout that camdeliver-log reads, and back to milliseconds.
+TEST(HostLogger, StampsToTheMicrosecondWhenAsked) {
+  const std::string usec = R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} +\d+ +\d+ )";
+  ASSERT_FALSE(host::logMicroseconds());
+  host::setLogMicroseconds(true);
+  std::string fine = host::formatLogcatLine('D', "T", "x");
+  testing::internal::CaptureStderr();
+  ULogger::print(0x401031, "OrvCam/X", 2, "warn", 4);
+  std::string written = testing::internal::GetCapturedStderr();
+  host::setLogMicroseconds(false);
+  EXPECT_TRUE(std::regex_match(fine, std::regex(usec + "D T: x"))) << fine;
+  EXPECT_TRUE(std::regex_match(written, std::regex(usec + "W OrvCam/X: warn\n"))) << written;
+  std::string coarse = host::formatLogcatLine('D', "T", "x");
+  EXPECT_TRUE(std::regex_match(coarse, std::regex(kStamp + "D T: x"))) << coarse;
+}
+
 TEST(HostLogger, LevelLettersAndNestedCaptures) {
   host::LogCapture outer;
   {

@@ -191,6 +191,81 @@ TEST_F(LogTest, NamesTheOffSensorOfABlockedRawSwitch) {
   EXPECT_THAT(a.findings[0].text, HasSubstr("previous frame F:9 (prepared, no send)"));
 }
 
+// A coordinator that hung stops logging: the capture's end, given by the user, makes the wait
+// that was the last line a stall; a stamp in the log's layout and "+SECONDS" say the same.
+TEST_F(LogTest, TheCaptureEndGivenMakesAHungSendAStall) {
+  prepare(0, 0, 1, 0);
+  prepare(1, 1, 1, 0);
+  prepare(2, 0, 2, 1);
+  enqueue(10, 0, 1, 5, false);
+  add(tt(20, 10, 'D', "CamDeliverGuard",
+         "[operator()] [S:0 F:2][EnqJob] wait previous syncframe enque ..."));
+  for (const char* end : {"+3", "11-22 10:00:03.020", "2026-11-22 10:00:03.020000"}) {
+    CaptureEnd given;
+    std::string error;
+    ASSERT_TRUE(parseCaptureEnd(end, &given, &error)) << end << ": " << error;
+    LogReader again;
+    again.setCaptureEnd(given);
+    std::vector<std::string> lines = {
+        tt(0, 10, 'D', "CamDeliverGuard", "[prepare] [S:0 F:1] prepared, order(0)"),
+        tt(1, 11, 'D', "CamDeliverGuard", "[prepare] [S:1 F:1] prepared, order(0)"),
+        tt(2, 10, 'D', "CamDeliverGuard", "[prepare] [S:0 F:2] prepared, order(1)"),
+        tt(10, 10, 'D', "CamDeliver", "[getLicense] [S:0 F:1] FD(5)"),
+        tt(11, 10, 'D', "CamDeliverGuard", "[finished] [S:0 F:1] EnqJob finished. "),
+        tt(20, 10, 'D', "CamDeliverGuard",
+           "[operator()] [S:0 F:2][EnqJob] wait previous syncframe enque ...")};
+    for (const std::string& l : lines) again.addLine(l);
+    std::vector<logread::Run> runs = again.finish();
+    ASSERT_EQ(runs.size(), 1u);
+    Analysis a = analyse(runs[0]);
+    ASSERT_EQ(kinds(a), (std::vector<std::string>{"blocked"})) << end;
+    EXPECT_THAT(a.findings[0].text,
+                HasSubstr("S:0 F:2 EnqJob still waiting at the end of the capture "
+                          "(--capture-end): waited 3000.000 ms (since 20.000 ms)"));
+    EXPECT_THAT(a.findings[0].text, HasSubstr("missing partner S:1 F:1: prepared, no send"));
+  }
+  // Without it the wait is cut off by the capture, not a stall.
+  Analysis a = analyse(only());
+  EXPECT_TRUE(a.findings.empty());
+  CaptureEnd given;
+  std::string error;
+  for (const char* bad : {"+", "+x", "+-1", "10:00", "tomorrow"}) {
+    EXPECT_FALSE(parseCaptureEnd(bad, &given, &error)) << bad;
+    EXPECT_THAT(error, HasSubstr(bad));
+  }
+}
+
+// What the log shows of a frame that an aborting send could not find, and whose side the
+// mistake is: a drop on the sending thread itself came first, so the send followed it.
+TEST_F(LogTest, AFrameNotFoundNamesWhatRetiredItAndWhoseMistakeItWas) {
+  prepare(0, 0, 5, 0);
+  add(tt(1, 10, 'D', "CamDeliver", "[notifyEvent] [S:0 F:5] type(Drop), value(0)"));
+  add(tt(2, 10, 'D', "CamDeliverGuard", "[drop] [S:0 F:5] drop"));
+  add(tt(3, 10, 'D', "CamDeliverGuard", "[drop] [S:0 F:5] is last, erase"));
+  add(tt(4, 10, 'E', "CamDeliverGuard", "[S:0 F:5] FC not found !"));
+  add(tt(4, 10, 'F', "CamDeliverGuard", "[S:0 F:5] FC not found ! (wait){#12:g.cpp}"));
+  Analysis a = analyse(only());
+  ASSERT_EQ(kinds(a), (std::vector<std::string>{"client", "fatal"}));
+  EXPECT_THAT(a.findings[0].text,
+              HasSubstr("S:0 F:5 was sent for after the sensor's own drop of the frame at "
+                        "1.000 ms, reported earlier on the same thread"));
+  EXPECT_THAT(a.findings[1].text,
+              HasSubstr("F:5 had left the pool: retired by the drop of S:0 F:5 (line 4)"));
+
+  // The same drop on the event thread: the send may have raced it, and the log cannot tell.
+  LogReader other;
+  other.addLine(tt(0, 10, 'D', "CamDeliverGuard", "[prepare] [S:0 F:5] prepared, order(0)"));
+  other.addLine(tt(1, 20, 'D', "CamDeliver", "[notifyEvent] [S:0 F:5] type(Drop), value(0)"));
+  other.addLine(tt(2, 20, 'D', "CamDeliverGuard", "[drop] [S:0 F:5] drop"));
+  other.addLine(tt(3, 20, 'D', "CamDeliverGuard", "[drop] [S:0 F:5] is last, erase"));
+  other.addLine(tt(4, 10, 'F', "CamDeliverGuard", "[S:0 F:5] FC not found ! (wait){#12:g.cpp}"));
+  std::vector<logread::Run> runs = other.finish();
+  ASSERT_EQ(runs.size(), 1u);
+  a = analyse(runs[0]);
+  ASSERT_EQ(kinds(a), (std::vector<std::string>{"fatal"}));
+  EXPECT_THAT(a.findings[0].text, HasSubstr("unknown whether the send was made after the drop"));
+}
+
 // A capture cut while a send waits ends a few milliseconds after the wait began: that send was
 // in flight, not hung, however the rest of the log looks.
 TEST_F(LogTest, SendWaitingWhenTheCaptureIsCutIsInFlight) {
