@@ -1300,7 +1300,7 @@ std::vector<Run> LogReader::finish() {
     sim::History& h = r.history;
     h.scenario = "log of process " + std::to_string(pid) +
                  (sessions[pid] > 1 ? ", session " + std::to_string(r.session) : std::string());
-    r.captureEnd = std::max(r.endAt, c.baseNs >= 0 ? clock_.last() - c.baseNs : r.endAt);
+    r.captureEnd = newestAt(c);
     if (captureEnd_ && c.baseNs >= 0) {
       Nanos given = captureEnd_->relative ? r.captureEnd + captureEnd_->afterNs
                                           : clock_.timeOf(captureEnd_->stampNs) - c.baseNs;

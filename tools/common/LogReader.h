@@ -300,6 +300,18 @@ class LogReader {
   // Replays what is left and builds each run's History. Runs by first line.
   std::vector<Run> finish();
 
+  // Each process's current session as it stands while the log is read, for a watch that
+  // reports before the end: f(run, newestAt), `newestAt` being the newest stamp of any line in
+  // the file on the run's clock (what finish() makes its captureEnd). The run is valid until
+  // the next addLine(); it has no history yet and its totals hold the settled frames only.
+  template <typename F>
+  void forEachCurrentRun(F f) const {
+    for (const auto& entry : current_) {
+      const Context& c = contexts_[entry.second];
+      f(c.run, newestAt(c));
+    }
+  }
+
   uint64_t totalLines() const { return total_; }
   uint64_t parsedLines() const { return parsed_; }
   uint64_t libraryLines() const { return library_; }
@@ -348,6 +360,9 @@ class LogReader {
     FrameInfo scratchFrame;
   };
   void handle(Context& c, const LogLine& line, int64_t fileAt);
+  Nanos newestAt(const Context& c) const {
+    return c.baseNs >= 0 ? std::max<Nanos>(c.run.endAt, clock_.last() - c.baseNs) : c.run.endAt;
+  }
   // Checks, counts and drops the oldest settled frames once the session holds more than the
   // window.
   void maybeSettle(Context& c);

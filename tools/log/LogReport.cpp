@@ -67,6 +67,8 @@ std::string lastSeen(const Run& r, uint32_t s) {
   return "S:" + std::to_string(s) + " last at " + ms(it->second.at) + ": " + it->second.text;
 }
 
+}  // namespace
+
 // A no-frame enqueue reports no completion and takes no licence from the queue, so no line says
 // that it left its wait; its thread writing anything after the send's last line does, since a
 // request thread blocked in a send writes nothing else.
@@ -113,6 +115,8 @@ std::string waitsFor(const Run& r, const SensorFrame& st, bool isConfig) {
   }
   return text;
 }
+
+namespace {
 
 // A send still waiting at the capture's end: a stall once it has waited `stallNs` (measured
 // from the start of its wait to the last line of the file), else cut off by the capture.

@@ -21,6 +21,9 @@
 #include "OrderedWorker.h"
 
 namespace orvcam {
+namespace pftrace {
+class StreamWriter;
+}
 namespace logread {
 
 struct Finding {
@@ -66,6 +69,11 @@ Analysis analyse(const Run& run, const AnalysisOptions& options = AnalysisOption
 // enqueue wait and p99 job time, at least kStallFloorNs.
 Nanos derivedStallNs(const Run& run);
 
+// What a send still waiting waits for: indented lines, each after a newline.
+std::string waitsFor(const Run& run, const SensorFrame& st, bool isConfig);
+// A no-frame enqueue's thread wrote a line after the send's last one: it is no longer waiting.
+bool noFrameSendWentOn(const Run& run, const SensorFrame& st);
+
 void printSummary(std::ostream& out, const Run& run);
 void printFrames(std::ostream& out, const Run& run);
 void printAnalysis(std::ostream& out, const Analysis& analysis);
@@ -109,6 +117,16 @@ class CounterMarks {
   int frames_ = 0, waiting_ = 0;
 };
 
+// How the trace is written: Chrome JSON, or Perfetto's protobuf format (chosen by the file's
+// extension, pftrace::isPerfettoPath). A Perfetto trace puts its events on a clock of its own,
+// nanoseconds from the capture's first stamp, and relates it in a clock snapshot to the
+// capture's clock when that is known (`clockId` a Perfetto BuiltinClock, 0 when unknown).
+struct TraceOptions {
+  bool perfetto = false;
+  uint32_t clockId = 0;
+  uint64_t firstStampNs = 0;  // the first stamp on that clock
+};
+
 // The same trace written as a long log is read: add() takes the parts a LogReader's listener
 // is given (before their frames leave memory), finish() the finished run.
 //
@@ -119,7 +137,8 @@ class CounterMarks {
 // the worker's until finish() has drained it; `spare_` passes lists back under its own lock.
 class TraceWriter {
  public:
-  TraceWriter(std::ostream& out, int pid, OrderedWorker* worker = nullptr);
+  TraceWriter(std::ostream& out, int pid, OrderedWorker* worker = nullptr,
+              const TraceOptions& options = TraceOptions());
   ~TraceWriter();
   TraceWriter(const TraceWriter&) = delete;
   TraceWriter& operator=(const TraceWriter&) = delete;
@@ -157,6 +176,9 @@ class TraceWriter {
   JsonText& meta(const char* name, int tid);
   void emit();
   void flush();
+  // The Perfetto trace's side of writeItem() and finish().
+  void writePerfetto(const Item& item);
+  void finishPerfetto(const Run& run);
 
   OrderedWorker* worker_;
   // Lists of items written by the worker, for gather() to fill again. A leaf lock.
@@ -169,6 +191,7 @@ class TraceWriter {
   JsonText text_;
   std::string name_;    // an event's name, made in place
   std::string buffer_;  // written to out_ a few hundred kilobytes at a time
+  std::unique_ptr<pftrace::StreamWriter> perfetto_;  // null for a JSON trace
 };
 
 // A scenario for camdeliver-sim that replays the run's frames, sensors, sync groups,
