@@ -46,9 +46,7 @@ class ORVCAM_CAMDELIVER_API CamDeliverGuard {
   // on a raw-switch frame, then the previous synchronised frame is fully enqueued or broken.
   // Internal: called by the sends. Thread: request thread. Blocks: on `cond`, until the rules
   // hold. Aborts: "[S:%d F:%d] FC not found !", "[S:%d F:%d] unexpected not enq count(%d)".
-  // Unchecked inside: it waits through std::unique_lock, which the analysis cannot follow.
-  void wait(uint32_t sensorId, uint32_t frameNo, bool isConfig)
-      ORVCAM_EXCLUDES(mutex) ORVCAM_NO_THREAD_SAFETY_ANALYSIS;
+  void wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) ORVCAM_EXCLUDES(mutex);
   // Both predicates expect `mutex` held.
   // Internal: wait()'s sync rule. Thread: request thread, holding `mutex`. Blocks: no. True
   // when the sensor's previous record is absent, broken, or enqueued by its whole sync list.
@@ -75,9 +73,7 @@ class ORVCAM_CAMDELIVER_API CamDeliverGuard {
   // Blocks until none of the frames the sensor had enqueued at the call is in the pool.
   // Not called by the library. Thread: any thread but a request thread whose own sends those
   // frames still need. Blocks: on `eraseCond`, until those frames are erased. Returns 0.
-  // Unchecked inside, like wait().
-  int32_t waitUntilEnquedEmpty(uint32_t sensorId)
-      ORVCAM_EXCLUDES(mutex) ORVCAM_NO_THREAD_SAFETY_ANALYSIS;
+  int32_t waitUntilEnquedEmpty(uint32_t sensorId) ORVCAM_EXCLUDES(mutex);
   // Not called by the library. Thread: any thread. Blocks: no. The frames in the pool in
   // which the sensor is enqueued and still in live frame sync.
   std::set<uint32_t> getEnquedSyncFrames(uint32_t sensorId) ORVCAM_EXCLUDES(mutex);

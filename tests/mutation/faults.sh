@@ -53,8 +53,8 @@ fault finished-notifies-before-update "$guard" "CamDeliverGuard::finished(" \
 # The raw-switch wait tests its predicate once: a wake-up for anything else, or a spurious
 # one, lets the sensor go before the off sensor's previous frame is enqueued.
 fault off-sensor-wait-tests-once "$guard" "CamDeliverGuard::wait(" \
-  "while (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) cond.wait(lock);" \
-  "if (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) cond.wait(lock);"
+  "while (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) lock.wait(cond);" \
+  "if (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) lock.wait(cond);"
 
 # A drop retires the record but wakes nobody: a sensor waiting for the dropped frame's sync
 # group sleeps on unless some later change happens to wake it.

@@ -7,6 +7,7 @@
 #include "CamDeliver.h"
 #include "CamDeliverLog.h"
 #include "FrameContextPool.h"
+#include "MutexLocker.h"
 
 namespace NSCam {
 namespace camsys {
@@ -106,7 +107,7 @@ bool CamDeliverGuard::waitOffSensorPreviousFrameEnqued(uint32_t offSensor, uint3
 }
 
 void CamDeliverGuard::wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
-  std::unique_lock<std::mutex> lock(mutex);
+  orvcam::MutexLocker lock(mutex);
   std::shared_ptr<const FrameContext> pFc = fcPool->tryGet(frameNo);
   bool rawSwitch = false;
   if (frameNo != kNoFrame) {
@@ -127,21 +128,16 @@ void CamDeliverGuard::wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
       if (pFc->getStreamingState(id) == 1) offSensor = id;
     }
     CD_LOGD("[%s] [S:%d F:%d][%s] wait offSensor(%d) enqed +", sensorId, frameNo, label, offSensor);
-    while (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) cond.wait(lock);
+    while (!waitOffSensorPreviousFrameEnqued(offSensor, frameNo)) lock.wait(cond);
     CD_LOGD("[%s] [S:%d F:%d][%s] wait offSensor(%d) enqed -", sensorId, frameNo, label, offSensor);
   }
 
   // Frame sync: the whole sync group of the previous synchronised frame is enqueued first.
-  // Unchecked: the predicate runs inside the condition variable's wait, under `lock`.
-  cond.wait(lock, [&]() ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
-    if (isPreviousSyncFrameFinished(sensorId, frameNo)) {
-      CD_LOGV(logLevel, "[%s] [S:%d F:%d][%s] previous syncframe enque done", sensorId, frameNo,
-              label);
-      return true;
-    }
+  while (!isPreviousSyncFrameFinished(sensorId, frameNo)) {
     CD_LOGD("[%s] [S:%d F:%d][%s] wait previous syncframe enque ...", sensorId, frameNo, label);
-    return false;
-  });
+    lock.wait(cond);
+  }
+  CD_LOGV(logLevel, "[%s] [S:%d F:%d][%s] previous syncframe enque done", sensorId, frameNo, label);
 }
 
 void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
@@ -244,7 +240,7 @@ void CamDeliverGuard::breakFrameSync(uint32_t sensorId, std::set<uint32_t> frame
 }
 
 int32_t CamDeliverGuard::waitUntilEnquedEmpty(uint32_t sensorId) {
-  std::unique_lock<std::mutex> lock(mutex);
+  orvcam::MutexLocker lock(mutex);
   std::set<uint32_t> pending = fcPool->getEnquedFrames(sensorId);
   if (pending.empty()) return 0;
   if (logging::debugEnabled()) {
@@ -259,7 +255,7 @@ int32_t CamDeliverGuard::waitUntilEnquedEmpty(uint32_t sensorId) {
     }
     if (left.empty()) break;
     pending = std::move(left);
-    eraseCond.wait(lock);
+    lock.wait(eraseCond);
   }
   CD_LOGD("[%s] wait until sensorId(%d) enqued empty -", sensorId);
   return 0;
