@@ -128,13 +128,20 @@ std::string getProperty(const std::string& key);
 //
 // atrace_get_enabled_tags() answers the mask set here, initially ORVCAM_TRACE_TAGS (default
 // 0). When a trace file is open (ORVCAM_TRACE_FILE at start-up, or openTraceFile), every
-// ULogger::trace begin/end and the calls below become Chrome JSON trace events ("B", "E",
-// "i", and thread-name metadata) with microsecond timestamps, one track per thread. The file
-// is closed and made valid JSON by closeTraceFile(), at exit, and by a fatal assertion before
-// it aborts: the events written up to then are kept. Any other abort also leaves valid JSON,
-// with the events already flushed to the file (whole events, every 64 KiB). The file starts with
-// the process's name; named threads are sorted "pipeline" first, then "main", then "sensor N" by N,
-// then the rest.
+// ULogger::trace begin/end and the calls below become trace events, one track per thread, in
+// the format the file's name asks for:
+// - a name ending in .pftrace, .perfetto-trace or .pb: Perfetto's protobuf format, with
+//   CLOCK_BOOTTIME nanosecond timestamps and a clock snapshot tying them to CLOCK_MONOTONIC and
+//   CLOCK_REALTIME (so that it merges with a system trace of the same machine), names and
+//   categories interned, a track per thread, per async name and id, and per counter. The file
+//   is whole packets only: it needs no ending, an abort leaves the packets flushed before it.
+// - any other name: Chrome JSON ("B", "E", "i", and thread-name metadata) with microsecond
+//   timestamps, made valid JSON by closeTraceFile(), at exit, and by a fatal assertion before
+//   it aborts. Any other abort also leaves valid JSON, with the events already flushed to the
+//   file. The file starts with the process's name; named threads are sorted "pipeline" first,
+//   then "main", then "sensor N" by N, then the rest.
+// Either way events reach the file whole, every 64 KiB, and the ones written up to a close or
+// a fatal assertion are kept.
 void setTraceTags(uint64_t tags);
 bool openTraceFile(const std::string& path, std::string* error);
 void closeTraceFile();
@@ -148,7 +155,8 @@ void traceEnd(const std::string& name);
 void traceInstant(const std::string& name);
 void traceThreadName(const std::string& name);
 // An async track ("b"/"e" with an id), for example a frame from emplace to retirement; begin
-// and end may come from different threads.
+// and end may come from different threads. In a Perfetto trace its track is named after the
+// name's text before its first digit ("F:12" -> "F"), which a viewer shows as one track.
 void traceAsyncBegin(const std::string& name, uint64_t id);
 void traceAsyncEnd(const std::string& name, uint64_t id);
 // A counter track ("C") holding `value` from now on.

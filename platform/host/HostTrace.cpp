@@ -1,7 +1,9 @@
-// Host tracing: the enabled-tags mask of libcutils, ULogger::trace and a Chrome JSON trace
-// file (an array of trace events, one per line) that Perfetto UI and chrome://tracing open.
-// The file is finished at exit, by the host's fatal assertion before it aborts, and, as far as
-// a signal handler safely can, by any other abort.
+// Host tracing: the enabled-tags mask of libcutils, ULogger::trace and a trace file: Chrome
+// JSON (an array of trace events, one per line) that Perfetto UI and chrome://tracing open, or
+// Perfetto's protobuf format for a name ending in .pftrace, .perfetto-trace or .pb
+// (PerfettoProto.h). The file is finished at exit, by the host's fatal assertion before it
+// aborts, and, as far as a signal handler safely can, by any other abort; a protobuf trace
+// needs no ending, every whole packet written stands.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -13,12 +15,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
+#include <memory>
+#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
 
 #include "HostPlatform.h"
+#include "PerfettoProto.h"
 #include "cutils/Trace.h"
 #include "ulog/ULog.h"
 
@@ -60,9 +66,18 @@ struct TraceState {
   // written after its last byte always makes valid JSON.
   std::string pending ORVCAM_GUARDED_BY(mutex);
   std::atomic<bool> open{false};  // lets a closed trace skip the lock and the formatting
+  // (a Perfetto trace's packets are made under the lock: the sequence's interned names are
+  // shared by every thread)
   // The descriptor the abort handler writes the tail to, or -1. Exchanged for -1 by whoever
   // writes the tail, so that it is written once.
   std::atomic<int> tailFd{-1};
+  // Set while a Perfetto trace is open (then the file has no tail); read by the handler.
+  std::atomic<bool> perfetto{false};
+  // The Perfetto trace's packet sequence, and the tracks it has declared: threads and counters
+  // (tens of them), the async tracks are declared at each begin.
+  std::unique_ptr<pftrace::Sequence> sequence ORVCAM_GUARDED_BY(mutex);
+  std::set<int> threads ORVCAM_GUARDED_BY(mutex);
+  std::set<std::string> counters ORVCAM_GUARDED_BY(mutex);
   bool firstEvent ORVCAM_GUARDED_BY(mutex) = true;
   int pid ORVCAM_GUARDED_BY(mutex) = 0;
   bool atExitRegistered ORVCAM_GUARDED_BY(mutex) = false;
@@ -151,11 +166,129 @@ void writeEvent(const char* name, const char* category, char phase, const std::s
   if (s.pending.size() >= kFlushAt) flushLocked(s);
 }
 
+// What a trace records, in either format.
+enum class Kind { Begin, End, Instant, AsyncBegin, AsyncEnd, Counter, FlowStart, FlowEnd };
+
+uint64_t bootTimeNs(clockid_t clock = CLOCK_BOOTTIME) {
+  timespec t{};
+  clock_gettime(clock, &t);
+  return static_cast<uint64_t>(t.tv_sec) * 1000000000ULL + static_cast<uint64_t>(t.tv_nsec);
+}
+
+uint64_t processTrack(int pid) {
+  return pftrace::trackUuid(pftrace::TrackKind::Process, static_cast<uint32_t>(pid));
+}
+
+uint64_t hashName(const std::string& text) {
+  uint64_t h = 1469598103934665603ULL;  // FNV-1a
+  for (char c : text) h = (h ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+  return h;
+}
+
+// An async track's name: the event's name up to its first digit ("F:12" -> "F"), so that a
+// viewer shows the tracks of one kind of event as one.
+std::string asyncTrackName(const std::string& name) {
+  std::string prefix = name.substr(0, name.find_first_of("0123456789"));
+  while (!prefix.empty() && (prefix.back() == ':' || prefix.back() == ' ')) prefix.pop_back();
+  return prefix.empty() ? name : prefix;
+}
+
+// A name with a number in it is made for one event: written as it is, not interned.
+bool worthInterning(const char* name) {
+  for (const char* p = name; *p; ++p) {
+    if (*p >= '0' && *p <= '9') return false;
+  }
+  return true;
+}
+
+uint64_t threadTrackLocked(TraceState& s, int tid, const std::string& name = std::string())
+    ORVCAM_REQUIRES(s.mutex) {
+  uint64_t uuid = pftrace::trackUuid(pftrace::TrackKind::Thread, static_cast<uint32_t>(tid));
+  if (s.threads.insert(tid).second || !name.empty()) {
+    s.sequence->threadTrack(&s.pending, uuid, processTrack(s.pid), s.pid, tid, name);
+  }
+  return uuid;
+}
+
+// One event of the Perfetto trace, made under the lock.
+void recordPerfettoLocked(TraceState& s, Kind kind, const char* name, const char* category,
+                          int64_t arg) ORVCAM_REQUIRES(s.mutex) {
+  pftrace::Sequence& seq = *s.sequence;
+  uint64_t now = bootTimeNs();
+  uint64_t thread = threadTrackLocked(s, currentTid());
+  bool intern = worthInterning(name);
+  switch (kind) {
+    case Kind::Begin:
+      seq.event(&s.pending, pftrace::kSliceBegin, now, thread, category, name, intern);
+      break;
+    case Kind::End: seq.end(&s.pending, now, thread); break;
+    case Kind::Instant:
+      seq.event(&s.pending, pftrace::kInstant, now, thread, category, name, intern);
+      break;
+    case Kind::AsyncBegin:
+    case Kind::AsyncEnd: {
+      uint64_t track = pftrace::trackUuid(pftrace::TrackKind::Async,
+                                          (hashName(name) ^ static_cast<uint64_t>(arg)) >> 8);
+      if (kind == Kind::AsyncEnd) {
+        seq.end(&s.pending, now, track);
+        break;
+      }
+      seq.track(&s.pending, track, processTrack(s.pid), asyncTrackName(name));
+      seq.event(&s.pending, pftrace::kSliceBegin, now, track, category, name, intern);
+      break;
+    }
+    case Kind::Counter: {
+      uint64_t track = pftrace::trackUuid(pftrace::TrackKind::Counter, hashName(name) >> 8);
+      if (s.counters.insert(name).second) {
+        seq.track(&s.pending, track, processTrack(s.pid), name, true);
+      }
+      seq.counter(&s.pending, now, track, arg);
+      break;
+    }
+    case Kind::FlowStart:
+    case Kind::FlowEnd: {
+      // An instant inside the section open on the thread carries the arrow.
+      pftrace::Sequence::Flow flow{static_cast<uint64_t>(arg), kind == Kind::FlowEnd};
+      seq.event(&s.pending, pftrace::kInstant, now, thread, category, name, intern, &flow);
+      break;
+    }
+  }
+  if (s.pending.size() >= kFlushAt) flushLocked(s);
+}
+
+void record(Kind kind, const char* name, const char* category, int64_t arg) {
+  TraceState& s = state();
+  if (!s.open.load(std::memory_order_relaxed)) return;
+  if (s.perfetto.load(std::memory_order_relaxed)) {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.fd >= 0 && s.sequence) recordPerfettoLocked(s, kind, name, category, arg);
+    return;
+  }
+  std::string value = std::to_string(arg);
+  switch (kind) {
+    case Kind::Begin: writeEvent(name, category, 'B', ""); break;
+    case Kind::End: writeEvent(name, category, 'E', ""); break;
+    case Kind::Instant: writeEvent(name, category, 'i', ",\"s\":\"t\""); break;
+    case Kind::AsyncBegin: writeEvent(name, category, 'b', ",\"id\":" + value); break;
+    case Kind::AsyncEnd: writeEvent(name, category, 'e', ",\"id\":" + value); break;
+    case Kind::Counter:
+      writeEvent(name, category, 'C', ",\"args\":{\"value\":" + value + "}");
+      break;
+    case Kind::FlowStart: writeEvent(name, category, 's', ",\"id\":" + value); break;
+    case Kind::FlowEnd:
+      writeEvent(name, category, 'f', ",\"id\":" + value + ",\"bp\":\"e\"");
+      break;
+  }
+}
+
 void closeLocked(TraceState& s) ORVCAM_REQUIRES(s.mutex) {
   if (s.fd < 0) return;
   flushLocked(s);
   int fd = s.tailFd.exchange(-1);
-  if (fd >= 0) writeAll(fd, kTail, sizeof(kTail) - 1);
+  if (fd >= 0 && !s.perfetto.load()) writeAll(fd, kTail, sizeof(kTail) - 1);
+  s.sequence.reset();
+  s.threads.clear();
+  s.counters.clear();
   close(s.fd);
   s.fd = -1;
   s.open.store(false, std::memory_order_relaxed);
@@ -173,7 +306,7 @@ void onAbort(int sig, siginfo_t* info, void* context) {
   TraceState& s = state();
   const int savedErrno = errno;
   int fd = s.tailFd.exchange(-1);
-  if (fd >= 0) writeAll(fd, kTail, sizeof(kTail) - 1);
+  if (fd >= 0 && !s.perfetto.load()) writeAll(fd, kTail, sizeof(kTail) - 1);
   errno = savedErrno;
   const struct sigaction& prev = s.previousAbort;
   if (prev.sa_flags & SA_SIGINFO) {
@@ -228,9 +361,23 @@ bool openTraceFile(const std::string& path, std::string* error) {
   s.fd = fd;
   s.tailFd.store(fd);
   s.pid = static_cast<int>(getpid());
-  s.pending = "[\n{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":" + std::to_string(s.pid) +
-              ",\"tid\":" + std::to_string(s.pid) +
-              ",\"args\":{\"name\":" + jsonString(processName().c_str()) + "}}";
+  s.perfetto.store(pftrace::isPerfettoPath(path));
+  if (s.perfetto.load()) {
+    // Events on CLOCK_BOOTTIME, as a device's system trace has them; the snapshot ties it to
+    // the wall clock and the monotonic clock of the same moment.
+    s.sequence = std::make_unique<pftrace::Sequence>(1);
+    s.pending.clear();
+    const pftrace::Sequence::ClockReading clocks[] = {
+        {pftrace::kClockBoottime, bootTimeNs(), 1},
+        {pftrace::kClockMonotonic, bootTimeNs(CLOCK_MONOTONIC), 1},
+        {pftrace::kClockRealtime, bootTimeNs(CLOCK_REALTIME), 1}};
+    s.sequence->clockSnapshot(&s.pending, clocks, 3);
+    s.sequence->processTrack(&s.pending, processTrack(s.pid), s.pid, processName());
+  } else {
+    s.pending = "[\n{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":" + std::to_string(s.pid) +
+                ",\"tid\":" + std::to_string(s.pid) +
+                ",\"args\":{\"name\":" + jsonString(processName().c_str()) + "}}";
+  }
   flushLocked(s);
   s.firstEvent = false;
   s.open.store(true, std::memory_order_relaxed);
@@ -277,15 +424,21 @@ bool traceFileOpen() {
   return s.fd >= 0;
 }
 
-void traceBegin(const std::string& name) { writeEvent(name.c_str(), kHostCategory, 'B', ""); }
+void traceBegin(const std::string& name) { record(Kind::Begin, name.c_str(), kHostCategory, 0); }
 
-void traceEnd(const std::string& name) { writeEvent(name.c_str(), kHostCategory, 'E', ""); }
+void traceEnd(const std::string& name) { record(Kind::End, name.c_str(), kHostCategory, 0); }
 
 void traceInstant(const std::string& name) {
-  writeEvent(name.c_str(), kHostCategory, 'i', ",\"s\":\"t\"");
+  record(Kind::Instant, name.c_str(), kHostCategory, 0);
 }
 
 void traceThreadName(const std::string& name) {
+  TraceState& s = state();
+  if (s.perfetto.load(std::memory_order_relaxed)) {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.fd >= 0 && s.sequence) threadTrackLocked(s, currentTid(), name);
+    return;
+  }
   writeEvent("thread_name", "__metadata", 'M',
              ",\"args\":{\"name\":" + jsonString(name.c_str()) + "}");
   writeEvent("thread_sort_index", "__metadata", 'M',
@@ -293,24 +446,23 @@ void traceThreadName(const std::string& name) {
 }
 
 void traceAsyncBegin(const std::string& name, uint64_t id) {
-  writeEvent(name.c_str(), kHostCategory, 'b', ",\"id\":" + std::to_string(id));
+  record(Kind::AsyncBegin, name.c_str(), kHostCategory, static_cast<int64_t>(id));
 }
 
 void traceAsyncEnd(const std::string& name, uint64_t id) {
-  writeEvent(name.c_str(), kHostCategory, 'e', ",\"id\":" + std::to_string(id));
+  record(Kind::AsyncEnd, name.c_str(), kHostCategory, static_cast<int64_t>(id));
 }
 
 void traceCounter(const std::string& name, int64_t value) {
-  writeEvent(name.c_str(), kHostCategory, 'C',
-             ",\"args\":{\"value\":" + std::to_string(value) + "}");
+  record(Kind::Counter, name.c_str(), kHostCategory, value);
 }
 
 void traceFlowStart(const std::string& name, uint64_t id) {
-  writeEvent(name.c_str(), kHostCategory, 's', ",\"id\":" + std::to_string(id));
+  record(Kind::FlowStart, name.c_str(), kHostCategory, static_cast<int64_t>(id));
 }
 
 void traceFlowEnd(const std::string& name, uint64_t id) {
-  writeEvent(name.c_str(), kHostCategory, 'f', ",\"id\":" + std::to_string(id) + ",\"bp\":\"e\"");
+  record(Kind::FlowEnd, name.c_str(), kHostCategory, static_cast<int64_t>(id));
 }
 
 }  // namespace host
@@ -326,9 +478,9 @@ namespace ULog {
 
 void ULogger::trace(uint32_t /*moduleId*/, const char* tag, const char* name, int kind) {
   if (kind == orvcam::host::kTraceBegin)
-    orvcam::host::writeEvent(name, tag, 'B', "");
+    orvcam::host::record(orvcam::host::Kind::Begin, name, tag, 0);
   else if (kind == orvcam::host::kTraceEnd)
-    orvcam::host::writeEvent(name, tag, 'E', "");
+    orvcam::host::record(orvcam::host::Kind::End, name, tag, 0);
 }
 
 }  // namespace ULog

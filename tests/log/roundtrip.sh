@@ -2,8 +2,9 @@
 # Round trip of one scenario: the simulator's log at debug and at verbose level, read back by
 # camdeliver-log, gives the simulator's per-sensor counts and no findings; the history it
 # rebuilds reads back into camdeliver-sim --check without an ordering violation, and the
-# scenario it writes runs clean. The traces both tools write pass the structure check. The
-# files written as frames settle a few at a time hold what the files written at the end hold.
+# scenario it writes runs clean. The traces both tools write, in both formats, pass the
+# structure check. The files written as frames settle a few at a time hold what the files
+# written at the end hold.
 # A scenario whose client provokes the library's tolerated oddities on purpose (late and racing
 # drops, for example) is given "warnings" as sixth argument: its warnings must then each be
 # explained by a legal client call order, and the run still passes.
@@ -19,7 +20,11 @@ if [ "$expect" = warnings ]; then
   counts() { grep -E '^(S:[0-9]+|total) ' "$1" | awk '{print $1, $2, $3, $5, $6}'; }
 fi
 for level in debug verbose; do
-  "$sim" "$scenario" --log-level "$level" --trace "$work/sim-trace.json" >"$work/sim.out" \
+  # The simulator's trace in each format: Chrome JSON at debug level, Perfetto's protobuf at
+  # verbose level.
+  simtrace=$work/sim-trace.json
+  [ "$level" = verbose ] && simtrace=$work/sim-trace.pftrace
+  "$sim" "$scenario" --log-level "$level" --trace "$simtrace" >"$work/sim.out" \
     2>"$work/run.log"
   rc=0
   "$log" "$work/run.log" --history "$work/h.json" --scenario "$work/s.json" \
@@ -32,7 +37,10 @@ for level in debug verbose; do
     "$work/log.out"; then
     echo "the $level log's provoked warnings are not explained:"; cat "$work/log.out"; exit 1
   fi
-  "$check" "$work/sim-trace.json" "$work/t.json"
+  # The same trace rebuilt from the log in Perfetto's format, whole and four frames at a time.
+  "$log" "$work/run.log" --trace "$work/t.pftrace" >/dev/null || true
+  "$log" "$work/run.log" --window 4 --trace "$work/t4.pftrace" >/dev/null || true
+  "$check" "$simtrace" "$work/t.json" "$work/t.pftrace" "$work/t4.pftrace"
   # Every enqueue that waited for its previous frame's partners gets the arrow from the job that
   # released it, at either level (a few may be released by a drop or flush instead).
   waited=$(grep -o '\[S:[0-9]* F:[0-9]*\]\[EnqJob\] wait previous syncframe' "$work/run.log" |

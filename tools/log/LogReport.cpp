@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "JsonText.h"
+#include "PerfettoWriter.h"
 #include "Report.h"
 
 namespace orvcam {
@@ -549,10 +550,44 @@ std::map<int, std::string> threadNames(const Run& r) {
 // showed first.
 constexpr int kEventTrack = 0;
 
+// The Perfetto trace's tracks: the process's, a thread's per thread (StreamWriter), one per
+// frame's life (all named "frames", which a viewer shows as one), one for the client's events
+// and one per counter.
+uint64_t processTrack(int pid) {
+  return pftrace::trackUuid(pftrace::TrackKind::Process, uint64_t(uint32_t(pid)));
+}
+const uint64_t kEventsTrack = pftrace::trackUuid(pftrace::TrackKind::Custom, 1);
+uint64_t counterTrack(bool frames) {
+  return pftrace::trackUuid(pftrace::TrackKind::Counter, frames ? 1 : 0);
+}
+constexpr uint32_t kSequenceId = 1;
+constexpr uint64_t kMicros = 1000;
+
 }  // namespace
 
-TraceWriter::TraceWriter(std::ostream& out, int pid, OrderedWorker* worker)
+TraceWriter::TraceWriter(std::ostream& out, int pid, OrderedWorker* worker,
+                         const TraceOptions& options)
     : worker_(worker), out_(out), pid_(pid) {
+  if (options.perfetto) {
+    bool clocked = options.clockId != 0;
+    perfetto_ = std::make_unique<pftrace::StreamWriter>(
+        out, kSequenceId, clocked ? pftrace::kClockCapture : pftrace::kClockBoottime);
+    pftrace::Sequence& seq = perfetto_->sequence();
+    std::string* buf = perfetto_->buffer();
+    if (clocked) {
+      // The trace's clock starts at the capture's first stamp and ticks in microseconds, the
+      // finest a logcat layout gives but for nsec (a byte less in every timestamp).
+      const pftrace::Sequence::ClockReading clocks[] = {{pftrace::kClockCapture, 0, kMicros},
+                                                        {options.clockId, options.firstStampNs, 1}};
+      seq.clockSnapshot(buf, clocks, 2, options.clockId);
+      unitNs_ = kMicros;
+    }
+    seq.processTrack(buf, processTrack(pid), pid, "camdeliver-log: process " + std::to_string(pid));
+    seq.track(buf, kEventsTrack, processTrack(pid), "events");
+    seq.track(buf, counterTrack(true), processTrack(pid), "frames in flight", true);
+    seq.track(buf, counterTrack(false), processTrack(pid), "sends waiting", true);
+    return;
+  }
   buffer_ += "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[";
   meta("process_name", 0)
       .open("args")
@@ -694,6 +729,10 @@ void TraceWriter::write(const std::vector<Item>& items) {
 
 void TraceWriter::writeItem(const Item& it) {
   using K = Item::Kind;
+  if (perfetto_) {
+    writePerfetto(it);
+    return;
+  }
   auto number = [this](int64_t v) {
     char buf[24];
     name_.append(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
@@ -767,6 +806,10 @@ void TraceWriter::finish(const Run& r) {
     writeItem({Item::Kind::Counter, uint8_t(framesDelta != 0), kEventTrack, 0, 0, at, 0,
                framesDelta ? inFlight : waiting});
   });
+  if (perfetto_) {
+    finishPerfetto(r);
+    return;
+  }
   meta("thread_name", kEventTrack).open("args").str("name", "frames, counters and events").close();
   emit();
   for (const auto& n : threadNames(r)) {
@@ -780,6 +823,112 @@ void TraceWriter::finish(const Run& r) {
   }
   buffer_ += "]}\n";
   flush();
+}
+
+void TraceClock::see(std::string_view raw) {
+  if (found_) return;
+  LogLine line;
+  if ((!parseLogLine(raw, &line) && !parseLongHeader(raw, &line)) || !line.hasTime) return;
+  found_ = true;
+  line_ = std::string(raw.substr(0, 64));
+  timeNs_ = line.timeNs;
+}
+
+TraceOptions TraceClock::options(const std::string& path, int year, int utcOffsetMinutes) const {
+  TraceOptions options;
+  options.perfetto = pftrace::isPerfettoPath(path);
+  if (!found_) return options;
+  std::optional<pftrace::CaptureClock> clock =
+      pftrace::captureClockOf(line_, timeNs_, year, utcOffsetMinutes);
+  if (clock) {
+    options.clockId = clock->clockId;
+    options.firstStampNs = clock->firstNs;
+  }
+  return options;
+}
+
+// The name of an item's slice or instant, made in name_ (as the JSON trace names it).
+void TraceWriter::writePerfetto(const Item& it) {
+  using K = Item::Kind;
+  pftrace::Sequence& seq = perfetto_->sequence();
+  std::string* buf = perfetto_->buffer();
+  auto number = [this](int64_t v) {
+    char digits[24];
+    name_.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
+  };
+  auto sensorFrame = [&] {
+    constexpr uint32_t kBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
+    name_ += "S:";
+    number(it.sensor >= kBase ? it.sensor - kBase : it.sensor);
+    if (it.sensor >= kBase) name_ += " cfg";
+    name_ += " F:";
+    number(it.frame);
+  };
+  auto ts = [this](Nanos t) { return uint64_t(std::max<Nanos>(t, 0)) / unitNs_; };
+  auto slice = [&](const char* category, bool intern) {
+    uint64_t track = perfetto_->threadTrack(processTrack(pid_), pid_, it.tid);
+    seq.event(buf, pftrace::kSliceBegin, ts(it.ts), track, category, name_, intern);
+    seq.end(buf, ts(it.ts + it.dur), track);
+  };
+  name_.clear();
+  switch (it.kind) {
+    case K::Send:
+      sensorFrame();
+      slice("send", false);
+      break;
+    // A wait and a job lie inside their send, whose name gives the sensor and frame: their
+    // own names repeat, and are interned.
+    case K::Wait:
+      name_ += it.detail ? "wait isConfig:1" : "wait isConfig:0";
+      slice("wait", true);
+      break;
+    case K::Job:
+      name_ += sim::jobKindName(sim::JobKind(it.detail));
+      name_ += " fd:";
+      number(it.value);
+      slice("job", true);
+      break;
+    case K::FlowStart:
+    case K::FlowEnd: {
+      // An instant inside the job on each side carries the arrow.
+      pftrace::Sequence::Flow flow{uint64_t(it.value), it.kind == K::FlowEnd};
+      uint64_t track = perfetto_->threadTrack(processTrack(pid_), pid_, it.tid);
+      seq.event(buf, pftrace::kInstant, ts(it.ts), track, "flow", "releases", true, &flow);
+      break;
+    }
+    case K::FrameBegin: {
+      uint64_t track = pftrace::trackUuid(pftrace::TrackKind::Async, it.frame);
+      seq.track(buf, track, processTrack(pid_), "frames");
+      name_ += "F:";
+      number(it.frame);
+      seq.event(buf, pftrace::kSliceBegin, ts(it.ts), track, "frame", name_, false);
+      break;
+    }
+    case K::FrameEnd:
+      seq.end(buf, ts(it.ts), pftrace::trackUuid(pftrace::TrackKind::Async, it.frame));
+      break;
+    case K::Event:
+      if (sim::EventKind(it.detail) == sim::EventKind::QueueFlush) {
+        name_ += "flush()";
+      } else {
+        name_ += sim::eventKindName(sim::EventKind(it.detail));
+        name_ += ' ';
+        sensorFrame();
+        name_ += " value:";
+        number(it.value);
+      }
+      seq.event(buf, pftrace::kInstant, ts(it.ts), kEventsTrack, "event", name_, false);
+      break;
+    case K::Counter: seq.counter(buf, ts(it.ts), counterTrack(it.detail != 0), it.value); break;
+  }
+  perfetto_->written();
+}
+
+void TraceWriter::finishPerfetto(const Run& r) {
+  // Threads are named once the whole capture shows which sensor each serves.
+  for (const auto& n : threadNames(r))
+    perfetto_->nameThread(processTrack(pid_), pid_, n.first, n.second);
+  perfetto_->flush();
 }
 
 void writeTrace(std::ostream& out, const Run& r) {

@@ -127,6 +127,22 @@ struct TraceOptions {
   uint64_t firstStampNs = 0;  // the first stamp on that clock
 };
 
+// Finds the capture's clock for a Perfetto trace from its first stamped line: see() is given
+// each line until found() (a cheap test after that).
+class TraceClock {
+ public:
+  void see(std::string_view raw);
+  bool found() const { return found_; }
+  // The options for a trace file named `path`. A date without a year takes `year` (0: the
+  // current year); stamps are the device's local time, `utcOffsetMinutes` from UTC.
+  TraceOptions options(const std::string& path, int year, int utcOffsetMinutes) const;
+
+ private:
+  bool found_ = false;
+  std::string line_;
+  int64_t timeNs_ = 0;
+};
+
 // The same trace written as a long log is read: add() takes the parts a LogReader's listener
 // is given (before their frames leave memory), finish() the finished run.
 //
@@ -192,6 +208,7 @@ class TraceWriter {
   std::string name_;    // an event's name, made in place
   std::string buffer_;  // written to out_ a few hundred kilobytes at a time
   std::unique_ptr<pftrace::StreamWriter> perfetto_;  // null for a JSON trace
+  uint64_t unitNs_ = 1;                              // the Perfetto trace clock's tick
 };
 
 // A scenario for camdeliver-sim that replays the run's frames, sensors, sync groups,

@@ -54,7 +54,16 @@ int main(int argc, char** argv) {
   size_t window = logread::LogReader::kDefaultWindow;
   app.add_option("log", inputPath, "Log file (default or \"-\": standard input)");
   app.add_flag("--frames", frames, "Also print a table of every (frame, sensor)");
-  app.add_option("--trace", tracePath, "Write a Chrome JSON trace rebuilt from the log");
+  app.add_option("--trace", tracePath,
+                 "Write a trace rebuilt from the log: Perfetto's protobuf format for a name "
+                 "ending in .pftrace, .perfetto-trace or .pb (its times tied to the capture's "
+                 "clock), else Chrome JSON");
+  int traceYear = 0, utcOffset = 0;
+  app.add_option("--trace-year", traceYear,
+                 "Year of the capture's stamps when its layout has none (default: this year)");
+  app.add_option("--utc-offset", utcOffset,
+                 "The device's offset from UTC in minutes, for a .pftrace's wall clock (the "
+                 "stamps are its local time; default 0)");
   app.add_option("--history", historyPath,
                  "Write the rebuilt history (camdeliver-sim --check reads it)");
   app.add_option("--scenario", scenarioPath,
@@ -123,6 +132,7 @@ int main(int argc, char** argv) {
   // it outlives the writers, which drain it when they finish or go.
   std::unique_ptr<OrderedWorker> worker;
   if (!tracePath.empty() || !historyPath.empty()) worker = std::make_unique<OrderedWorker>();
+  logread::TraceClock traceClock;  // the first stamp, for a Perfetto trace's clock
   std::map<std::pair<int, int>, std::unique_ptr<SessionOutputs>> outputs;
   auto outputsFor = [&](const logread::Run& run) -> SessionOutputs& {
     std::unique_ptr<SessionOutputs>& o = outputs[{run.pid, run.session}];
@@ -132,7 +142,8 @@ int main(int argc, char** argv) {
     if (!tracePath.empty()) {
       o->tracePart = tracePath + suffix + ".part";
       o->traceFile.open(o->tracePart, std::ios::binary);
-      o->trace = std::make_unique<logread::TraceWriter>(o->traceFile, run.pid, worker.get());
+      o->trace = std::make_unique<logread::TraceWriter>(
+          o->traceFile, run.pid, worker.get(), traceClock.options(tracePath, traceYear, utcOffset));
     }
     if (!historyPath.empty()) {
       o->history = std::make_unique<sim::HistoryJsonStream>(historyPath + suffix, worker.get());
@@ -156,6 +167,7 @@ int main(int argc, char** argv) {
   while (input.next(&line)) {
     size_t text = line.find_first_not_of(" \t\r");
     if (firstLine.empty() && text != std::string::npos) firstLine = line.substr(text);
+    if (!traceClock.found()) traceClock.see(line);
     reader.addLine(line);
   }
   if (input.encoding() == logread::TextInput::Encoding::Utf16Le ||
