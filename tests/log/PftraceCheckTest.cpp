@@ -1,10 +1,13 @@
 // The protobuf trace checker on small traces made with the writers' encoder: a sound trace
-// passes, and each fault is caught.
+// passes, and each fault is caught. And the clock a capture's trace is tied to.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 
+#include "LogReader.h"
 #include "PerfettoProto.h"
+#include "PerfettoWriter.h"
 #include "PftraceCheck.h"
 
 namespace orvcam {
@@ -188,6 +191,45 @@ TEST(PftraceCheck, InterningTableStaysBounded) {
     ASSERT_LE(seq.internedCount(), Sequence::kMaxInterned);
   }
   EXPECT_EQ(problems(bytes), "");
+}
+
+}  // namespace
+}  // namespace orvcam
+
+namespace orvcam {
+namespace {
+
+// The capture's clock from its first stamped line, as the log reader parses it.
+std::optional<pftrace::CaptureClock> clockOf(const std::string& line, int year, int offset = 0) {
+  logread::LogLine parsed;
+  EXPECT_TRUE(logread::parseLogLine(line, &parsed)) << line;
+  return pftrace::captureClockOf(line, parsed.timeNs, year, offset);
+}
+
+TEST(PftraceClock, CaptureStampsOnTheWallClock) {
+  const std::string tail = " 30866 30869 D OrvCam/CamDeliverGuard: [prepare] [S:1 F:1] x";
+  auto clock = clockOf("11-26 05:55:27.213445" + tail, 2026);
+  ASSERT_TRUE(clock);
+  EXPECT_EQ(clock->clockId, pftrace::kClockRealtime);
+  EXPECT_EQ(clock->firstNs, 1795672527213445000ULL);
+  // The reader counts days as in a leap year; 1 March of a common year is still 1 March.
+  clock = clockOf("2027-03-01 00:00:00.000" + tail, 0);
+  ASSERT_TRUE(clock);
+  EXPECT_EQ(clock->firstNs, 1803859200000000000ULL);
+  // Local time two hours ahead of UTC.
+  clock = clockOf("2027-03-01 02:00:00.000" + tail, 0, 120);
+  ASSERT_TRUE(clock);
+  EXPECT_EQ(clock->firstNs, 1803859200000000000ULL);
+  // Seconds since the epoch are the wall clock already; seconds since boot are the monotonic
+  // clock.
+  clock = clockOf("1803859200.500" + tail, 0);
+  ASSERT_TRUE(clock);
+  EXPECT_EQ(clock->clockId, pftrace::kClockRealtime);
+  EXPECT_EQ(clock->firstNs, 1803859200500000000ULL);
+  clock = clockOf("  1234.500" + tail, 0);
+  ASSERT_TRUE(clock);
+  EXPECT_EQ(clock->clockId, pftrace::kClockMonotonic);
+  EXPECT_EQ(clock->firstNs, 1234500000000ULL);
 }
 
 }  // namespace
