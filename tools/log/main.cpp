@@ -1,14 +1,19 @@
 // camdeliver-log: reads a device's or the simulator's log, rebuilds what the deliverer did
 // per sensor and frame, checks it with the simulator's ordering checker and explains what it
 // finds. Exit code 0: no findings; 1: findings; 2: bad command line or input.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
 
+#include "Follow.h"
 #include "LogReader.h"
 #include "LogReport.h"
 #include "Report.h"
@@ -92,6 +97,12 @@ int main(int argc, char** argv) {
                  "Frames a session holds before the oldest settled ones are checked, counted and "
                  "let go (0: keep every frame to the end); the result does not depend on it")
       ->capture_default_str();
+  bool follow = false;
+  app.add_flag("--follow", follow,
+               "Read a live capture (adb logcat -v threadtime | camdeliver-log --follow -): a "
+               "send waiting past the stall threshold and a fatal assertion are reported as "
+               "soon as they show, with a status line on stderr every 5 s; the usual report "
+               "follows at the end of the input (or the first Ctrl-C)");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -102,14 +113,20 @@ int main(int argc, char** argv) {
   std::ifstream file;
   std::istream* in = &std::cin;
   std::string inputName = "standard input";
+  int followFd = STDIN_FILENO;
   if (inputPath != "-") {
     std::error_code ec;
     if (std::filesystem::is_directory(inputPath, ec)) {
       std::cerr << "camdeliver-log: " << inputPath << ": a directory, not a log file\n";
       return kExitBadInput;
     }
-    file.open(inputPath, std::ios::binary);
-    if (!file) {
+    // A live input is read by descriptor, never blocking past a deadline.
+    if (follow) {
+      followFd = ::open(inputPath.c_str(), O_RDONLY | O_CLOEXEC);
+    } else {
+      file.open(inputPath, std::ios::binary);
+    }
+    if (follow ? followFd < 0 : !file) {
       std::cerr << "camdeliver-log: " << inputPath << ": cannot open\n";
       return kExitBadInput;
     }
@@ -164,11 +181,36 @@ int main(int argc, char** argv) {
   std::string line;
   std::string firstLine;
   logread::TextInput input(*in);
-  while (input.next(&line)) {
+  std::unique_ptr<logread::FollowInput> follower;
+  if (follow) {
+    logread::FollowOptions options;
+    if (stallMs >= 0) options.stallNs = sim::Nanos(stallMs * 1e6);
+    follower =
+        std::make_unique<logread::FollowInput>(followFd, reader, options, std::cout, std::cerr);
+    logread::endInputOnInterrupt();
+  }
+  std::error_code sizeError;
+  uint64_t size = inputPath == "-" ? 0 : std::filesystem::file_size(inputPath, sizeError);
+  logread::Progress progress(std::cerr, !follow && isatty(STDERR_FILENO), sizeError ? 0 : size);
+  while (follower ? follower->next(&line) : input.next(&line)) {
+    progress.line(line.size());
     size_t text = line.find_first_not_of(" \t\r");
     if (firstLine.empty() && text != std::string::npos) firstLine = line.substr(text);
     if (!traceClock.found()) traceClock.see(line);
     reader.addLine(line);
+  }
+  progress.done();
+  if (follower && follower->error() != 0) {
+    std::cerr << "camdeliver-log: " << inputName
+              << ": cannot read: " << std::strerror(follower->error()) << "\n";
+    return kExitBadInput;
+  }
+  if (follower && follower->interrupted()) {
+    std::cerr << "camdeliver-log: interrupted; the report on the lines read so far follows\n";
+  }
+  // The input's silence before it ended counts as --capture-end +SECONDS would.
+  if (follower && captureEndText.empty() && follower->captureEnd()) {
+    reader.setCaptureEnd(*follower->captureEnd());
   }
   if (input.encoding() == logread::TextInput::Encoding::Utf16Le ||
       input.encoding() == logread::TextInput::Encoding::Utf16Be) {
