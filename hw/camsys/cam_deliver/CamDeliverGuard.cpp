@@ -133,11 +133,17 @@ void CamDeliverGuard::wait(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
   }
 
   // Frame sync: the whole sync group of the previous synchronised frame is enqueued first.
-  while (!isPreviousSyncFrameFinished(sensorId, frameNo)) {
+  // The condition is a lambda so that its lines name it "operator()", as they always have.
+  auto syncFrameDone = [&]() ORVCAM_REQUIRES(mutex) {
+    if (isPreviousSyncFrameFinished(sensorId, frameNo)) {
+      CD_LOGV(logLevel, "[%s] [S:%d F:%d][%s] previous syncframe enque done", sensorId, frameNo,
+              label);
+      return true;
+    }
     CD_LOGD("[%s] [S:%d F:%d][%s] wait previous syncframe enque ...", sensorId, frameNo, label);
-    lock.wait(cond);
-  }
-  CD_LOGV(logLevel, "[%s] [S:%d F:%d][%s] previous syncframe enque done", sensorId, frameNo, label);
+    return false;
+  };
+  while (!syncFrameDone()) lock.wait(cond);
 }
 
 void CamDeliverGuard::finished(uint32_t sensorId, uint32_t frameNo, bool isConfig) {
