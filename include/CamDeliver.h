@@ -33,19 +33,19 @@ class ORVCAM_CAMDELIVER_API CamDeliver {
   enum EventType : uint32_t {
     // Thread: event thread. The sensor has nothing in flight; with value 0 its synchronised
     // frames get licences with FDs of their own and stop being synchronised.
-    InformInflight = 0,
+    InformInflight = event::kInformInflight,
     // Thread: event thread. Only logged.
-    ResumeDone = 1,
+    ResumeDone = event::kResumeDone,
     // Thread: event thread. Only logged.
-    Suspend = 2,
+    Suspend = event::kSuspend,
     // Thread: event thread. The pipeline dropped the sensor's request for the frame.
-    Drop = 3,
+    Drop = event::kDrop,
     // Thread: event thread. The sensor's frames in flight are done with; follow with flush().
-    Flush = 4,
+    Flush = event::kFlush,
     // Thread: event thread. Only logged.
-    LicenseRelease = 5,
+    LicenseRelease = event::kLicenseRelease,
     // Thread: event thread. Only logged: the library finds raw switches from the records.
-    RawSwitch = 6,
+    RawSwitch = event::kRawSwitch,
   };
 
   // Thread: any thread. kNoFrameNumber: a send not tied to a frame.

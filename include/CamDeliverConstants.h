@@ -19,6 +19,18 @@ constexpr uint32_t kConfigureKeyBase = 0xFF00;
 // emplacing is a fatal error (it holds at most one fewer). Thread: any thread.
 constexpr size_t kPreparationWindow = 20;
 
+// The numbers of the pipeline events that CamDeliver::notifyEvent takes: its EventType and the
+// tools' records of events are both defined from these. Thread: any thread.
+namespace event {
+constexpr uint32_t kInformInflight = 0;  // Thread: any thread.
+constexpr uint32_t kResumeDone = 1;      // Thread: any thread.
+constexpr uint32_t kSuspend = 2;         // Thread: any thread.
+constexpr uint32_t kDrop = 3;            // Thread: any thread.
+constexpr uint32_t kFlush = 4;           // Thread: any thread.
+constexpr uint32_t kLicenseRelease = 5;  // Thread: any thread.
+constexpr uint32_t kRawSwitch = 6;       // Thread: any thread.
+}  // namespace event
+
 }  // namespace camcoordinator
 }  // namespace camsys
 }  // namespace NSCam

@@ -26,10 +26,10 @@ TEST_F(BadInput, MissingRecordsAreFatal) {
   EXPECT_FATAL(deliver.mGuard.breakFrameSync(1, {8}), "[S:1 F:8] pFc nullptr !", "breakFrameSync",
                kGuardFile);
   // "No frame" reports need a record kept under 0xFFFFFFFF.
-  EXPECT_FATAL(deliver.setConfigured(2, 0xFFFFFFFF), "[S:2 F:-1] FC not found !", "setConfigured",
+  EXPECT_FATAL(deliver.setConfigured(2, kNoFrame), "[S:2 F:-1] FC not found !", "setConfigured",
                kGuardFile);
-  EXPECT_FATAL(deliver.mGuard.finished(2, 0xFFFFFFFF, false), "[S:2 F:-1] FC not found !",
-               "finished", kGuardFile);
+  EXPECT_FATAL(deliver.mGuard.finished(2, kNoFrame, false), "[S:2 F:-1] FC not found !", "finished",
+               kGuardFile);
 }
 
 TEST_F(BadInput, FinishedFrameCannotBeReportedOrWaitedForAgain) {

@@ -102,7 +102,7 @@ TEST_F(DeliverFlow, ThreeSensorsWithAndWithoutSync) {
 TEST_F(DeliverFlow, ConfigureFrameByJobAndBySetConfigured) {
   FcPtr fc = prepareAll(1, {{0, true, true}, {1, true, true}}, {0, 1});
   const int32_t fd0 = queuedFd(0, 1), fd1 = queuedFd(1, 1);
-  EXPECT_EQ(fd0, queuedFd(0xFF00, 1));
+  EXPECT_EQ(fd0, queuedFd(CamDeliver::kConfigKeyBase, 1));
   EXPECT_EQ(fd1, queuedFd(0xFF01, 1));
   EXPECT_NE(fd0, fd1);  // a configure frame gives no group FD
 
@@ -406,10 +406,10 @@ TEST_F(DeliverFlow, DropOnAConfigureFrameLeavesTheConfigureLicenceQueued) {
   prepareAll(1, {{0, true, true}, {1}});
   deliver->notifyEvent(CamDeliver::Drop, 0, 1, 0);
   EXPECT_FALSE(deliver->mLicenseQueue.isLicenseExist(0, 1));
-  EXPECT_TRUE(deliver->mLicenseQueue.isLicenseExist(0xFF00, 1));
+  EXPECT_TRUE(deliver->mLicenseQueue.isLicenseExist(CamDeliver::kConfigKeyBase, 1));
   EXPECT_EQ(0, send(1, 1).result);
   EXPECT_EQ(0u, poolSize(*pool));  // the drop counted sensor 0 as enqueued
-  EXPECT_TRUE(deliver->mLicenseQueue.isLicenseExist(0xFF00, 1));
+  EXPECT_TRUE(deliver->mLicenseQueue.isLicenseExist(CamDeliver::kConfigKeyBase, 1));
   // The client hands it back with setConfigured; the guard no longer knows the frame.
   const uint64_t released = pipeMgr->account().released;
   deliver->setConfigured(0, 1);
@@ -430,7 +430,7 @@ TEST_F(DeliverFlow, EventsThatOnlyLogChangeNothing) {
       {CamDeliver::LicenseRelease, "LicenseRelease"},
       {CamDeliver::RawSwitch, "RawSwitch"},
       {static_cast<CamDeliver::EventType>(7), "UNKNOWN"},
-      {static_cast<CamDeliver::EventType>(0xFFFFFFFF), "UNKNOWN"}};
+      {static_cast<CamDeliver::EventType>(UINT32_MAX), "UNKNOWN"}};
   for (const auto& event : events) {
     capture.clear();
     deliver->notifyEvent(event.first, 0, 1, 0);

@@ -20,7 +20,7 @@ using cc::CamDeliverGuard;
 using cc::FrameContext;
 using cc::FrameContextPool;
 using FcPtr = std::shared_ptr<const FrameContext>;
-constexpr uint32_t kNoFrame = 0xFFFFFFFF;
+constexpr uint32_t kNoFrame = CamDeliver::kNoFrame;
 
 // One sensor's part in a frame.
 struct Part {

@@ -11,6 +11,8 @@ using NSCam::camsys::camcoordinator::CamDeliver;
 using NSCam::camsys::camcoordinator::LicenseQueue;
 using NSCam::camsys::pipemgr::isp7::IRequestLicense;
 using ::orvcam::host::hostPipeMgr;
+// A configure licence's key for sensor 0; the library's lines print it as 65280.
+constexpr uint32_t kCfg = CamDeliver::kConfigKeyBase;
 using ::testing::_;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -70,10 +72,10 @@ TEST_F(LicenseQueueTest, PushAndPopWithTheirDebugLines) {
   char address[32];
   snprintf(address, sizeof(address), "%p", static_cast<void*>(raw));
   q->pushLicense(0, 10, std::move(l));
-  q->pushLicense(0xFF00, 10, host());
+  q->pushLicense(kCfg, 10, host());
   EXPECT_EQ(q->popLicenseLocked(0, 10).get(), raw);
-  EXPECT_TRUE(q->isLicenseExist(0xFF00, 10));
-  EXPECT_NE(q->popLicenseLocked(0xFF00, 10), nullptr);
+  EXPECT_TRUE(q->isLicenseExist(kCfg, 10));
+  EXPECT_NE(q->popLicenseLocked(kCfg, 10), nullptr);
   EXPECT_THAT(q->mQueue, IsEmpty());
   EXPECT_THAT(lines('D'),
               ElementsAre("[pushLicense] [S:0 F:10] fd(1)", "[pushLicense] [S:65280 F:10] fd(2)",
@@ -176,7 +178,7 @@ TEST_F(LicenseQueueDeathTest, FlowErrorsAbort) {
   capture.reset();
   auto q = makeQueue();
   q->pushLicense(0, 10, host());
-  q->pushLicense(0xFF00 | 2, 10, host());
+  q->pushLicense(kCfg | 2, 10, host());
   q->pushLicense(0xFFFF, 11, host());
   const std::string file = "LicenseQueue.cpp";
   EXPECT_FATAL(q->pushLicense(0, 10, host()),
@@ -205,7 +207,7 @@ TEST_F(LicenseQueueDeathTest, FlowErrorsAbort) {
 TEST_F(LicenseQueueDeathTest, DestroyingANonEmptyQueueDumpsItThenAborts) {
   auto q = makeQueue();
   q->pushLicense(0, 10, host());
-  q->pushLicense(65280, 10, host());
+  q->pushLicense(kCfg, 10, host());
   q->pushLicense(1, 11, host());
   std::string keys;  // frame 10's keys in its table's own order
   for (const auto& entry : q->mQueue.at(10)) keys += std::to_string(entry.first) + " ";

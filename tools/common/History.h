@@ -23,13 +23,13 @@ const char* jobKindName(JobKind kind);
 // The events a client reports, with the deliverer's numbering; QueueFlush stands for the
 // client's call of the deliverer's flush(), which hands back every queued licence.
 enum class EventKind : uint32_t {
-  InformInflight = 0,
-  ResumeDone = 1,
-  Suspend = 2,
-  Drop = 3,
-  Flush = 4,
-  LicenseRelease = 5,
-  RawSwitch = 6,
+  InformInflight = NSCam::camsys::camcoordinator::event::kInformInflight,
+  ResumeDone = NSCam::camsys::camcoordinator::event::kResumeDone,
+  Suspend = NSCam::camsys::camcoordinator::event::kSuspend,
+  Drop = NSCam::camsys::camcoordinator::event::kDrop,
+  Flush = NSCam::camsys::camcoordinator::event::kFlush,
+  LicenseRelease = NSCam::camsys::camcoordinator::event::kLicenseRelease,
+  RawSwitch = NSCam::camsys::camcoordinator::event::kRawSwitch,
   QueueFlush = 100,
 };
 const char* eventKindName(EventKind kind);
@@ -55,14 +55,16 @@ struct SensorFrameHash {
   }
 };
 
-// The frame number that stands for "no frame".
+// The frame number that stands for "no frame", and the base of a configure licence's key: the
+// library's own numbers, named once for the tools.
 constexpr uint32_t kNoFrame = NSCam::camsys::camcoordinator::kNoFrameNumber;
+constexpr uint32_t kConfigKeyBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
 
 // How the tools name a sensor, or a licence key: "S:1", and a configure key (the configure
 // base plus the sensor) as "S:1 cfg". The library's own lines print keys as numbers.
 inline std::string sensorName(uint32_t key) {
-  constexpr uint32_t kBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
-  return key >= kBase ? "S:" + std::to_string(key - kBase) + " cfg" : "S:" + std::to_string(key);
+  return key >= kConfigKeyBase ? "S:" + std::to_string(key - kConfigKeyBase) + " cfg"
+                               : "S:" + std::to_string(key);
 }
 
 struct PrepareRecord {

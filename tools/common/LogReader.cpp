@@ -291,7 +291,7 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
   auto prev = previous_.find(line.pid);
   if (prev == previous_.end()) return c;
   Context& old = contexts_[prev->second];
-  uint32_t s = sensor >= kConfigKeyBase ? (sensor & 0xFF) : sensor;
+  uint32_t s = sensor >= kConfigKeyBase ? sensor - kConfigKeyBase : sensor;
   auto mine = c.run.states.find({s, frame});
   auto theirs = old.run.states.find({s, frame});
   // Only a frame the older deliverer still has in flight can take a line back.
@@ -405,7 +405,7 @@ struct LineScope {
     return st;
   }
   void noteSensor(uint32_t s) {
-    if (s >= kConfigKeyBase) s &= 0xFF;
+    if (s >= kConfigKeyBase) s -= kConfigKeyBase;
     LastSeen& seen = r.lastSeen[s];
     seen.at = at;
     seen.text.assign(text);
@@ -554,7 +554,7 @@ void LineScope::onDeliver() {
   } else if (func == "getLicense") {
     closeEvent();
     bool config = sensor >= kConfigKeyBase;
-    uint32_t s = sensor & (config ? 0xFF : 0xFFFFFFFF);
+    uint32_t s = config ? sensor - kConfigKeyBase : sensor;
     SensorFrame& st = state(s, frame);
     st.tid = line.tid;
     jobWithoutPrepare(st);
@@ -765,7 +765,7 @@ void LineScope::onPool() {
 void LineScope::onQueue() {
   if (!hasSF) return;
   bool config = sensor >= kConfigKeyBase;
-  uint32_t s = config ? (sensor & 0xFF) : sensor;
+  uint32_t s = config ? sensor - kConfigKeyBase : sensor;
   noteSensor(sensor);
   if (config) frameInfo(frame).needCfg.insert(s);
   if (func == "pushLicense") {

@@ -56,8 +56,8 @@ std::string_view stripColour(std::string_view raw, std::string* buffer);
 // text. Layouts without tags (thread, raw) get theirs from it.
 std::string_view inferTag(std::string_view message);
 
-constexpr uint32_t kNoFrame = NSCam::camsys::camcoordinator::kNoFrameNumber;
-constexpr uint32_t kConfigKeyBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
+using sim::kConfigKeyBase;
+using sim::kNoFrame;
 
 // What the log shows of one sensor in one frame.
 struct SensorFrame {

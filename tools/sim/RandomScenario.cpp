@@ -48,7 +48,7 @@ class Generator {
     s.firstFrame = chance(0.2) ? uniform(0, 100000) : 1;
     static const uint32_t intervals[] = {0, 0, 20, 100, 300, 1000};
     s.frameIntervalUs = pick(intervals);
-    s.maxInFlight = chance(0.3) ? uniform(1, 4) : uniform(1, 19);
+    s.maxInFlight = chance(0.3) ? uniform(1, 4) : uniform(1, kMaxInFlight);
     s.seed = rng_();
     s.jobDuration = duration();
     uint32_t n = uniform(1, std::max<uint32_t>(1, std::min<uint32_t>(6, limits_.maxSensors)));

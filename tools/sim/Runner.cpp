@@ -22,20 +22,6 @@
 namespace orvcam {
 namespace sim {
 
-namespace {
-
-// The history numbers events as the deliverer does, so that a recorded kind is handed on as is.
-static_assert(uint32_t(EventKind::InformInflight) == cc::CamDeliver::InformInflight &&
-                  uint32_t(EventKind::ResumeDone) == cc::CamDeliver::ResumeDone &&
-                  uint32_t(EventKind::Suspend) == cc::CamDeliver::Suspend &&
-                  uint32_t(EventKind::Drop) == cc::CamDeliver::Drop &&
-                  uint32_t(EventKind::Flush) == cc::CamDeliver::Flush &&
-                  uint32_t(EventKind::LicenseRelease) == cc::CamDeliver::LicenseRelease &&
-                  uint32_t(EventKind::RawSwitch) == cc::CamDeliver::RawSwitch,
-              "EventKind and CamDeliver::EventType disagree");
-
-}  // namespace
-
 // The client: a pipeline thread that emplaces frames and reports events, and one request
 // thread per sensor that prepares and sends. Its plan and state, and the protocol's rules over
 // them, are in ClientModel.h (shared with the schedule explorer); the observers it uses

@@ -16,7 +16,6 @@ namespace {
 
 constexpr uint32_t kMaxFrames = 100000;
 constexpr uint32_t kMaxSensorId = 255;
-constexpr uint32_t kMaxInFlight = 19;  // the pool aborts at 20 records
 constexpr double kMaxDurationUs = 1e6;
 
 struct Failure {

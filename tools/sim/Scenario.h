@@ -77,6 +77,10 @@ struct NoFrameSendSetup {
   uint32_t after = 0;
 };
 
+// The most frames a scenario keeps in flight: one fewer than the pool's limit, at which
+// emplacing a record ends the process.
+constexpr uint32_t kMaxInFlight = uint32_t(NSCam::camsys::camcoordinator::kPreparationWindow) - 1;
+
 struct Scenario {
   std::string name;
   std::string source;  // file path, or "<built-in default>"
