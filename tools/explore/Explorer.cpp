@@ -146,6 +146,7 @@ Verdict Explorer::runSchedule(const Chooser& chooser, bool record, std::vector<u
   RunOptions options;
   options.spuriousBudget = mSpurious;
   options.recordSteps = record;
+  options.stepLimit = mStepLimit;
   choices->clear();
   *preemptions = 0;
   Chooser recording = [&](const ChoicePoint& p) {
@@ -178,12 +179,16 @@ void Explorer::judge(Verdict* v) {
     case Outcome::Fatal:
       v->findings.push_back("fatal assertion on " + r.fatalThread + ": \"" + r.fatalMessage + "\"");
       break;
-    case Outcome::StepLimit:
-      v->findings.push_back("the schedule did not end within " + std::to_string(r.stepCount) +
-                            " steps");
+    case Outcome::StepLimit: {
+      std::string text = "the schedule did not end within " + std::to_string(r.stepCount) +
+                         " steps (a livelock?); threads left:";
+      for (const auto& b : r.blocked) text += "\n    " + b.thread + " " + b.waitsFor;
+      v->findings.push_back(text);
       break;
+    }
   }
   if (r.outcome != Outcome::Completed) {
+    for (auto& f : mTarget->judgeIncomplete()) v->findings.push_back(std::move(f));
     // The threads of this schedule stay parked inside the target: it is left to them, and
     // the next schedule gets a target of its own.
     (void)mTarget.release();
@@ -366,6 +371,11 @@ Report Explorer::random(uint64_t count, uint64_t seed, uint32_t pctDepth) {
       report.failure = std::move(v);
       break;
     }
+    if (mTimeLimit > 0 && (report.schedules & 63) == 0 &&
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() >=
+            mTimeLimit) {
+      break;
+    }
   }
   report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
   return report;
@@ -389,7 +399,8 @@ Verdict Explorer::shrink(const Verdict& failing, uint64_t limit) {
   return failing;
 }
 
-std::string describeSchedule(const Verdict& v, const std::vector<std::string>& names) {
+std::string describeSchedule(const Verdict& v, const std::vector<std::string>& given) {
+  const std::vector<std::string>& names = v.run.threadNames.empty() ? given : v.run.threadNames;
   std::string out;
   size_t width = 0;
   for (const auto& n : names) width = std::max(width, n.size());
@@ -402,13 +413,15 @@ std::string describeSchedule(const Verdict& v, const std::vector<std::string>& n
     std::string op = s.spurious ? "spurious wake-up" : opKindName(s.op);
     std::string line = num + name + "  " + op;
     if (s.object) line += " " + Scheduler::objectName(s.object);
+    if (s.other >= 0) line += " " + (size_t(s.other) < names.size() ? names[size_t(s.other)] : "?");
     if (s.caller) line += "  at " + describeCaller(s.caller);
     out += line + "\n";
   }
   return out;
 }
 
-std::string chromeTrace(const Verdict& v, const std::vector<std::string>& names) {
+std::string chromeTrace(const Verdict& v, const std::vector<std::string>& given) {
+  const std::vector<std::string>& names = v.run.threadNames.empty() ? given : v.run.threadNames;
   auto quote = [](const std::string& s) {
     std::string out = "\"";
     for (char c : s) {
@@ -426,6 +439,7 @@ std::string chromeTrace(const Verdict& v, const std::vector<std::string>& names)
   for (const StepRecord& s : v.run.steps) {
     std::string name = s.spurious ? "spurious wake-up" : opKindName(s.op);
     if (s.object) name += " " + Scheduler::objectName(s.object);
+    if (s.other >= 0 && size_t(s.other) < names.size()) name += " " + names[size_t(s.other)];
     out += "{\"name\":" + quote(name) +
            ",\"ph\":\"X\",\"pid\":1,\"tid\":" + std::to_string(s.thread) +
            ",\"ts\":" + std::to_string(ts) +

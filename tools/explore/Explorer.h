@@ -53,6 +53,9 @@ class Target {
   virtual std::vector<std::string> threadNames() const = 0;
   virtual std::vector<std::function<void()>> begin() = 0;
   virtual std::vector<std::string> judgeCompleted() = 0;
+  // Findings of its own for a schedule that did not complete (a deadlock, a fatal assertion,
+  // the step limit), added to the explorer's; the threads are still parked inside.
+  virtual std::vector<std::string> judgeIncomplete() { return {}; }
 };
 using TargetFactory = std::function<std::unique_ptr<Target>()>;
 
@@ -82,6 +85,8 @@ class Explorer {
   void setCacheStates(bool on) { mCacheStates = on; }
   // A search stops, not exhausted, once it has run this long (0: no limit).
   void setTimeLimit(double seconds) { mTimeLimit = seconds; }
+  // The steps a schedule may take before it is judged a livelock.
+  void setStepLimit(uint64_t steps) { mStepLimit = steps; }
   // The most states the depth-first search remembers (its table's memory is about 12 bytes a
   // state); later ones are searched again whenever they are met.
   void setMaxStates(uint64_t states) { mMaxStates = states; }
@@ -103,6 +108,7 @@ class Explorer {
   uint32_t mSpurious;
   bool mCacheStates = true;
   double mTimeLimit = 0;
+  uint64_t mStepLimit = RunOptions().stepLimit;
   uint64_t mMaxStates = 0;
   double mProgressEvery = 0;
   std::function<void(const Report&)> mProgress;
@@ -111,6 +117,7 @@ class Explorer {
 };
 
 // The failing schedule, readable: one line per step (thread, operation, object, where).
+// Threads are named as the run named them (the ones it started included), else by `names`.
 std::string describeSchedule(const Verdict& v, const std::vector<std::string>& names);
 // The steps as a Chrome trace (JSON), one track per thread.
 std::string chromeTrace(const Verdict& v, const std::vector<std::string>& names);

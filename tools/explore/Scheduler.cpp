@@ -37,6 +37,8 @@ const char* opKindName(OpKind kind) {
     case OpKind::Broadcast: return "notify all";
     case OpKind::ClientWait: return "client wait";
     case OpKind::End: return "end";
+    case OpKind::Create: return "create thread";
+    case OpKind::Join: return "join";
   }
   return "?";
 }
@@ -165,6 +167,16 @@ struct Thread {
   const char* what = "";
   void* caller = nullptr;
   std::function<void()> body;
+  // A thread a managed thread started: its start routine and argument, its OS thread, its
+  // result, whether a join or detach has claimed it; and the thread a pending join waits for.
+  void* (*start)(void*) = nullptr;
+  void* arg = nullptr;
+  void* retval = nullptr;
+  pthread_t os{};
+  bool spawned = false;
+  bool joined = false;
+  bool detached = false;
+  int joinTarget = -1;
   // For the fingerprint: steps taken, whether the thread is in client code, and the last
   // step that touched the client's state.
   uint32_t steps = 0;
@@ -228,6 +240,7 @@ std::unordered_map<const void*, std::string> gNames;
 std::unordered_map<const void*, uint64_t> gIds;  // from the names
 std::function<uint64_t()> gClientDigest;
 bool gMemoryState = false;
+bool gClientObject = true;
 // Set by the instrumented library's module constructor (__tsan_init): its memory accesses
 // reach the hooks at the end of this file.
 std::atomic<bool> gInstrumented{false};
@@ -244,6 +257,8 @@ uint64_t mix(uint64_t x) {
 // there), and of an object by its name, or its address when it has none.
 constexpr uint64_t kClientObject = ~uint64_t(0);
 constexpr uint64_t kHostObject = ~uint64_t(1);
+// A managed thread as the object of its creation, its end and a join of it.
+uint64_t threadObject(uint16_t id) { return ~uint64_t(0x7417) - (uint64_t(id) << 16); }
 uint64_t objectId(const void* object) {
   auto it = gIds.find(object);
   return it != gIds.end() ? it->second : reinterpret_cast<uintptr_t>(object);
@@ -272,7 +287,7 @@ void beginStep(Run& run, Thread& t) {
     t.clientStep = t.steps;
     if (gClientDigest) {
       run.clientDirty = true;
-    } else {
+    } else if (gClientObject) {
       touch(run, t, kClientObject, Access::Client);
     }
   }
@@ -283,7 +298,7 @@ void touchClient(Run& run, Thread& t) {
   t.clientStep = t.steps;
   if (gClientDigest) {
     run.clientDirty = true;
-  } else {
+  } else if (gClientObject) {
     touch(run, t, kClientObject, Access::Client);
   }
 }
@@ -571,6 +586,7 @@ uint64_t stateOf(Run& run) {
                                                              : canonical(uintptr_t(t->object));
     uint64_t term = (uint64_t(t->id) << 48) ^ (uint64_t(t->op) << 40) ^ (uint64_t(t->state) << 36) ^
                     mix(object);
+    if (t->op == OpKind::Join) term ^= mix(0x701ull + uint64_t(t->joinTarget));
     if (run.memory) {
       // Where the thread stands is no longer in the locks' chains: what it read and how many
       // steps it took in its current call, whether it is back from a wait, and its place
@@ -603,6 +619,7 @@ bool enabled(Run& run, const Thread& t) {
       return rw.writer < 0 && rw.readers == 0;
     }
     case OpKind::ClientWait: return (*t.ready)();
+    case OpKind::Join: return run.threads[size_t(t.joinTarget)]->state == State::Ended;
     default: return true;
   }
 }
@@ -630,6 +647,7 @@ std::string waitsFor(Run& run, const Thread& t) {
       return s;
     }
     case OpKind::ClientWait: return std::string("the client: ") + t.what;
+    case OpKind::Join: return "the end of " + threadName(run, t.joinTarget) + " (join)";
     default: return opKindName(t.op);
   }
 }
@@ -641,7 +659,22 @@ void finish(Run& run, Outcome outcome) {
       if (t->state == State::Ended) continue;
       run.result.blocked.push_back({t->name, waitsFor(run, *t), t->caller});
     }
+  } else if (outcome == Outcome::StepLimit) {
+    // Who was still going when the limit struck: a thread that could run names its next
+    // operation, a blocked one what it waits for.
+    for (auto& t : run.threads) {
+      if (t->state == State::Ended) continue;
+      std::string what;
+      if (enabled(run, *t)) {
+        what = std::string("runs; next: ") + opKindName(t->op);
+        if (t->object) what += " " + Scheduler::objectName(t->object);
+      } else {
+        what = "waits for " + waitsFor(run, *t);
+      }
+      run.result.blocked.push_back({t->name, what, t->caller});
+    }
   }
+  for (auto& t : run.threads) run.result.threadNames.push_back(t->name);
   giveBaton(&run.done);
 }
 
@@ -657,12 +690,14 @@ bool apply(Run& run, const Choice& c) {
     touch(run, t, objectId(t.mutex), Access::Op);
   } else if (t.op == OpKind::ClientWait) {
     touchClient(run, t);
+  } else if (t.op == OpKind::Join) {
+    touch(run, t, threadObject(uint16_t(t.joinTarget)), Access::Op);
   } else if (t.object) {
     touch(run, t, objectId(t.object), Access::Op);
   }
   if (run.options.recordSteps) {
-    run.result.steps.push_back(
-        {t.id, t.state == State::InCond ? OpKind::Wait : t.op, c.spurious, t.object, t.caller});
+    run.result.steps.push_back({t.id, t.state == State::InCond ? OpKind::Wait : t.op, c.spurious,
+                                t.object, t.caller, t.op == OpKind::Join ? t.joinTarget : -1});
   }
   if (c.spurious) {
     auto& waiters = run.conds[t.object];
@@ -849,18 +884,99 @@ void threadMain(Thread* t) {
   }
   tlsThread = t;
   takeBaton(&t->baton);
-  t->body();
+  if (t->start) {
+    t->retval = t->start(t->arg);
+  } else {
+    t->body();
+  }
   Run& run = *gRun;
   settleWrites(*t);
   Internal internal;
   t->state = State::Ended;
   t->op = OpKind::End;
+  if (t->spawned) {
+    // A join of this thread follows its end.
+    touch(run, *t, threadObject(t->id), Access::Op);
+  }
   if (run.options.recordSteps)
     run.result.steps.push_back({t->id, OpKind::End, false, nullptr, nullptr});
   tlsThread = nullptr;
   run.current = t->id;
   int next = pick(run);
   if (next >= 0) giveBaton(&run.threads[size_t(next)]->baton);
+}
+
+void* spawnedMain(void* thread) {
+  threadMain(static_cast<Thread*>(thread));
+  return nullptr;
+}
+
+Thread* managedThread(pthread_t os) {
+  if (!gRun) return nullptr;
+  for (auto& t : gRun->threads) {
+    if (t->spawned && pthread_equal(t->os, os)) return t.get();
+  }
+  return nullptr;
+}
+
+using CreateFn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+using JoinFn = int (*)(pthread_t, void**);
+CreateFn realCreate() {
+  static std::atomic<void*> real{nullptr};
+  if (!real.load(std::memory_order_acquire)) real.store(realSymbol("pthread_create"));
+  return reinterpret_cast<CreateFn>(real.load(std::memory_order_acquire));
+}
+JoinFn realJoin() {
+  static std::atomic<void*> real{nullptr};
+  if (!real.load(std::memory_order_acquire)) real.store(realSymbol("pthread_join"));
+  return reinterpret_cast<JoinFn>(real.load(std::memory_order_acquire));
+}
+
+// pthread_create on a managed thread: a scheduling point, then a managed thread of the run,
+// runnable from now on. Its OS thread is made joinable whatever `attr` says (the run joins it
+// at its end); a detached attribute only marks it.
+int spawn(Thread& parent, pthread_t* out, const pthread_attr_t* attr, void* (*start)(void*),
+          void* arg, void* caller) {
+  point(parent, OpKind::Create, nullptr, caller);
+  Internal internal;
+  Run& run = *gRun;
+  auto made = std::make_unique<Thread>();
+  Thread* child = made.get();
+  child->id = uint16_t(run.threads.size());
+  child->name = "thread " + std::to_string(child->id);
+  child->start = start;
+  child->arg = arg;
+  child->spawned = true;
+  int detach = PTHREAD_CREATE_JOINABLE;
+  if (attr) pthread_attr_getdetachstate(attr, &detach);
+  child->detached = detach == PTHREAD_CREATE_DETACHED;
+  auto* a = const_cast<pthread_attr_t*>(attr);
+  if (child->detached) pthread_attr_setdetachstate(a, PTHREAD_CREATE_JOINABLE);
+  int rc = realCreate()(&child->os, attr, spawnedMain, child);
+  if (child->detached) pthread_attr_setdetachstate(a, PTHREAD_CREATE_DETACHED);
+  if (rc != 0) return rc;
+  run.threads.push_back(std::move(made));
+  touch(run, parent, threadObject(child->id), Access::Op);
+  if (run.options.recordSteps && !run.result.steps.empty())
+    run.result.steps.back().other = child->id;
+  *out = child->os;
+  return 0;
+}
+
+// pthread_join of a managed thread on a managed thread: blocks (a scheduling point) until the
+// thread has ended, then reaps its OS thread, which has nothing left to do.
+int joinManaged(Thread& self, Thread& target, void** result, void* caller) {
+  if (target.joined || target.detached) return EINVAL;
+  if (&target == &self) return EDEADLK;
+  self.joinTarget = target.id;
+  point(self, OpKind::Join, nullptr, caller);
+  self.joinTarget = -1;
+  Internal internal;
+  target.joined = true;
+  realJoin()(target.os, nullptr);
+  if (result) *result = target.retval;
+  observe(self, uint64_t(target.id));
+  return 0;
 }
 
 }  // namespace
@@ -891,6 +1007,9 @@ RunResult Scheduler::run(const std::vector<std::function<void()>>& bodies,
   RunResult result = std::move(run->result);
   if (result.outcome == Outcome::Completed) {
     for (auto& t : threads) t.join();
+    for (auto& t : run->threads) {
+      if (t->spawned && !t->joined) realJoin()(t->os, nullptr);
+    }
     gRun = nullptr;
     delete run;
   } else {
@@ -911,6 +1030,13 @@ void Scheduler::waitUntil(const std::function<bool()>& ready, const char* what) 
 }
 
 bool Scheduler::managed() { return tlsThread != nullptr; }
+
+std::string Scheduler::currentThreadName() {
+  Thread* t = tlsThread;
+  return t ? t->name : std::string();
+}
+
+void Scheduler::setClientObject(bool on) { gClientObject = on; }
 
 void Scheduler::clientEnter() {
   if (Thread* t = tlsThread) {
@@ -1186,6 +1312,43 @@ int pthread_cond_broadcast(pthread_cond_t* c) {
   void* ra = __builtin_return_address(0);
   if (ex::Thread* t = managedCaller(ra)) ex::point(*t, OpKind::Broadcast, c, ra);
   REAL(pthread_cond_broadcast)(c);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
+                   void* arg) {
+  void* ra = __builtin_return_address(0);
+  if (ex::Thread* t = managedCaller(ra)) return ex::spawn(*t, thread, attr, start, arg, ra);
+  REAL(pthread_create)(thread, attr, start, arg);
+}
+
+int pthread_join(pthread_t thread, void** result) {
+  if (ex::Thread* t = ex::tlsThread) {
+    ex::Thread* target = ex::managedThread(thread);
+    if (target) return ex::joinManaged(*t, *target, result, __builtin_return_address(0));
+  }
+  REAL(pthread_join)(thread, result);
+}
+
+// A managed thread is only marked: the run joins its OS thread when it completes.
+int pthread_detach(pthread_t thread) {
+  if (ex::tlsThread) {
+    if (ex::Thread* target = ex::managedThread(thread)) {
+      if (target->detached || target->joined) return EINVAL;
+      target->detached = true;
+      return 0;
+    }
+  }
+  REAL(pthread_detach)(thread);
+}
+
+// Names a managed thread for the findings and the interleaving, and the OS thread as usual.
+int pthread_setname_np(pthread_t thread, const char* name) {
+  if (ex::Thread* t = ex::tlsThread) {
+    ex::Internal internal;
+    ex::Thread* target = pthread_equal(thread, pthread_self()) ? t : ex::managedThread(thread);
+    if (target) target->name = name;
+  }
+  REAL(pthread_setname_np)(thread, name);
 }
 
 int pthread_rwlock_rdlock(pthread_rwlock_t* l) {

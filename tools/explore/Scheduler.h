@@ -110,6 +110,8 @@ enum class OpKind : uint8_t {
   Broadcast,
   ClientWait,
   End,
+  Create,  // pthread_create (std::thread's constructor) of a managed thread
+  Join,    // pthread_join (std::thread::join) of a managed thread
 };
 const char* opKindName(OpKind kind);
 
@@ -142,7 +144,8 @@ struct StepRecord {
   OpKind op;
   bool spurious;
   const void* object;
-  void* caller;  // return address of the synchronisation call
+  void* caller;    // return address of the synchronisation call
+  int other = -1;  // the thread a create made or a join waited for
 };
 
 struct BlockedThread {
@@ -157,11 +160,14 @@ struct RunResult {
   Outcome outcome = Outcome::Completed;
   std::string fatalMessage;
   std::string fatalThread;
-  std::vector<BlockedThread> blocked;  // deadlock
+  std::vector<BlockedThread> blocked;  // deadlock; the step limit: every thread left
   std::vector<StepRecord> steps;       // when recording
   uint64_t stepCount = 0;
   uint32_t choicePoints = 0;
   uint32_t spuriousBudget = 0;
+  // Every thread of the run by id, the ones it started included ("thread N", or the name
+  // given with pthread_setname_np).
+  std::vector<std::string> threadNames;
 };
 
 struct RunOptions {
@@ -176,6 +182,14 @@ class Scheduler {
   // blocked (deadlock), one hit a fatal assertion, or the step limit. `names` label threads.
   // After anything but Completed the threads are left parked forever and the caller must keep
   // whatever they refer to alive (see leak()).
+  //
+  // Threads a managed thread starts (pthread_create, so std::thread) are managed too: the
+  // create is a scheduling point, and the new thread, id after the last one, is runnable from
+  // then on. pthread_join of a managed thread is a scheduling point that blocks until the
+  // thread has ended; pthread_detach only marks it. The run goes on until every managed thread
+  // has ended, those the bodies left running included; one left blocked when the others have
+  // ended makes a deadlock. The OS threads are joined when the run completes. Not supported
+  // on managed threads: pthread_exit, and thread cancellation.
   static RunResult run(const std::vector<std::function<void()>>& bodies,
                        const std::vector<std::string>& names, const Chooser& chooser,
                        const RunOptions& options);
@@ -186,6 +200,13 @@ class Scheduler {
   static void waitUntil(const std::function<bool()>& ready, const char* what);
   // Whether the calling thread is managed by a running schedule.
   static bool managed();
+  // The calling managed thread's name; empty on an unmanaged thread.
+  static std::string currentThreadName();
+  // Whether each step that runs client code touches one object for the client's state ("The
+  // client's state" below); on by default. Off for a program whose shared memory is all
+  // under its locks (data-race free): the state then follows from the order of the steps on
+  // each mutex, condition and thread alone. Set from an unmanaged thread before run().
+  static void setClientObject(bool on);
   // Called by the client when its thread enters the library (clientLeave) and comes back,
   // and around the library's calls into the client (clientEnter, then clientLeave): each step
   // that runs client code touches the client's state. No-ops on unmanaged threads.
