@@ -723,6 +723,20 @@ std::vector<TraceWriter::Item> TraceWriter::gather(const Run& r, const sim::Hist
   return items;
 }
 
+void TraceWriter::appendNumber(int64_t v) {
+  char digits[24];
+  name_.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
+}
+
+// "S:1 F:2", a configure key as "S:1 cfg F:2".
+void TraceWriter::appendSensorFrame(uint32_t sensor, uint32_t frame) {
+  name_ += "S:";
+  appendNumber(sensor >= sim::kConfigKeyBase ? sensor - sim::kConfigKeyBase : sensor);
+  if (sensor >= sim::kConfigKeyBase) name_ += " cfg";
+  name_ += " F:";
+  appendNumber(frame);
+}
+
 void TraceWriter::write(const std::vector<Item>& items) {
   for (const Item& item : items) writeItem(item);
 }
@@ -733,18 +747,8 @@ void TraceWriter::writeItem(const Item& it) {
     writePerfetto(it);
     return;
   }
-  auto number = [this](int64_t v) {
-    char buf[24];
-    name_.append(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
-  };
-  auto sensorFrame = [&] {
-    constexpr uint32_t kBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
-    name_ += "S:";
-    number(it.sensor >= kBase ? it.sensor - kBase : it.sensor);
-    if (it.sensor >= kBase) name_ += " cfg";
-    name_ += " F:";
-    number(it.frame);
-  };
+  auto number = [this](int64_t v) { appendNumber(v); };
+  auto sensorFrame = [&] { appendSensorFrame(it.sensor, it.frame); };
   name_.clear();
   switch (it.kind) {
     case K::Send:
@@ -852,18 +856,8 @@ void TraceWriter::writePerfetto(const Item& it) {
   using K = Item::Kind;
   pftrace::Sequence& seq = perfetto_->sequence();
   std::string* buf = perfetto_->buffer();
-  auto number = [this](int64_t v) {
-    char digits[24];
-    name_.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
-  };
-  auto sensorFrame = [&] {
-    constexpr uint32_t kBase = NSCam::camsys::camcoordinator::kConfigureKeyBase;
-    name_ += "S:";
-    number(it.sensor >= kBase ? it.sensor - kBase : it.sensor);
-    if (it.sensor >= kBase) name_ += " cfg";
-    name_ += " F:";
-    number(it.frame);
-  };
+  auto number = [this](int64_t v) { appendNumber(v); };
+  auto sensorFrame = [&] { appendSensorFrame(it.sensor, it.frame); };
   auto ts = [this](Nanos t) { return uint64_t(std::max<Nanos>(t, 0)) / unitNs_; };
   auto slice = [&](const char* category, bool intern) {
     uint64_t track = perfetto_->threadTrack(processTrack(pid_), pid_, it.tid);

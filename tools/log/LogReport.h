@@ -187,6 +187,9 @@ class TraceWriter {
   std::vector<Item> gather(const Run& run, const sim::History& part);
   void write(const std::vector<Item>& items);
   void writeItem(const Item& item);
+  // Append to name_.
+  void appendNumber(int64_t v);
+  void appendSensorFrame(uint32_t sensor, uint32_t frame);
   // Starts an event of the common shape, or a metadata event, in text_; emit() writes it.
   JsonText& event(std::string_view name, const char* cat, const char* ph, Nanos ts, int tid);
   JsonText& meta(const char* name, int tid);
