@@ -1175,16 +1175,25 @@ std::string describeAddress(void* address) {
     // function the code was inlined into (the library's, not the lock's wrapper).
     std::snprintf(cmd, sizeof cmd, "addr2line -f -C -i -e '%s' 0x%lx 2>/dev/null", info.dli_fname,
                   static_cast<unsigned long>(offset));
-    std::string function, location;
+    // Code inlined into the standard library's (a lambda a std::thread runs, say) is named by
+    // the outermost frame that is not in a system header.
+    // (addr2line pairs the inlined frames' names with their lines loosely: only the line is
+    // given then.)
+    std::string function, location, ownLocation;
     if (FILE* p = popen(cmd, "r")) {
       char line[4096];
       while (std::fgets(line, sizeof line, p)) {
         function = line;
         if (!std::fgets(line, sizeof line, p)) break;
         location = line;
+        if (location.rfind("/usr/", 0) != 0 && location[0] != '?') {
+          ownLocation = location;
+        }
       }
       pclose(p);
     }
+    bool own = location.rfind("/usr/", 0) == 0 && !ownLocation.empty();
+    if (own) location = ownLocation;
     auto trim = [](std::string& s) {
       while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
     };
@@ -1196,7 +1205,9 @@ std::string describeAddress(void* address) {
     if (disc != std::string::npos) location.erase(disc);
     size_t lastSlash = location.rfind('/');
     if (lastSlash != std::string::npos) location.erase(0, lastSlash + 1);
-    if (!function.empty() && function != "??") {
+    if (own) {
+      out = location;
+    } else if (!function.empty() && function != "??") {
       out = function + " " + (location.empty() || location[0] == '?' ? object : location);
     } else {
       out = object;

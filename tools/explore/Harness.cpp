@@ -1,0 +1,282 @@
+// check(), replay() and fail() of Explore.h: the explorer's search and judgement with the
+// integrator's body as its one program (a Target whose only thread runs the body).
+#include <atomic>
+#include <cstdio>
+#include <ostream>
+
+#include "Explore.h"
+
+#if defined(__SANITIZE_THREAD__)
+#define ORVCAM_EXPLORE_UNDER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ORVCAM_EXPLORE_UNDER_TSAN 1
+#endif
+#endif
+
+#if !defined(ORVCAM_EXPLORE_UNDER_TSAN)
+#include <algorithm>
+#include <memory>
+
+#include "Explorer.h"
+#include "HostPlatform.h"
+#include "Scheduler.h"
+#endif
+
+namespace orvcam {
+namespace explore {
+
+namespace {
+
+// fail() may come from any managed thread, and only one runs at a time; the lock is for a
+// call from elsewhere, and is a spin lock because a std::mutex taken on a managed thread
+// would be a scheduling point of the body's.
+std::atomic_flag gFailLock = ATOMIC_FLAG_INIT;
+std::vector<std::string>* gFails = nullptr;  // the current schedule's fail() messages
+
+struct FailLock {
+  FailLock() {
+    while (gFailLock.test_and_set(std::memory_order_acquire)) {
+    }
+  }
+  ~FailLock() { gFailLock.clear(std::memory_order_release); }
+  FailLock(const FailLock&) = delete;
+  FailLock& operator=(const FailLock&) = delete;
+};
+
+}  // namespace
+
+#if defined(ORVCAM_EXPLORE_UNDER_TSAN)
+
+// ThreadSanitizer's runtime intercepts the pthread functions the scheduler defines: no
+// schedule can be run here, and none is passed.
+namespace {
+Result refused() {
+  Result r;
+  r.failed = true;
+  r.findings.push_back(
+      "not explored: this process runs under ThreadSanitizer, whose runtime takes the pthread "
+      "functions the explorer's scheduler needs; run the explored tests in a build without it");
+  return r;
+}
+}  // namespace
+
+Result check(const Options&, const std::function<void()>&) { return refused(); }
+Result replay(const std::string&, const std::function<void()>&) { return refused(); }
+
+void fail(const std::string& message) {
+  std::fprintf(stderr, "explore::fail() outside an explored schedule: %s\n", message.c_str());
+}
+
+void name(const void*, const std::string&) {}
+
+#else
+
+namespace {
+
+class HarnessTarget : public Target {
+ public:
+  explicit HarnessTarget(const std::function<void()>& body) : mBody(body) {}
+  ~HarnessTarget() override {
+    FailLock lock;
+    if (gFails == &mFails) gFails = nullptr;
+  }
+
+  std::vector<std::string> threadNames() const override { return {"body"}; }
+
+  std::vector<std::function<void()> > begin() override {
+    // The body's own code is not instrumented: the state is the order of the steps on each
+    // lock, condition and thread (Scheduler::setClientObject), which holds for a body whose
+    // shared memory is all under its locks.
+    Scheduler::forgetNames();
+    Scheduler::setClientDigest(nullptr);
+    Scheduler::setMemoryState(false);
+    Scheduler::setClientObject(false);
+    {
+      FailLock lock;
+      mFails.clear();
+      gFails = &mFails;
+    }
+    // A world of its own per schedule: its pipe manager, and licence serials from 1.
+    mPipeMgr = std::make_shared<host::HostPipeMgr>();
+    host::setPipeMgrInstance(mPipeMgr);
+    host::restartLicenceSerials();
+    return {[this] { runBody(); }};
+  }
+
+  std::vector<std::string> judgeCompleted() override {
+    std::vector<std::string> findings = takeFails();
+    host::LicenseAccount a = mPipeMgr->account();
+    if (a.live() != 0 || a.emptyReleases != 0) {
+      findings.push_back(
+          "licence account: " + std::to_string(a.acquired) + " acquired, " +
+          std::to_string(a.released) + " handed back, " + std::to_string(a.destroyed) +
+          " destroyed without hand-back, " + std::to_string(a.emptyReleases) +
+          " hand-back(s) of no licence" +
+          (a.live() != 0 ? "; " + std::to_string(a.live()) + " never handed back" : std::string()));
+    }
+    host::setPipeMgrInstance(nullptr);
+    mPipeMgr.reset();
+    return findings;
+  }
+
+  std::vector<std::string> judgeIncomplete() override { return takeFails(); }
+
+ private:
+  void runBody() {
+    try {
+      mBody();
+    } catch (const std::exception& e) {
+      fail(std::string("the body threw: ") + e.what());
+    } catch (...) {
+      fail("the body threw an exception");
+    }
+  }
+
+  std::vector<std::string> takeFails() {
+    FailLock lock;
+    std::vector<std::string> out = std::move(mFails);
+    mFails.clear();
+    return out;
+  }
+
+  const std::function<void()>& mBody;
+  std::vector<std::string> mFails;
+  std::shared_ptr<host::HostPipeMgr> mPipeMgr;
+};
+
+TargetFactory harness(const std::function<void()>& body) {
+  return [&body] { return std::unique_ptr<Target>(new HarnessTarget(body)); };
+}
+
+// Every schedule's findings are the harness's own; the scheduler's client object goes back
+// on for the explorer's other targets afterwards.
+struct HarnessScope {
+  HarnessScope() = default;
+  ~HarnessScope() {
+    Scheduler::setClientObject(true);
+    Scheduler::endSetups();
+  }
+  HarnessScope(const HarnessScope&) = delete;
+  HarnessScope& operator=(const HarnessScope&) = delete;
+};
+
+bool refuseNested(Result* r) {
+  if (!Scheduler::managed()) return false;
+  r->failed = true;
+  r->findings.push_back(
+      "not explored: check() or replay() called from inside an explored "
+      "schedule");
+  return true;
+}
+
+// The failing schedule, shrunk, then run again with its steps recorded.
+void describeFailure(Explorer& ex, const Verdict& found, const Options& o, Result* r) {
+  Verdict v = found;
+  if (o.shrink && v.preemptions > 0) {
+    v = ex.shrink(found, o.maxSchedules ? o.maxSchedules : 100000);
+  }
+  Verdict again = ex.replay(v.choices, true);
+  r->failed = true;
+  r->preemptions = v.preemptions;
+  r->replay = v.replay();
+  r->findings = again.failed ? again.findings : v.findings;
+  if (again.run.outcome == Outcome::Deadlock && !r->findings.empty()) {
+    // Where each blocked thread waits, in the body's or the library's code.
+    std::string& text = r->findings.front();
+    text += "\n  where:";
+    for (const auto& b : again.run.blocked) {
+      text += "\n    " + b.thread + " at " + describeCaller(b.caller);
+    }
+  }
+  if (!again.failed) {
+    r->findings.push_back(
+        "the schedule passed when replayed: the body depends on something the scheduler does "
+        "not control (time, atomics, memory shared without a lock)");
+  }
+  r->interleaving = describeSchedule(again, ex.threadNames());
+  if (o.trace) r->trace = chromeTrace(again, ex.threadNames());
+}
+
+}  // namespace
+
+Result check(const Options& o, const std::function<void()>& body) {
+  Result r;
+  if (refuseNested(&r)) return r;
+  HarnessScope scope;
+  Explorer ex(harness(body), o.spurious);
+  ex.setCacheStates(o.stateCache);
+  ex.setStepLimit(o.stepLimit);
+  if (o.seconds > 0) ex.setTimeLimit(o.seconds);
+  Report rep;
+  if (o.pct > 0) {
+    uint64_t count = o.maxSchedules ? std::min(o.pct, o.maxSchedules) : o.pct;
+    // The bug depth PCT aims at: as many priority changes as the bound allows preemptions.
+    uint32_t depth = o.preemptions >= 0 ? uint32_t(o.preemptions) + 1 : 3;
+    rep = ex.random(count, o.seed, depth);
+  } else {
+    rep = ex.dfs(o.preemptions, o.maxSchedules);
+  }
+  r.schedules = rep.schedules;
+  r.exhausted = rep.exhausted;
+  r.seconds = rep.seconds;
+  if (rep.hasFailure) describeFailure(ex, rep.failure, o, &r);
+  return r;
+}
+
+Result replay(const std::string& schedule, const std::function<void()>& body) {
+  Result r;
+  if (refuseNested(&r)) return r;
+  uint32_t spurious = 0;
+  std::vector<uint32_t> choices;
+  if (!decodeReplay(schedule, &spurious, &choices)) {
+    r.failed = true;
+    r.findings.push_back("not a replay string: \"" + schedule + "\"");
+    return r;
+  }
+  HarnessScope scope;
+  Explorer ex(harness(body), spurious);
+  Verdict v = ex.replay(choices, true);
+  r.schedules = 1;
+  r.failed = v.failed;
+  r.findings = v.findings;
+  r.replay = schedule;
+  r.preemptions = v.preemptions;
+  r.interleaving = describeSchedule(v, ex.threadNames());
+  return r;
+}
+
+void name(const void* object, const std::string& name) {
+  if (Scheduler::managed()) Scheduler::nameObject(object, name);
+}
+
+void fail(const std::string& message) {
+  std::string who = Scheduler::currentThreadName();
+  FailLock lock;
+  if (!gFails) {
+    std::fprintf(stderr, "explore::fail() outside an explored schedule: %s\n", message.c_str());
+    return;
+  }
+  gFails->push_back("fail()" + (who.empty() ? std::string() : " on " + who) + ": " + message);
+}
+
+#endif
+
+std::string describe(const Result& r) {
+  std::string out = r.failed ? "failed" : "passed";
+  out += ": " + std::to_string(r.schedules) + " schedule(s), " +
+         (r.exhausted ? "exhausted" : "not exhausted");
+  for (const auto& f : r.findings) out += "\n  finding: " + f;
+  if (!r.replay.empty()) {
+    out += "\n  replay: " + r.replay + " (" + std::to_string(r.preemptions) + " preemption(s))";
+  }
+  if (!r.interleaving.empty()) out += "\n  interleaving:\n" + r.interleaving;
+  return out;
+}
+
+std::ostream& operator<<(std::ostream& out, const Result& result) {
+  return out << describe(result);
+}
+
+}  // namespace explore
+}  // namespace orvcam
