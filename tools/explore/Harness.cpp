@@ -26,26 +26,6 @@
 namespace orvcam {
 namespace explore {
 
-namespace {
-
-// fail() may come from any managed thread, and only one runs at a time; the lock is for a
-// call from elsewhere, and is a spin lock because a std::mutex taken on a managed thread
-// would be a scheduling point of the body's.
-std::atomic_flag gFailLock = ATOMIC_FLAG_INIT;
-std::vector<std::string>* gFails = nullptr;  // the current schedule's fail() messages
-
-struct FailLock {
-  FailLock() {
-    while (gFailLock.test_and_set(std::memory_order_acquire)) {
-    }
-  }
-  ~FailLock() { gFailLock.clear(std::memory_order_release); }
-  FailLock(const FailLock&) = delete;
-  FailLock& operator=(const FailLock&) = delete;
-};
-
-}  // namespace
-
 #if defined(ORVCAM_EXPLORE_UNDER_TSAN)
 
 // ThreadSanitizer's runtime intercepts the pthread functions the scheduler defines: no
@@ -73,6 +53,22 @@ void name(const void*, const std::string&) {}
 #else
 
 namespace {
+
+// fail() may come from any managed thread, and only one runs at a time; the lock is for a
+// call from elsewhere, and is a spin lock because a std::mutex taken on a managed thread
+// would be a scheduling point of the body's.
+std::atomic_flag gFailLock = ATOMIC_FLAG_INIT;
+std::vector<std::string>* gFails = nullptr;  // the current schedule's fail() messages
+
+struct FailLock {
+  FailLock() {
+    while (gFailLock.test_and_set(std::memory_order_acquire)) {
+    }
+  }
+  ~FailLock() { gFailLock.clear(std::memory_order_release); }
+  FailLock(const FailLock&) = delete;
+  FailLock& operator=(const FailLock&) = delete;
+};
 
 class HarnessTarget : public Target {
  public:
