@@ -238,7 +238,9 @@ TEST(Harness, ACleanTwoSensorBodyIsExhaustedAtBoundTwoEvenWithThreadsLeftRunning
 
   // The body returns at once; the request threads share the world and the last one tears
   // the deliverer down, handing its licences back before the account is read.
-  Result left = check({}, [] {
+  Options bound1;
+  bound1.preemptions = 1;
+  Result left = check(bound1, [] {
     auto w = std::make_shared<World>();
     for (uint32_t s = 0; s < 2; ++s) {
       std::thread([w, s] {
@@ -270,6 +272,36 @@ TEST(Harness, EachScheduleHasAFreshLicenceAccountAndALicenceKeptIsAFinding) {
       std::vector<std::string>{"licence account: 1 acquired, 0 handed back, 0 destroyed without "
                                "hand-back, 0 hand-back(s) of no licence; 1 never handed back"})
       << r;
+}
+
+// What the deliverer did is judged from its own log lines, without the body recording
+// anything: a sensor that prepares one frame twice breaks the client protocol.
+TEST(Harness, TheLibrarysLogIsJudgedAndAClientMistakeIsAClientFinding) {
+  auto body = [](bool twice) {
+    auto pool = std::make_shared<cc::FrameContextPool>();
+    cc::CamDeliver deliver(pool);
+    std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
+    states[0].needEnq = true;
+    auto fc = std::make_shared<const cc::FrameContext>(1, std::set<uint32_t>{},
+                                                       std::set<uint32_t>{0}, states, false);
+    pool->emplace(1, fc);
+    std::thread sensor([&] {
+      deliver.prepare(0, 1, fc);
+      if (twice) deliver.prepare(0, 1, fc);
+      deliver.sendJobForEnque(0, 1, std::make_shared<cc::ReqBaseJob>());
+    });
+    sensor.join();
+  };
+  Result bad = check({}, [&] { body(true); });
+  ASSERT_TRUE(bad.failed);
+  ASSERT_FALSE(bad.findings.empty());
+  EXPECT_TRUE(startsWith(bad.findings[0], "[client] ")) << bad;
+  Result good = check({}, [&] { body(false); });
+  ORVCAM_EXPECT_EXPLORED_CLEAN(good);
+  Options quiet;
+  quiet.readLog = false;
+  Result unread = check(quiet, [&] { body(true); });
+  ORVCAM_EXPECT_EXPLORED_CLEAN(unread);
 }
 
 // Three threads: a teller pair racing on a balance, and two workers whose steps on locks of

@@ -25,7 +25,9 @@
 // Each schedule gets a fresh host pipe manager and licence serials from 1. A schedule fails
 // on: a fail() call, a deadlock (every live thread blocked, each one's wait named), a fatal
 // assertion of the library, a schedule that does not end within the step limit (a livelock),
-// and the pipe manager's licence account at its end (every licence handed back once).
+// the pipe manager's licence account at its end (every licence handed back once), and what
+// the deliverer did in it, read from its debug log lines as camdeliver-log reads a capture:
+// the library's ordering rules, and the client protocol ("[client]" findings).
 //
 // The program that calls check() must link the explorer's scheduler (the component's
 // target does) and export its symbols, so that the library's pthread calls bind to it. It
@@ -57,6 +59,10 @@ struct Options {
   bool shrink = true;
   // Whether Result::trace gets the failing schedule as a Chrome trace (JSON).
   bool trace = false;
+  // Whether each schedule's debug log lines of the library are read back and judged by the
+  // deliverer's rules and the client protocol (findings "[rule] ..." and "[client] ...").
+  // The logger runs at debug level meanwhile, which costs each schedule its lines.
+  bool readLog = true;
 };
 
 struct Result {

@@ -336,6 +336,13 @@ Report Explorer::random(uint64_t count, uint64_t seed, uint32_t pctDepth) {
       }
       chooser = [&](const ChoicePoint& p) {
         ++point;
+        // A thread started during the run gets a random place among the first priorities.
+        for (const Choice& c : *p.options) {
+          while (priority.size() <= c.thread) {
+            priority.push_back(std::uniform_real_distribution<double>(
+                double(pctDepth), double(pctDepth + priority.size()))(rng));
+          }
+        }
         auto best = [&] {
           size_t b = 0;
           double bp = -1e9;

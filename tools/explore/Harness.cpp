@@ -18,8 +18,10 @@
 #include <algorithm>
 #include <memory>
 
+#include "Checker.h"
 #include "Explorer.h"
 #include "HostPlatform.h"
+#include "LogReader.h"
 #include "Scheduler.h"
 #endif
 
@@ -70,9 +72,59 @@ struct FailLock {
   FailLock& operator=(const FailLock&) = delete;
 };
 
+// The deliverer's guarantees and the client protocol, judged on what the library did in one
+// schedule: its debug lines, read back as camdeliver-log reads a capture, and the checker's
+// rules on the history they make. Client mistakes are reported as [client] findings.
+std::vector<std::string> judgeLog(const std::vector<host::LogLine>& lines) {
+  logread::LogReader reader;
+  reader.setWindow(0);
+  for (const host::LogLine& line : lines) {
+    std::string text = host::formatLogcatLine(line.level, line.tag, line.message);
+    std::string_view rest(text);
+    while (!rest.empty()) {
+      size_t nl = rest.find('\n');
+      reader.addLine(rest.substr(0, nl));
+      if (nl == std::string_view::npos) break;
+      rest.remove_prefix(nl + 1);
+    }
+  }
+  std::vector<std::string> findings;
+  for (const logread::Run& run : reader.finish()) {
+    sim::CheckResult check = sim::checkHistory(run.history, {/*absentApart=*/true});
+    for (const auto& x : check.violations) findings.push_back("[" + x.rule + "] " + x.message);
+    for (const auto& x : check.notes) {
+      findings.push_back("[client] " + x.message + " (rule broken: don't " + x.broken + ")");
+    }
+  }
+  return findings;
+}
+
+// The logger at debug level, stamped to the microsecond, while schedules run: the lines
+// judgeLog reads. Restored afterwards.
+class DebugLog {
+ public:
+  DebugLog() : mSettings(host::loggerSettings()), mMicro(host::logMicroseconds()) {
+    host::LoggerSettings debug = mSettings;
+    debug.detailsLevel = kDebugDetailsLevel;
+    host::applyLoggerSettings(debug);
+    host::setLogMicroseconds(true);
+  }
+  ~DebugLog() {
+    host::applyLoggerSettings(mSettings);
+    host::setLogMicroseconds(mMicro);
+  }
+  DebugLog(const DebugLog&) = delete;
+  DebugLog& operator=(const DebugLog&) = delete;
+
+ private:
+  static constexpr int kDebugDetailsLevel = 5;
+  host::LoggerSettings mSettings;
+  bool mMicro;
+};
+
 class HarnessTarget : public Target {
  public:
-  explicit HarnessTarget(const std::function<void()>& body) : mBody(body) {}
+  HarnessTarget(const std::function<void()>& body, bool readLog) : mBody(body), mReadLog(readLog) {}
   ~HarnessTarget() override {
     FailLock lock;
     if (gFails == &mFails) gFails = nullptr;
@@ -97,6 +149,8 @@ class HarnessTarget : public Target {
     mPipeMgr = std::make_shared<host::HostPipeMgr>();
     host::setPipeMgrInstance(mPipeMgr);
     host::restartLicenceSerials();
+    mCapture.reset();
+    if (mReadLog) mCapture = std::make_unique<host::LogCapture>();
     return {[this] { runBody(); }};
   }
 
@@ -113,10 +167,18 @@ class HarnessTarget : public Target {
     }
     host::setPipeMgrInstance(nullptr);
     mPipeMgr.reset();
+    if (mCapture) {
+      std::vector<host::LogLine> lines = mCapture->lines();
+      mCapture.reset();
+      for (auto& f : judgeLog(lines)) findings.push_back(std::move(f));
+    }
     return findings;
   }
 
-  std::vector<std::string> judgeIncomplete() override { return takeFails(); }
+  std::vector<std::string> judgeIncomplete() override {
+    mCapture.reset();  // the parked threads write no more lines
+    return takeFails();
+  }
 
  private:
   void runBody() {
@@ -137,12 +199,14 @@ class HarnessTarget : public Target {
   }
 
   const std::function<void()>& mBody;
+  bool mReadLog;
+  std::unique_ptr<host::LogCapture> mCapture;
   std::vector<std::string> mFails;
   std::shared_ptr<host::HostPipeMgr> mPipeMgr;
 };
 
-TargetFactory harness(const std::function<void()>& body) {
-  return [&body] { return std::unique_ptr<Target>(new HarnessTarget(body)); };
+TargetFactory harness(const std::function<void()>& body, bool readLog) {
+  return [&body, readLog] { return std::unique_ptr<Target>(new HarnessTarget(body, readLog)); };
 }
 
 // Every schedule's findings are the harness's own; the scheduler's client object goes back
@@ -200,7 +264,9 @@ Result check(const Options& o, const std::function<void()>& body) {
   Result r;
   if (refuseNested(&r)) return r;
   HarnessScope scope;
-  Explorer ex(harness(body), o.spurious);
+  std::unique_ptr<DebugLog> debug;
+  if (o.readLog) debug = std::make_unique<DebugLog>();
+  Explorer ex(harness(body, o.readLog), o.spurious);
   ex.setCacheStates(o.stateCache);
   ex.setStepLimit(o.stepLimit);
   if (o.seconds > 0) ex.setTimeLimit(o.seconds);
@@ -231,7 +297,8 @@ Result replay(const std::string& schedule, const std::function<void()>& body) {
     return r;
   }
   HarnessScope scope;
-  Explorer ex(harness(body), spurious);
+  DebugLog debug;
+  Explorer ex(harness(body, true), spurious);
   Verdict v = ex.replay(choices, true);
   r.schedules = 1;
   r.failed = v.failed;
