@@ -4,7 +4,7 @@
 # Safe to run again; does nothing when everything is there.
 set -euo pipefail
 packages=(cmake ninja-build g++ binutils googletest libgtest-dev libgmock-dev libbenchmark-dev
-          nlohmann-json3-dev libcli11-dev pkg-config clang-format blueprint-tools python3
+          nlohmann-json3-dev libcli11-dev zlib1g-dev pkg-config clang-format blueprint-tools python3
           clang libc++-dev libc++abi-dev clang-tidy)
 missing=()
 for p in "${packages[@]}"; do

@@ -137,9 +137,10 @@ std::string getProperty(const std::string& key);
 //   is whole packets only: it needs no ending, an abort leaves the packets flushed before it.
 // - any other name: Chrome JSON ("B", "E", "i", and thread-name metadata) with microsecond
 //   timestamps, made valid JSON by closeTraceFile(), at exit, and by a fatal assertion before
-//   it aborts. Any other abort also leaves valid JSON, with the events already flushed to the
-//   file. The file starts with the process's name; named threads are sorted "pipeline" first,
-//   then "main", then "sensor N" by N, then the rest.
+//   it aborts; gzip'd as one stream for a name ending in .gz (run.json.gz). Any other abort also
+//   leaves valid JSON, with the events already flushed to the file. The file starts with the
+//   process's name; named threads are sorted "pipeline" first, then "main", then "sensor N" by N,
+//   then the rest.
 // Either way events reach the file whole, every 64 KiB, and the ones written up to a close or
 // a fatal assertion are kept.
 void setTraceTags(uint64_t tags);
@@ -165,6 +166,13 @@ void traceCounter(const std::string& name, int64_t value);
 // thread to the section open on the thread that ends it.
 void traceFlowStart(const std::string& name, uint64_t id);
 void traceFlowEnd(const std::string& name, uint64_t id);
+// A whole flow arrow drawn afterwards: from the section open on thread `fromTid` at `from` to
+// the one open on `toTid` at `to` (thread ids as traceThreadId() gives them).
+void traceFlowBetween(const std::string& name, uint64_t id, int fromTid,
+                      std::chrono::steady_clock::time_point from, int toTid,
+                      std::chrono::steady_clock::time_point to);
+// The calling thread's id in the trace.
+int traceThreadId();
 
 // ---- Pipe manager -------------------------------------------------------------------------
 

@@ -1,13 +1,14 @@
 // Host tracing: the enabled-tags mask of libcutils, ULogger::trace and a trace file: Chrome
-// JSON (an array of trace events, one per line) that Perfetto UI and chrome://tracing open, or
-// Perfetto's protobuf format for a name ending in .pftrace, .perfetto-trace or .pb
-// (PerfettoProto.h). The file is finished at exit, by the host's fatal assertion before it
-// aborts, and, as far as a signal handler safely can, by any other abort; a protobuf trace
-// needs no ending, every whole packet written stands.
+// JSON (an array of trace events, one per line) that Perfetto UI and chrome://tracing open,
+// gzip'd for a name ending in .gz, or Perfetto's protobuf format for a name ending in .pftrace,
+// .perfetto-trace or .pb (PerfettoProto.h). The file is finished at exit, by the host's fatal
+// assertion before it aborts, and, as far as a signal handler safely can, by any other abort;
+// a protobuf trace needs no ending, every whole packet written stands.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <atomic>
 #include <cerrno>
@@ -73,6 +74,14 @@ struct TraceState {
   std::atomic<int> tailFd{-1};
   // Set while a Perfetto trace is open (then the file has no tail); read by the handler.
   std::atomic<bool> perfetto{false};
+  // A gzip'd JSON trace: the events go through `gz` (a gzip stream, set up at open) on their way
+  // to the file. Whoever deflates holds `gzBusy`: a writer under the lock, or the abort handler,
+  // which cannot take the lock and ends the stream only when it gets `gzBusy` (deflate works in
+  // the stream's own memory, `gzOut`, and allocates nothing); it never gives it back.
+  std::atomic<bool> gzip{false};
+  std::atomic<bool> gzBusy{false};
+  z_stream gz{};
+  char gzOut[1 << 14] = {};
   // The Perfetto trace's packet sequence, and the tracks it has declared: threads and counters
   // (tens of them), the async tracks are declared at each begin.
   std::unique_ptr<pftrace::Sequence> sequence ORVCAM_GUARDED_BY(mutex);
@@ -102,9 +111,39 @@ void writeAll(int fd, const char* data, size_t size) {
   }
 }
 
+// Deflates `size` bytes into the file; `finish` ends the gzip stream. The caller holds
+// s.gzBusy. Async-signal-safe: no lock, no allocation.
+void gzWrite(TraceState& s, int fd, const char* data, size_t size, bool finish) {
+  z_stream& z = s.gz;
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+  z.avail_in = static_cast<uInt>(size);
+  for (;;) {
+    z.next_out = reinterpret_cast<Bytef*>(s.gzOut);
+    z.avail_out = sizeof(s.gzOut);
+    int rc = deflate(&z, finish ? Z_FINISH : Z_NO_FLUSH);
+    writeAll(fd, s.gzOut, sizeof(s.gzOut) - z.avail_out);
+    if (rc == Z_STREAM_END || rc == Z_STREAM_ERROR) return;
+    if (z.avail_out != 0 && (!finish || rc == Z_BUF_ERROR)) return;  // all taken in
+  }
+}
+
+void gzAcquire(TraceState& s) {
+  while (s.gzBusy.exchange(true, std::memory_order_acquire)) std::this_thread::yield();
+}
+
+void writeOut(TraceState& s, int fd, const char* data, size_t size) {
+  if (!s.gzip.load()) {
+    writeAll(fd, data, size);
+    return;
+  }
+  gzAcquire(s);
+  gzWrite(s, fd, data, size, false);
+  s.gzBusy.store(false, std::memory_order_release);
+}
+
 void flushLocked(TraceState& s) ORVCAM_REQUIRES(s.mutex) {
   // Once the abort handler has ended the file, nothing more goes into it.
-  if (s.tailFd.load() == s.fd) writeAll(s.fd, s.pending.data(), s.pending.size());
+  if (s.tailFd.load() == s.fd) writeOut(s, s.fd, s.pending.data(), s.pending.size());
   s.pending.clear();
 }
 
@@ -141,13 +180,24 @@ std::string jsonString(const char* text) {
   return out + "\"";
 }
 
+// Where and when an event happened, when not on the calling thread now.
+struct Stamp {
+  int tid;
+  std::chrono::steady_clock::time_point time;
+};
+
+long long microsOf(std::chrono::steady_clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(t.time_since_epoch()).count();
+}
+
 // Writes one event object; `extra` is appended inside it (already JSON, starting with ',').
-void writeEvent(const char* name, const char* category, char phase, const std::string& extra) {
+void writeEvent(const char* name, const char* category, char phase, const std::string& extra,
+                const Stamp* at = nullptr) {
   TraceState& s = state();
   if (!s.open.load(std::memory_order_relaxed)) return;
   std::string nameJson = jsonString(name);
   std::string catJson = jsonString(category);
-  int tid = currentTid();
+  int tid = at ? at->tid : currentTid();
   std::lock_guard<std::mutex> lock(s.mutex);
   if (s.fd < 0) return;
   char head[128];
@@ -158,7 +208,7 @@ void writeEvent(const char* name, const char* category, char phase, const std::s
   s.pending += catJson;
   char fields[128];
   (void)snprintf(fields, sizeof(fields), ",\"ph\":\"%c\",\"ts\":%lld,\"pid\":%d,\"tid\":%d", phase,
-                 nowMicros(), s.pid, tid);
+                 at ? microsOf(at->time) : nowMicros(), s.pid, tid);
   s.pending += fields;
   s.pending += extra;
   s.pending += '}';
@@ -173,6 +223,13 @@ uint64_t bootTimeNs(clockid_t clock = CLOCK_BOOTTIME) {
   timespec t{};
   clock_gettime(clock, &t);
   return static_cast<uint64_t>(t.tv_sec) * 1000000000ULL + static_cast<uint64_t>(t.tv_nsec);
+}
+
+// A steady-clock time on CLOCK_BOOTTIME, the Perfetto trace's clock.
+uint64_t bootTimeOf(std::chrono::steady_clock::time_point t) {
+  using namespace std::chrono;
+  int64_t ago = duration_cast<nanoseconds>(steady_clock::now() - t).count();
+  return bootTimeNs() - static_cast<uint64_t>(ago);
 }
 
 uint64_t processTrack(int pid) {
@@ -212,10 +269,10 @@ uint64_t threadTrackLocked(TraceState& s, int tid, const std::string& name = std
 
 // One event of the Perfetto trace, made under the lock.
 void recordPerfettoLocked(TraceState& s, Kind kind, const char* name, const char* category,
-                          int64_t arg) ORVCAM_REQUIRES(s.mutex) {
+                          int64_t arg, const Stamp* at = nullptr) ORVCAM_REQUIRES(s.mutex) {
   pftrace::Sequence& seq = *s.sequence;
-  uint64_t now = bootTimeNs();
-  uint64_t thread = threadTrackLocked(s, currentTid());
+  uint64_t now = at ? bootTimeOf(at->time) : bootTimeNs();
+  uint64_t thread = threadTrackLocked(s, at ? at->tid : currentTid());
   bool intern = worthInterning(name);
   switch (kind) {
     case Kind::Begin:
@@ -256,12 +313,13 @@ void recordPerfettoLocked(TraceState& s, Kind kind, const char* name, const char
   if (s.pending.size() >= kFlushAt) flushLocked(s);
 }
 
-void record(Kind kind, const char* name, const char* category, int64_t arg) {
+void record(Kind kind, const char* name, const char* category, int64_t arg,
+            const Stamp* at = nullptr) {
   TraceState& s = state();
   if (!s.open.load(std::memory_order_relaxed)) return;
   if (s.perfetto.load(std::memory_order_relaxed)) {
     std::lock_guard<std::mutex> lock(s.mutex);
-    if (s.fd >= 0 && s.sequence) recordPerfettoLocked(s, kind, name, category, arg);
+    if (s.fd >= 0 && s.sequence) recordPerfettoLocked(s, kind, name, category, arg, at);
     return;
   }
   std::string value = std::to_string(arg);
@@ -274,9 +332,9 @@ void record(Kind kind, const char* name, const char* category, int64_t arg) {
     case Kind::Counter:
       writeEvent(name, category, 'C', ",\"args\":{\"value\":" + value + "}");
       break;
-    case Kind::FlowStart: writeEvent(name, category, 's', ",\"id\":" + value); break;
+    case Kind::FlowStart: writeEvent(name, category, 's', ",\"id\":" + value, at); break;
     case Kind::FlowEnd:
-      writeEvent(name, category, 'f', ",\"id\":" + value + ",\"bp\":\"e\"");
+      writeEvent(name, category, 'f', ",\"id\":" + value + ",\"bp\":\"e\"", at);
       break;
   }
 }
@@ -285,7 +343,20 @@ void closeLocked(TraceState& s) ORVCAM_REQUIRES(s.mutex) {
   if (s.fd < 0) return;
   flushLocked(s);
   int fd = s.tailFd.exchange(-1);
-  if (fd >= 0 && !s.perfetto.load()) writeAll(fd, kTail, sizeof(kTail) - 1);
+  if (fd >= 0 && !s.perfetto.load()) {
+    if (s.gzip.load()) {
+      gzAcquire(s);
+      gzWrite(s, fd, kTail, sizeof(kTail) - 1, true);
+    } else {
+      writeAll(fd, kTail, sizeof(kTail) - 1);
+    }
+  }
+  // After the abort handler ended the file the stream stays as it is (the process is going).
+  if (s.gzip.exchange(false) && fd >= 0) {
+    deflateEnd(&s.gz);
+    s.gz = z_stream{};
+    s.gzBusy.store(false, std::memory_order_release);
+  }
   s.sequence.reset();
   s.threads.clear();
   s.counters.clear();
@@ -306,7 +377,14 @@ void onAbort(int sig, siginfo_t* info, void* context) {
   TraceState& s = state();
   const int savedErrno = errno;
   int fd = s.tailFd.exchange(-1);
-  if (fd >= 0 && !s.perfetto.load()) writeAll(fd, kTail, sizeof(kTail) - 1);
+  if (fd >= 0 && !s.perfetto.load()) {
+    if (!s.gzip.load()) {
+      writeAll(fd, kTail, sizeof(kTail) - 1);
+    } else if (!s.gzBusy.exchange(true, std::memory_order_acquire)) {
+      // No thread is deflating (one that was, interrupted here, leaves the stream unended).
+      gzWrite(s, fd, kTail, sizeof(kTail) - 1, true);
+    }
+  }
   errno = savedErrno;
   const struct sigaction& prev = s.previousAbort;
   if (prev.sa_flags & SA_SIGINFO) {
@@ -362,6 +440,20 @@ bool openTraceFile(const std::string& path, std::string* error) {
   s.tailFd.store(fd);
   s.pid = static_cast<int>(getpid());
   s.perfetto.store(pftrace::isPerfettoPath(path));
+  if (pftrace::isGzipPath(path)) {
+    // gzip's own header and trailer (windowBits + 16): one stream, which Perfetto opens.
+    s.gz = z_stream{};
+    if (deflateInit2(&s.gz, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+        Z_OK) {
+      if (error) *error = path + ": cannot set up gzip compression";
+      close(fd);
+      s.fd = -1;
+      s.tailFd.store(-1);
+      return false;
+    }
+    s.gzBusy.store(false);
+    s.gzip.store(true);
+  }
   if (s.perfetto.load()) {
     // Events on CLOCK_BOOTTIME, as a device's system trace has them; the snapshot ties it to
     // the wall clock and the monotonic clock of the same moment.
@@ -464,6 +556,16 @@ void traceFlowStart(const std::string& name, uint64_t id) {
 void traceFlowEnd(const std::string& name, uint64_t id) {
   record(Kind::FlowEnd, name.c_str(), kHostCategory, static_cast<int64_t>(id));
 }
+
+void traceFlowBetween(const std::string& name, uint64_t id, int fromTid,
+                      std::chrono::steady_clock::time_point from, int toTid,
+                      std::chrono::steady_clock::time_point to) {
+  const Stamp start{fromTid, from}, end{toTid, to};
+  record(Kind::FlowStart, name.c_str(), kHostCategory, static_cast<int64_t>(id), &start);
+  record(Kind::FlowEnd, name.c_str(), kHostCategory, static_cast<int64_t>(id), &end);
+}
+
+int traceThreadId() { return currentTid(); }
 
 }  // namespace host
 }  // namespace orvcam

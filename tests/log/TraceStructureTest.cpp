@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <zlib.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <fstream>
+#include <thread>
 
 #include "CamDeliverGuard.h"
 #include "TestSupport.h"
@@ -87,6 +91,60 @@ TEST(TraceStructureTest, AbortedProcessLeavesValidJsonWithItsLastEvents) {
   EXPECT_EQ(trace.front()["name"], "process_name");
   EXPECT_EQ(trace.back()["name"], "last event");
   std::remove(path.c_str());
+}
+
+// A gzip'd trace, read back whole: the stream must end properly.
+json gunzipJson(const std::string& path) {
+  gzFile in = gzopen(path.c_str(), "rb");
+  if (!in) return nullptr;
+  std::string text;
+  char chunk[1 << 14];
+  int n = 0;
+  while ((n = gzread(in, chunk, sizeof(chunk))) > 0) text.append(chunk, size_t(n));
+  int error = Z_OK;
+  gzerror(in, &error);
+  gzclose(in);
+  if (n < 0 || error != Z_OK) return nullptr;
+  return json::parse(text, nullptr, false);
+}
+
+// Child: a gzip'd trace with an arrow drawn afterwards between two threads' sections, then a
+// fatal assertion (which ends the stream under the trace's lock) or a bare abort() (the signal
+// handler ends it, with what reached the stream: enough events to have been flushed to it).
+void gzipTraceThenAbort(const std::string& path, bool bare) {
+  std::string error;
+  if (!host::openTraceFile(path, &error)) _exit(3);
+  auto t0 = std::chrono::steady_clock::now();
+  int main = host::traceThreadId(), other = 0;
+  std::thread([&] {
+    other = host::traceThreadId();
+    host::traceBegin("partner job");
+    host::traceEnd("partner job");
+  }).join();
+  host::traceBegin("waiting job");
+  host::traceFlowBetween("releases", 7, other, t0, main, std::chrono::steady_clock::now());
+  for (int i = 0; i < (bare ? 3000 : 3); ++i) host::traceInstant("event " + std::to_string(i));
+  if (bare) std::abort();
+  NSCam::camsys::camcoordinator::CamDeliverGuard guard;
+  guard.prepare(0, 1, nullptr);
+}
+
+TEST(TraceStructureTest, GzipTraceOfAnAbortedProcessIsWholeWithItsFlow) {
+  for (bool bare : {false, true}) {
+    std::string path = testing::TempDir() + "aborted-trace" + std::to_string(getpid()) +
+                       (bare ? "-bare" : "") + ".json.gz";
+    EXPECT_EXIT(gzipTraceThenAbort(path, bare), ::testing::KilledBySignal(SIGABRT), "");
+    json trace = gunzipJson(path);
+    ASSERT_TRUE(trace.is_array()) << path << ": not a whole gzip stream of JSON";
+    EXPECT_TRUE(checkTraceStructure(trace, false).empty()) << path;
+    size_t flowEvents = 0;
+    for (const json& e : trace) flowEvents += e["ph"] == "s" || e["ph"] == "f";
+    EXPECT_EQ(flowEvents, 2u) << path;
+    if (!bare) {
+      EXPECT_EQ(trace.back()["name"], "event 2");
+    }
+    std::remove(path.c_str());
+  }
 }
 
 }  // namespace

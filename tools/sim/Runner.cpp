@@ -34,8 +34,8 @@ namespace sim {
 //   announced with notify_all. `plan` is fixed before the threads start.
 // - The ledger's mutex is a leaf taken inside the library's calls (Instrumentation.h).
 // - The pool's own mutex is read by run() only after every client thread has finished.
-// - `logs` entries are each written by one sensor thread; `events` by the pipeline thread;
-//   both are read by run() after the threads have been joined.
+// - `logs` and `sensorTids` entries are each written by one sensor thread; `events` by the
+//   pipeline thread; all are read by run() after the threads have been joined.
 // Helpers named ...Locked expect `mutex` held by the caller (ORVCAM_REQUIRES); functions that
 // take it themselves exclude it, through an AnnotatedLock so that clang's analysis follows the
 // lock across the condition-variable waits and the releases around library calls. The helpers
@@ -48,11 +48,31 @@ struct Runner::Impl {
         plan(scenario),
         watchdog(options.stallTimeout),
         client(plan) {
-    for (const auto& cam : scenario.sensors) logs[cam.id] = std::make_unique<SensorLog>();
+    for (const auto& cam : scenario.sensors) {
+      logs[cam.id] = std::make_unique<SensorLog>();
+      sensorTids[cam.id] = -1;
+    }
   }
 
   Nanos now() const { return probe->now(); }
   void touch() { watchdog.touch(); }
+
+  // The flow arrows of the waits the run's partners released, drawn once the run is over: from
+  // the middle of the releasing job to the middle of the job it released, on the sensor
+  // threads that ran them.
+  void traceReleases(const History& h) {
+    for (const Release& r : releasedWaits(h)) {
+      const JobRecord& from = h.jobs[r.releaser];
+      const JobRecord& to = h.jobs[r.released];
+      int fromTid = sensorTids[from.sensor], toTid = sensorTids[to.sensor];
+      if (fromTid < 0 || toTid < 0) continue;
+      auto middle = [this](const JobRecord& j) {
+        return t0 + std::chrono::nanoseconds(j.start + (j.end - j.start) / 2);
+      };
+      host::traceFlowBetween("releases", (uint64_t(to.frame) << 8) | (to.sensor & 0xFF), fromTid,
+                             middle(from), toTid, middle(to));
+    }
+  }
 
   // A frame's async track from emplace to retirement, and the count of frames in flight.
   void traceFrameLocked(size_t idx, bool emplaced) ORVCAM_REQUIRES(mutex) {
@@ -159,7 +179,10 @@ struct Runner::Impl {
   // Prepares every frame of the sensor as soon as the client allows it, and sends them in
   // order once the client state lets it.
   void sensorLoop(const SensorSetup& cam) ORVCAM_EXCLUDES(mutex) {
-    if (options.trace) host::traceThreadName("sensor " + std::to_string(cam.id));
+    if (options.trace) {
+      host::traceThreadName("sensor " + std::to_string(cam.id));
+      sensorTids[cam.id] = host::traceThreadId();  // where its jobs run
+    }
     SensorLog& log = *logs[cam.id];
     std::mt19937_64 rng(options.seed * 0x9E3779B97F4A7C15ull + cam.id + 1);
     const DurationModel& duration = cam.hasOwnDuration ? cam.jobDuration : scenario.jobDuration;
@@ -497,6 +520,7 @@ struct Runner::Impl {
   std::shared_ptr<cc::FrameContextPool> pool;
   std::unique_ptr<cc::CamDeliver> deliver;
   std::map<uint32_t, std::unique_ptr<SensorLog>> logs;
+  std::map<uint32_t, int> sensorTids;  // trace thread ids of the sensor threads, when tracing
 
   Watchdog watchdog;
   std::atomic<uint64_t> jobsRun{0};
@@ -612,7 +636,56 @@ bool Runner::run(History* history, std::string* stallReport) {
   h.events.assign(d.events.begin(), d.events.end());
   h.licences = d.ledger->take();
   d.pool.reset();
+  if (d.options.trace) d.traceReleases(h);
   return true;
+}
+
+std::vector<Release> releasedWaits(const History& h) {
+  // Each sensor's frames in prepare order, the plans by frame, and each enqueue that ran.
+  std::map<uint32_t, std::vector<const PrepareRecord*>> prepared;
+  for (const PrepareRecord& p : h.prepares) prepared[p.sensor].push_back(&p);
+  std::map<std::pair<uint32_t, uint32_t>, uint32_t> previous;  // (sensor, frame) -> frame
+  for (auto& entry : prepared) {
+    std::stable_sort(entry.second.begin(), entry.second.end(),
+                     [](const PrepareRecord* a, const PrepareRecord* b) { return a->at < b->at; });
+    for (size_t i = 1; i < entry.second.size(); ++i) {
+      previous[{entry.first, entry.second[i]->frame}] = entry.second[i - 1]->frame;
+    }
+  }
+  std::map<uint32_t, const FramePlan*> plans;
+  for (const FramePlan& p : h.plans) plans[p.frame] = &p;
+  std::map<std::pair<uint32_t, uint32_t>, size_t> enqueued;
+  for (size_t i = 0; i < h.jobs.size(); ++i) {
+    const JobRecord& j = h.jobs[i];
+    if (j.kind == JobKind::Enqueue && j.ran) enqueued.emplace(std::make_pair(j.sensor, j.frame), i);
+  }
+  std::vector<Release> out;
+  for (const auto& entry : enqueued) {
+    const JobRecord& j = h.jobs[entry.second];
+    if (j.startLost) continue;
+    auto prev = previous.find(entry.first);
+    if (prev == previous.end()) continue;
+    auto plan = plans.find(prev->second);
+    // Every sensor waits for the sync group of the frame it prepared before, in it or not.
+    if (plan == plans.end()) continue;
+    // The partner enqueued last; none may still have been running when this one started (a
+    // broken sync, or a drop, let it go instead).
+    const JobRecord* last = nullptr;
+    size_t lastIndex = 0;
+    bool allBefore = true;
+    for (uint32_t partner : plan->second->syncList) {
+      if (partner == j.sensor) continue;
+      auto p = enqueued.find({partner, prev->second});
+      if (p == enqueued.end() || h.jobs[p->second].end > j.start) {
+        allBefore = false;
+        break;
+      }
+      if (!last || h.jobs[p->second].end > last->end)
+        last = &h.jobs[p->second], lastIndex = p->second;
+    }
+    if (allBefore && last && last->end > j.sent) out.push_back({lastIndex, entry.second});
+  }
+  return out;
 }
 
 }  // namespace sim

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "History.h"
 #include "Scenario.h"
@@ -31,6 +32,15 @@ struct RunOptions {
   // Called from the thread that runs run(), about every 100 ms.
   std::function<void(const RunProgress&)> onProgress;
 };
+
+// An enqueue that waited for its previous synchronised frame and the partner's enqueue job
+// whose end released it: the last of that frame's partners to be enqueued, having ended while
+// the send waited. Indices into History::jobs.
+struct Release {
+  size_t releaser = 0;
+  size_t released = 0;
+};
+std::vector<Release> releasedWaits(const History& history);
 
 class Runner {
  public:
