@@ -3,7 +3,8 @@
 // `Trace.packet` fields (number 1), each a length-delimited TracePacket, so a file cut after
 // any whole packet is still a valid trace. The field numbers below are those of Perfetto's
 // public protos (trace_packet.proto, track_descriptor.proto, track_event.proto,
-// interned_data.proto, clock_snapshot.proto); only what the host's and the tools' traces use.
+// interned_data.proto, clock_snapshot.proto, android_log.proto, android_log_constants.proto);
+// only what the host's and the tools' traces use.
 //
 // Internal to the host platform and the tools (not installed). Header-only: the host library
 // and the tools each compile it, neither links the other.
@@ -25,6 +26,12 @@ inline bool isPerfettoPath(std::string_view path) {
   return endsWith(".pftrace") || endsWith(".perfetto-trace") || endsWith(".pb");
 }
 
+// Whether a trace file named `path` is gzip'd (a name ending in .gz, as in run.json.gz): one
+// gzip stream of the Chrome JSON, which Perfetto UI opens as it is.
+inline bool isGzipPath(std::string_view path) {
+  return path.size() >= 3 && path.substr(path.size() - 3) == ".gz";
+}
+
 // Wire types.
 enum WireType : uint32_t { kVarint = 0, kFixed64 = 1, kLengthDelimited = 2, kFixed32 = 5 };
 
@@ -38,11 +45,20 @@ constexpr uint32_t kSequenceId = 10;  // trusted_packet_sequence_id
 constexpr uint32_t kTrackEvent = 11;
 constexpr uint32_t kInternedData = 12;
 constexpr uint32_t kSequenceFlags = 13;
+constexpr uint32_t kAndroidLog = 39;
 constexpr uint32_t kTimestampClockId = 58;
 constexpr uint32_t kTracePacketDefaults = 59;
 constexpr uint32_t kTrackDescriptor = 60;
 // TracePacketDefaults
 constexpr uint32_t kDefaultsClockId = 58;
+// AndroidLogPacket, and its LogEvent
+constexpr uint32_t kLogEvents = 1;
+constexpr uint32_t kLogPid = 2;
+constexpr uint32_t kLogTid = 3;
+constexpr uint32_t kLogTimestamp = 5;  // CLOCK_REALTIME nanoseconds, whatever the packet's clock
+constexpr uint32_t kLogTag = 6;
+constexpr uint32_t kLogPrio = 7;
+constexpr uint32_t kLogMessage = 8;
 // ClockSnapshot and ClockSnapshot.Clock
 constexpr uint32_t kClocks = 1;
 constexpr uint32_t kPrimaryTraceClock = 2;
@@ -93,6 +109,27 @@ constexpr uint32_t kClockBoottime = 6;
 constexpr uint32_t kClockCapture = 64;
 // CounterDescriptor.Unit
 constexpr uint32_t kUnitCount = 2;
+// AndroidLogPriority (android/log.h's values): logcat's V, D, I, W, E and F.
+enum LogPriority : uint32_t {
+  kPrioVerbose = 2,
+  kPrioDebug = 3,
+  kPrioInfo = 4,
+  kPrioWarn = 5,
+  kPrioError = 6,
+  kPrioFatal = 7
+};
+// A logcat level letter's priority; an unknown letter counts as debug.
+inline LogPriority logPriority(char level) {
+  switch (level) {
+    case 'V': return kPrioVerbose;
+    case 'I': return kPrioInfo;
+    case 'W': return kPrioWarn;
+    case 'E': return kPrioError;
+    case 'F':
+    case 'A': return kPrioFatal;
+    default: return kPrioDebug;
+  }
+}
 
 // One message being encoded, appended to a string of the caller's (kept and reused).
 class Encoder {
@@ -289,6 +326,26 @@ class Sequence {
     Encoder p = packet(false);
     p.number(field::kTimestamp, static_cast<int64_t>(ts));
     p.bytes(field::kTrackEvent, ev);
+    close(out);
+  }
+
+  // One log line, appended to `events` as an AndroidLogPacket.events field; androidLog()
+  // writes a packet of them. `realtimeNs`: the line's time on CLOCK_REALTIME.
+  static void logEvent(std::string* events, uint64_t realtimeNs, int pid, int tid, LogPriority prio,
+                       std::string_view tag, std::string_view message) {
+    std::string event;
+    Encoder e(&event);
+    e.number(field::kLogPid, pid);
+    e.number(field::kLogTid, tid);
+    e.number(field::kLogTimestamp, static_cast<int64_t>(realtimeNs));
+    e.bytes(field::kLogTag, tag);
+    e.number(field::kLogPrio, prio);
+    e.bytes(field::kLogMessage, message);
+    Encoder(events).bytes(field::kLogEvents, event);
+  }
+  void androidLog(std::string* out, std::string_view events) {
+    Encoder p = packet(false);
+    p.bytes(field::kAndroidLog, events);
     close(out);
   }
 

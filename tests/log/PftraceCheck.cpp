@@ -16,9 +16,10 @@ namespace {
 namespace f {
 constexpr uint32_t kPacket = 1;
 constexpr uint32_t kClockSnapshot = 6, kTimestamp = 8, kSequenceId = 10, kTrackEvent = 11,
-                   kInternedData = 12, kSequenceFlags = 13, kClockId = 58, kDefaults = 59,
-                   kTrackDescriptor = 60;
-constexpr uint32_t kSnapshotClocks = 1, kSnapshotClockId = 1;
+                   kInternedData = 12, kSequenceFlags = 13, kAndroidLog = 39, kClockId = 58,
+                   kDefaults = 59, kTrackDescriptor = 60;
+constexpr uint32_t kSnapshotClocks = 1, kSnapshotClockId = 1, kSnapshotClockTimestamp = 2;
+constexpr uint32_t kLogEvents = 1, kLogTimestamp = 5, kLogPrio = 7, kLogMessage = 8;
 constexpr uint32_t kUuid = 1, kParentUuid = 5, kCounter = 8;
 constexpr uint32_t kCategoryIids = 3, kType = 9, kNameIid = 10, kTrackUuid = 11, kName = 23,
                    kCounterValue = 30, kDoubleCounterValue = 44, kFlowIdsOld = 36,
@@ -27,6 +28,8 @@ constexpr uint32_t kEventCategories = 1, kEventNames = 2, kIid = 1, kIidName = 2
 }  // namespace f
 
 constexpr uint64_t kCleared = 1, kNeeds = 2;
+constexpr uint32_t kRealtime = 1;
+constexpr uint64_t kPrioVerbose = 2, kPrioFatal = 7;
 enum Type : uint64_t { kBegin = 1, kEnd = 2, kInstant = 3, kCounter = 4 };
 
 struct Field {
@@ -120,8 +123,12 @@ struct FlowMark {
 
 }  // namespace
 
-std::vector<std::string> checkPftraceStructure(std::string_view trace, bool complete) {
+std::vector<std::string> checkPftraceStructure(std::string_view trace, bool complete,
+                                               PftraceCounts* counts) {
+  PftraceCounts counted;
   std::vector<std::string> problems;
+  bool wallClock = false;  // a snapshot has named CLOCK_REALTIME
+  uint64_t wallClockAt = 0;
   std::map<uint32_t, Sequence> sequences;
   std::map<uint64_t, Track> tracks;
   std::map<uint64_t, std::vector<SliceMark>> slices;
@@ -145,7 +152,7 @@ std::vector<std::string> checkPftraceStructure(std::string_view trace, bool comp
     bool timed = false;
     uint64_t ts = 0;
     uint32_t clockId = 0;
-    std::string_view event, interned, descriptor, snapshot, defaults;
+    std::string_view event, interned, descriptor, snapshot, defaults, androidLog;
     Fields fields(packetField.bytes);
     Field x;
     while (fields.next(&x)) {
@@ -162,6 +169,7 @@ std::vector<std::string> checkPftraceStructure(std::string_view trace, bool comp
         case f::kTrackDescriptor: descriptor = x.bytes; break;
         case f::kClockSnapshot: snapshot = x.bytes; break;
         case f::kDefaults: defaults = x.bytes; break;
+        case f::kAndroidLog: androidLog = x.bytes; break;
         default: break;
       }
     }
@@ -219,14 +227,18 @@ std::vector<std::string> checkPftraceStructure(std::string_view trace, bool comp
         if (x.number != f::kSnapshotClocks) continue;
         Fields c(x.bytes);
         Field e;
+        uint64_t id = 0, at = 0;
         while (c.next(&e)) {
-          if (e.number != f::kSnapshotClockId) continue;
-          if (e.value >= 64 && e.value < 128) {
-            seq.clocks.insert(uint32_t(e.value));
-          } else {
-            globalClocks.insert(uint32_t(e.value));
-          }
+          if (e.number == f::kSnapshotClockId) id = e.value;
+          if (e.number == f::kSnapshotClockTimestamp) at = e.value;
         }
+        if (id >= 64 && id < 128) {
+          seq.clocks.insert(uint32_t(id));
+        } else {
+          globalClocks.insert(uint32_t(id));
+        }
+        if (id == kRealtime && (!wallClock || at < wallClockAt)) wallClockAt = at;
+        if (id == kRealtime) wallClock = true;
       }
     }
     if (!descriptor.empty()) {
@@ -247,6 +259,37 @@ std::vector<std::string> checkPftraceStructure(std::string_view trace, bool comp
           bad("track " + std::to_string(uuid) + " declared again as another kind");
         }
       }
+    }
+    if (!androidLog.empty()) {
+      Fields events(androidLog);
+      while (events.next(&x)) {
+        if (x.number != f::kLogEvents) continue;
+        ++counted.logEvents;
+        bool stamped = false, messaged = false;
+        uint64_t at = 0, prio = 0;
+        Fields l(x.bytes);
+        Field e;
+        while (l.next(&e)) {
+          if (e.number == f::kLogTimestamp) stamped = true, at = e.value;
+          if (e.number == f::kLogPrio) prio = e.value;
+          if (e.number == f::kLogMessage) messaged = true;
+        }
+        if (!l.error.empty()) {
+          bad("broken log event: " + l.error);
+        } else if (!stamped || !messaged) {
+          bad("a log event without a timestamp or a message");
+        } else if (!wallClock) {
+          bad("a log event before any clock snapshot names CLOCK_REALTIME, its timestamps' clock");
+        } else if (at < wallClockAt) {
+          bad("a log event at " + std::to_string(at) +
+              " ns, before the wall-clock reading of the snapshot (" + std::to_string(wallClockAt) +
+              " ns)");
+        }
+        if (l.error.empty() && (prio < kPrioVerbose || prio > kPrioFatal)) {
+          bad("a log event of priority " + std::to_string(prio) + ", not logcat's V (2) to F (7)");
+        }
+      }
+      if (!events.error.empty()) bad("broken log packet: " + events.error);
     }
     if (event.empty()) continue;
     // A track event: its clock, track, names, slice and flows.
@@ -315,8 +358,12 @@ std::vector<std::string> checkPftraceStructure(std::string_view trace, bool comp
     if (counterTrack) bad("a slice or instant on counter track " + std::to_string(track));
     if (type != kEnd && !named && !nameIid) bad("a slice or instant without a name");
     if (type != kInstant) slices[track].push_back({ts, index, type == kBegin, index});
-    for (const auto& flow : eventFlows) flows[flow.first].push_back({ts, index, flow.second});
+    for (const auto& flow : eventFlows) {
+      flows[flow.first].push_back({ts, index, flow.second});
+      if (!flow.second) ++counted.flows;
+    }
   }
+  counted.packets = index;
   if (!top.error.empty()) {
     problems.push_back("packet " + std::to_string(index) + ": broken encoding: " + top.error);
   }
@@ -374,6 +421,7 @@ std::vector<std::string> checkPftraceStructure(std::string_view trace, bool comp
                          " never terminated");
     }
   }
+  if (counts) *counts = counted;
   return problems;
 }
 

@@ -182,6 +182,35 @@ TEST(PftraceCheck, FlowsPaired) {
             std::string::npos);
 }
 
+// Log lines as Android log events: on the wall clock a snapshot names, at or after its reading,
+// with logcat's priorities; counted.
+TEST(PftraceCheck, AndroidLogEventsOnTheWallClock) {
+  constexpr uint64_t kWall = 1764000000000000000;
+  auto logPacket = [](Sequence& seq, std::string* out, uint64_t at, pftrace::LogPriority prio) {
+    std::string events;
+    Sequence::logEvent(&events, at, 10, 11, prio, "OrvCam/CamDeliver", "[prepare] [S:0 F:1]");
+    Sequence::logEvent(&events, at + 5, 10, 11, pftrace::logPriority('E'), "Other", "text");
+    seq.androidLog(out, events);
+  };
+  Trace t;
+  logPacket(t.seq, &t.bytes, kWall + 100, pftrace::kPrioDebug);
+  test::PftraceCounts counts;
+  EXPECT_TRUE(checkPftraceStructure(t.bytes, true, &counts).empty()) << problems(t.bytes);
+  EXPECT_EQ(counts.logEvents, 2u);
+
+  Trace early;
+  logPacket(early.seq, &early.bytes, kWall - 1000, pftrace::kPrioDebug);
+  EXPECT_NE(problems(early.bytes).find("before the wall-clock reading"), std::string::npos);
+  Trace loud;
+  logPacket(loud.seq, &loud.bytes, kWall, pftrace::LogPriority(9));
+  EXPECT_NE(problems(loud.bytes).find("priority 9"), std::string::npos);
+  // No snapshot names CLOCK_REALTIME: the importer cannot place the events.
+  Sequence seq{7};
+  std::string bytes;
+  logPacket(seq, &bytes, kWall, pftrace::kPrioInfo);
+  EXPECT_NE(problems(bytes).find("names CLOCK_REALTIME"), std::string::npos);
+}
+
 TEST(PftraceCheck, InterningTableStaysBounded) {
   Sequence seq(1);
   std::string bytes;

@@ -3,8 +3,10 @@
 # camdeliver-log, gives the simulator's per-sensor counts and no findings; the history it
 # rebuilds reads back into camdeliver-sim --check without an ordering violation, and the
 # scenario it writes runs clean. The traces both tools write, in both formats, pass the
-# structure check. The files written as frames settle a few at a time hold what the files
-# written at the end hold.
+# structure check and carry the flow arrows of the waits; the gzip'd JSON trace is the JSON
+# trace, and the protobuf trace holds the deliverer's lines as log events with --trace-logs.
+# The files written as frames settle a few at a time hold what the files written at the end
+# hold.
 # A scenario whose client provokes the library's tolerated oddities on purpose (late and racing
 # drops, for example) is given "warnings" as sixth argument: its warnings must then each be
 # explained by a legal client call order, and the run still passes.
@@ -37,10 +39,26 @@ for level in debug verbose; do
     "$work/log.out"; then
     echo "the $level log's provoked warnings are not explained:"; cat "$work/log.out"; exit 1
   fi
-  # The same trace rebuilt from the log in Perfetto's format, whole and four frames at a time.
-  "$log" "$work/run.log" --trace "$work/t.pftrace" >/dev/null || true
+  # The same trace rebuilt from the log in Perfetto's format, whole with the log lines and four
+  # frames at a time.
+  "$log" "$work/run.log" --trace "$work/t.pftrace" --trace-logs >/dev/null || true
   "$log" "$work/run.log" --window 4 --trace "$work/t4.pftrace" >/dev/null || true
   "$check" "$simtrace" "$work/t.json" "$work/t.pftrace" "$work/t4.pftrace"
+  lines=$(grep -cE ' OrvCam/(CamDeliver|CamDeliverGuard|FrameContextPool|LicenseQueue): ' \
+    "$work/run.log" || true)
+  events=$("$check" --counts "$work/t.pftrace" | sed -n 's/.* flows, \([0-9]*\) log events$/\1/p')
+  if [ "$events" != "$lines" ]; then
+    echo "the $level protobuf trace holds $events log events for the deliverer's $lines lines"
+    exit 1
+  fi
+  if [ "$level" = debug ]; then
+    # gzip'd, the JSON trace is the same bytes.
+    "$log" "$work/run.log" --trace "$work/t.json.gz" >/dev/null || true
+    "$check" "$work/t.json.gz"
+    gzip -dc "$work/t.json.gz" | cmp -s - "$work/t.json" || {
+      echo "t.json.gz does not hold t.json"; exit 1
+    }
+  fi
   # Every enqueue that waited for its previous frame's partners gets the arrow from the job that
   # released it, at either level (a few may be released by a drop or flush instead).
   waited=$(grep -o '\[S:[0-9]* F:[0-9]*\]\[EnqJob\] wait previous syncframe' "$work/run.log" |
@@ -48,6 +66,14 @@ for level in debug verbose; do
   flows=$(grep -o '"ph":"s"' "$work/t.json" | wc -l)
   if [ "$flows" -gt "$waited" ] || [ $((waited - flows)) -gt $((waited / 10 + 1)) ]; then
     echo "$flows flow arrows in the $level trace for $waited enqueues that waited"; exit 1
+  fi
+  # The simulator draws them from its own records, which time a wait a little apart from the
+  # library's line: as many, give or take a tenth.
+  simflows=$("$check" --counts "$simtrace" | sed -n 's/.*: \([0-9]*\) flows,.*/\1/p')
+  diff=$((simflows - waited))
+  if [ "${diff#-}" -gt $((waited / 10 + 1)) ]; then
+    echo "$simflows flow arrows in the simulator's $level trace for $waited enqueues that waited"
+    exit 1
   fi
   if [ "$(counts "$work/sim.out")" != "$(counts "$work/log.out")" ]; then
     echo "per-sensor counts differ at $level level"

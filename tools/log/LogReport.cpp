@@ -10,6 +10,8 @@
 #include <set>
 #include <sstream>
 
+#include <zlib.h>
+
 #include "JsonText.h"
 #include "PerfettoWriter.h"
 #include "Report.h"
@@ -565,11 +567,18 @@ constexpr uint64_t kMicros = 1000;
 
 }  // namespace
 
+void TraceWriter::GzipEnd::operator()(z_stream_s* z) const {
+  deflateEnd(z);
+  delete z;
+}
+
 TraceWriter::TraceWriter(std::ostream& out, int pid, OrderedWorker* worker,
                          const TraceOptions& options)
     : worker_(worker), out_(out), pid_(pid) {
   if (options.perfetto) {
     bool clocked = options.clockId != 0;
+    // Log events are stamped on CLOCK_REALTIME: taken when the capture's stamps are.
+    if (options.clockId == pftrace::kClockRealtime) logLinesBaseNs_ = options.firstStampNs;
     perfetto_ = std::make_unique<pftrace::StreamWriter>(
         out, kSequenceId, clocked ? pftrace::kClockCapture : pftrace::kClockBoottime);
     pftrace::Sequence& seq = perfetto_->sequence();
@@ -587,6 +596,17 @@ TraceWriter::TraceWriter(std::ostream& out, int pid, OrderedWorker* worker,
     seq.track(buf, counterTrack(true), processTrack(pid), "frames in flight", true);
     seq.track(buf, counterTrack(false), processTrack(pid), "sends waiting", true);
     return;
+  }
+  if (options.gzip) {
+    // One gzip stream (windowBits + 16: gzip's header and trailer), as Perfetto UI opens it.
+    auto* z = new z_stream{};
+    if (deflateInit2(z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) ==
+        Z_OK) {
+      gzip_.reset(z);
+      gzipOut_.resize(size_t(1) << 16);
+    } else {
+      delete z;  // written uncompressed rather than not at all
+    }
   }
   buffer_ += "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[";
   meta("process_name", 0)
@@ -622,8 +642,23 @@ void TraceWriter::emit() {
   if (buffer_.size() >= (size_t(1) << 18)) flush();
 }
 
-void TraceWriter::flush() {
-  out_.write(buffer_.data(), std::streamsize(buffer_.size()));
+void TraceWriter::flush(bool end) {
+  if (!gzip_) {
+    out_.write(buffer_.data(), std::streamsize(buffer_.size()));
+    buffer_.clear();
+    return;
+  }
+  z_stream& z = *gzip_;
+  z.next_in = reinterpret_cast<Bytef*>(buffer_.data());
+  z.avail_in = uInt(buffer_.size());
+  for (;;) {
+    z.next_out = reinterpret_cast<Bytef*>(gzipOut_.data());
+    z.avail_out = uInt(gzipOut_.size());
+    int rc = deflate(&z, end ? Z_FINISH : Z_NO_FLUSH);
+    out_.write(gzipOut_.data(), std::streamsize(gzipOut_.size() - z.avail_out));
+    if (rc == Z_STREAM_END || rc == Z_STREAM_ERROR) break;
+    if (z.avail_out != 0 && (!end || rc == Z_BUF_ERROR)) break;  // all taken in
+  }
   buffer_.clear();
 }
 
@@ -804,6 +839,7 @@ void TraceWriter::writeItem(const Item& it) {
 }
 
 void TraceWriter::finish(const Run& r) {
+  if (!logLines_.lines.empty()) handLogLines();
   if (worker_) worker_->drain();
   write(gather(r, unsettledPart(r)));
   marks_.releaseBefore(INT64_MAX, [&](Nanos at, int framesDelta, int, int inFlight, int waiting) {
@@ -826,7 +862,7 @@ void TraceWriter::finish(const Run& r) {
     emit();
   }
   buffer_ += "]}\n";
-  flush();
+  flush(true);
 }
 
 void TraceClock::see(std::string_view raw) {
@@ -841,6 +877,7 @@ void TraceClock::see(std::string_view raw) {
 TraceOptions TraceClock::options(const std::string& path, int year, int utcOffsetMinutes) const {
   TraceOptions options;
   options.perfetto = pftrace::isPerfettoPath(path);
+  options.gzip = !options.perfetto && pftrace::isGzipPath(path);
   if (!found_) return options;
   std::optional<pftrace::CaptureClock> clock =
       pftrace::captureClockOf(line_, timeNs_, year, utcOffsetMinutes);
@@ -849,6 +886,18 @@ TraceOptions TraceClock::options(const std::string& path, int year, int utcOffse
     options.firstStampNs = clock->firstNs;
   }
   return options;
+}
+
+Nanos sessionStartNs(const LogReader& reader, const Run& run) {
+  // The newest stamp on the run's clock is the file's newest stamp less the session's start.
+  Nanos start = -1;
+  reader.forEachCurrentRun([&](const Run& r, Nanos newestAt) {
+    if (&r == &run) start = reader.clock().last() - newestAt;
+  });
+  if (start < 0 && !run.captureEndGiven && run.captureEnd > 0) {
+    start = reader.clock().last() - run.captureEnd;
+  }
+  return std::max<Nanos>(start, 0);
 }
 
 // The name of an item's slice or instant, made in name_ (as the JSON trace names it).
@@ -916,6 +965,47 @@ void TraceWriter::writePerfetto(const Item& it) {
     case K::Counter: seq.counter(buf, ts(it.ts), counterTrack(it.detail != 0), it.value); break;
   }
   perfetto_->written();
+}
+
+void TraceWriter::addLogLine(Nanos at, int pid, int tid, char level, std::string_view tag,
+                             std::string_view message) {
+  if (!takesLogLines()) return;
+  logLines_.lines.push_back({at, pid, tid, uint32_t(tag.size()), uint32_t(message.size()), level});
+  logLines_.text.append(tag).append(message);
+  if (logLines_.lines.size() >= kLogLinesBatch) handLogLines();
+}
+
+void TraceWriter::handLogLines() {
+  if (!worker_) {
+    writeLogLines(logLines_);
+  } else {
+    worker_->post([this, lines = std::move(logLines_)] { writeLogLines(lines); });
+  }
+  logLines_ = LogLines();
+}
+
+// Packets of a few dozen kilobytes: a viewer reads each whole.
+void TraceWriter::writeLogLines(const LogLines& batch) {
+  constexpr size_t kPacketBytes = size_t(1) << 15;
+  pftrace::Sequence& seq = perfetto_->sequence();
+  std::string events;
+  size_t offset = 0;
+  for (const LogLines::Line& l : batch.lines) {
+    std::string_view tag(batch.text.data() + offset, l.tagSize);
+    std::string_view message(batch.text.data() + offset + l.tagSize, l.messageSize);
+    offset += l.tagSize + l.messageSize;
+    pftrace::Sequence::logEvent(&events, logLinesBaseNs_ + uint64_t(std::max<Nanos>(l.at, 0)),
+                                l.pid, l.tid, pftrace::logPriority(l.level), tag, message);
+    if (events.size() >= kPacketBytes) {
+      seq.androidLog(perfetto_->buffer(), events);
+      perfetto_->written();
+      events.clear();
+    }
+  }
+  if (!events.empty()) {
+    seq.androidLog(perfetto_->buffer(), events);
+    perfetto_->written();
+  }
 }
 
 void TraceWriter::finishPerfetto(const Run& r) {

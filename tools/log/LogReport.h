@@ -13,12 +13,15 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Checker.h"
 #include "JsonText.h"
 #include "LogReader.h"
 #include "OrderedWorker.h"
+
+struct z_stream_s;  // zlib's
 
 namespace orvcam {
 namespace pftrace {
@@ -123,6 +126,7 @@ class CounterMarks {
 // capture's clock when that is known (`clockId` a Perfetto BuiltinClock, 0 when unknown).
 struct TraceOptions {
   bool perfetto = false;
+  bool gzip = false;  // Chrome JSON through gzip (a name ending in .gz)
   uint32_t clockId = 0;
   uint64_t firstStampNs = 0;  // the first stamp on that clock
 };
@@ -143,6 +147,12 @@ class TraceClock {
   int64_t timeNs_ = 0;
 };
 
+// Where a session's time 0 (its first line) lies on the file's timeline, in nanoseconds from
+// the file's first stamp, which TraceClock reads: the trace's clock snapshot moves by it. Found
+// from the reader while the log is read, or after finish() from the run's capture end (0 when
+// neither tells, with a capture end given by the user).
+Nanos sessionStartNs(const LogReader& reader, const Run& run);
+
 // The same trace written as a long log is read: add() takes the parts a LogReader's listener
 // is given (before their frames leave memory), finish() the finished run.
 //
@@ -160,6 +170,14 @@ class TraceWriter {
   TraceWriter& operator=(const TraceWriter&) = delete;
   void add(const Run& run, const sim::History& part);
   void finish(const Run& run);
+
+  // Log lines of the session's process as Android log events, beside the frames in Perfetto's
+  // log panel: only a Perfetto trace whose stamps are on the wall clock takes them (the events'
+  // clock). Each line is given as it is read, with its time on the run's clock; they are kept
+  // compactly and written a few thousand at a time. Reader thread.
+  bool takesLogLines() const { return logLinesBaseNs_ != 0; }
+  void addLogLine(Nanos at, int pid, int tid, char level, std::string_view tag,
+                  std::string_view message);
 
   // One event, gathered; its text is made when it is written.
   struct Item {
@@ -194,10 +212,27 @@ class TraceWriter {
   JsonText& event(std::string_view name, const char* cat, const char* ph, Nanos ts, int tid);
   JsonText& meta(const char* name, int tid);
   void emit();
-  void flush();
+  void flush(bool end = false);  // `end`: the gzip stream's too
   // The Perfetto trace's side of writeItem() and finish().
   void writePerfetto(const Item& item);
   void finishPerfetto(const Run& run);
+  // Log lines gathered by the reader's thread; their texts one after the other in `text`.
+  struct LogLines {
+    struct Line {
+      Nanos at;
+      int pid, tid;
+      uint32_t tagSize, messageSize;
+      char level;
+    };
+    std::vector<Line> lines;
+    std::string text;
+  };
+  static constexpr size_t kLogLinesBatch = 4096;
+  void handLogLines();  // to the worker, or written at once without one
+  void writeLogLines(const LogLines& lines);
+  struct GzipEnd {
+    void operator()(z_stream_s* z) const;
+  };
 
   OrderedWorker* worker_;
   // Lists of items written by the worker, for gather() to fill again. A leaf lock.
@@ -212,6 +247,51 @@ class TraceWriter {
   std::string buffer_;  // written to out_ a few hundred kilobytes at a time
   std::unique_ptr<pftrace::StreamWriter> perfetto_;  // null for a JSON trace
   uint64_t unitNs_ = 1;                              // the Perfetto trace clock's tick
+  std::unique_ptr<z_stream_s, GzipEnd> gzip_;        // a gzip'd JSON trace's stream
+  std::string gzipOut_;
+  // The wall-clock time (CLOCK_REALTIME) of the run's time 0; 0: log lines are not taken.
+  uint64_t logLinesBaseNs_ = 0;
+  LogLines logLines_;  // the reader thread's
+};
+
+// Gives the lines a LogReader reads to the traces of their sessions as log events: the
+// deliverer's lines or, with `all`, every line of a process once it has a session. Called
+// around each LogReader::addLine (reader thread); `writerFor(run)` gives the run's
+// TraceWriter, or null.
+class TraceLogFeed {
+ public:
+  explicit TraceLogFeed(bool all) : all_(all) {}
+  void before(const LogReader& reader) {
+    library_ = reader.libraryLines();
+    skipped_ = reader.repeats().skipped() + reader.binaryLines();
+  }
+  template <typename F>
+  void after(const LogReader& reader, std::string_view raw, F writerFor) {
+    bool library = reader.libraryLines() > library_;
+    if (!library && (!all_ || reader.repeats().skipped() + reader.binaryLines() != skipped_)) {
+      return;
+    }
+    LogLine line;
+    if (!parseLogLine(stripColour(raw, &colourFree_), &line) || line.pid < 0 || !line.hasTime) {
+      return;
+    }
+    // The line's time on its session's clock: the newest stamp the session has seen.
+    const Run* run = nullptr;
+    Nanos at = 0;
+    reader.forEachCurrentRun([&](const Run& r, Nanos newestAt) {
+      if (r.pid == line.pid) run = &r, at = newestAt;
+    });
+    if (!run) return;
+    TraceWriter* writer = writerFor(*run);
+    if (!writer || !writer->takesLogLines()) return;
+    writer->addLogLine(at, line.pid, line.tid >= 0 ? line.tid : line.pid, line.level,
+                       line.tag.empty() ? inferTag(line.text) : line.tag, line.text);
+  }
+
+ private:
+  bool all_;
+  uint64_t library_ = 0, skipped_ = 0;
+  std::string colourFree_;
 };
 
 // A scenario for camdeliver-sim that replays the run's frames, sensors, sync groups,

@@ -16,6 +16,7 @@
 #include "Follow.h"
 #include "LogReader.h"
 #include "LogReport.h"
+#include "PerfettoProto.h"
 #include "Report.h"
 #include "TextInput.h"
 
@@ -63,6 +64,11 @@ int main(int argc, char** argv) {
                  "Write a trace rebuilt from the log: Perfetto's protobuf format for a name "
                  "ending in .pftrace, .perfetto-trace or .pb (its times tied to the capture's "
                  "clock), else Chrome JSON");
+  std::string traceLogs;
+  app.add_flag("--trace-logs{deliverer}", traceLogs,
+               "Put the deliverer's log lines into a .pftrace --trace as Android log events, "
+               "shown beside the frames in Perfetto's log panel (needs stamps with a date); "
+               "--trace-logs=all: every line of the process");
   int traceYear = 0, utcOffset = 0;
   app.add_option("--trace-year", traceYear,
                  "Year of the capture's stamps when its layout has none (default: this year)");
@@ -108,6 +114,16 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     int rc = app.exit(e);
     return rc == 0 ? 0 : kExitBadInput;
+  }
+
+  if (!traceLogs.empty() && traceLogs != "deliverer" && traceLogs != "all") {
+    std::cerr << "camdeliver-log: --trace-logs takes no value or \"all\", not \"" << traceLogs
+              << "\"\n";
+    return kExitBadInput;
+  }
+  if (!traceLogs.empty() && !pftrace::isPerfettoPath(tracePath)) {
+    std::cerr << "camdeliver-log: --trace-logs needs a Perfetto trace: --trace FILE.pftrace\n";
+    return kExitBadInput;
   }
 
   std::ifstream file;
@@ -159,8 +175,10 @@ int main(int argc, char** argv) {
     if (!tracePath.empty()) {
       o->tracePart = tracePath + suffix + ".part";
       o->traceFile.open(o->tracePart, std::ios::binary);
-      o->trace = std::make_unique<logread::TraceWriter>(
-          o->traceFile, run.pid, worker.get(), traceClock.options(tracePath, traceYear, utcOffset));
+      logread::TraceOptions options = traceClock.options(tracePath, traceYear, utcOffset);
+      options.firstStampNs += uint64_t(logread::sessionStartNs(reader, run));  // its first line
+      o->trace =
+          std::make_unique<logread::TraceWriter>(o->traceFile, run.pid, worker.get(), options);
     }
     if (!historyPath.empty()) {
       o->history = std::make_unique<sim::HistoryJsonStream>(historyPath + suffix, worker.get());
@@ -189,6 +207,9 @@ int main(int argc, char** argv) {
         std::make_unique<logread::FollowInput>(followFd, reader, options, std::cout, std::cerr);
     logread::endInputOnInterrupt();
   }
+  // --trace-logs: each line read goes to its session's trace too.
+  std::unique_ptr<logread::TraceLogFeed> logFeed;
+  if (!traceLogs.empty()) logFeed = std::make_unique<logread::TraceLogFeed>(traceLogs == "all");
   std::error_code sizeError;
   uint64_t size = inputPath == "-" ? 0 : std::filesystem::file_size(inputPath, sizeError);
   logread::Progress progress(std::cerr, !follow && isatty(STDERR_FILENO), sizeError ? 0 : size);
@@ -197,7 +218,12 @@ int main(int argc, char** argv) {
     size_t text = line.find_first_not_of(" \t\r");
     if (firstLine.empty() && text != std::string::npos) firstLine = line.substr(text);
     if (!traceClock.found()) traceClock.see(line);
+    if (logFeed) logFeed->before(reader);
     reader.addLine(line);
+    if (logFeed) {
+      logFeed->after(reader, line,
+                     [&](const logread::Run& run) { return outputsFor(run).trace.get(); });
+    }
   }
   progress.done();
   if (follower && follower->error() != 0) {
@@ -355,6 +381,10 @@ int main(int argc, char** argv) {
       return true;
     };
     if (o.trace) {
+      if (logFeed && !o.trace->takesLogLines()) {
+        std::cerr << "camdeliver-log: --trace-logs: the capture's stamps have no date on the "
+                     "wall clock, which log events are stamped on; none written\n";
+      }
       o.trace->finish(*chosen);
       o.traceFile.close();
       bool ok = !o.traceFile.fail() && std::rename(o.tracePart.c_str(), tracePath.c_str()) == 0;
