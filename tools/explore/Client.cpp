@@ -10,7 +10,9 @@
 #include <thread>
 
 #include "CamDeliver.h"
+#include "Checker.h"
 #include "ClientModel.h"
+#include "Explorer.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
@@ -791,6 +793,47 @@ sim::History ClientRun::end() {
   host::setPipeMgrInstance(nullptr);
   d.pipeMgr.reset();
   return h;
+}
+
+// The scenario's client as the explorer's target (Explorer.h).
+namespace {
+
+class ScenarioTarget : public Target {
+ public:
+  ScenarioTarget(const sim::Scenario& scenario, bool memoryState)
+      : mClient(scenario, memoryState) {}
+  std::vector<std::string> threadNames() const override { return mClient.threadNames(); }
+  std::vector<std::function<void()>> begin() override { return mClient.begin(); }
+  std::vector<std::string> judgeCompleted() override {
+    std::vector<std::string> findings;
+    sim::History h = mClient.end();
+    sim::CheckResult check = sim::checkHistory(h);
+    // The classes of the log reader and the simulator: the library's rules, then the
+    // client's, each with the rule it broke.
+    for (const auto& x : check.violations) findings.push_back("[" + x.rule + "] " + x.message);
+    for (const auto& x : check.notes) {
+      findings.push_back("[client] " + x.message + " (rule broken: don't " + x.broken + ")");
+    }
+    for (const auto& x : mClient.endFindings()) findings.push_back("state: " + x);
+    if (h.account.live() != 0) {
+      findings.push_back("licence account: " + std::to_string(h.account.acquired) + " acquired, " +
+                         std::to_string(h.account.released) + " handed back, " +
+                         std::to_string(h.account.destroyed) + " destroyed");
+    }
+    return findings;
+  }
+
+ private:
+  ClientRun mClient;
+};
+
+}  // namespace
+
+TargetFactory scenarioTarget(const sim::Scenario& scenario, bool memoryState) {
+  auto shared = std::make_shared<sim::Scenario>(scenario);
+  return [shared, memoryState] {
+    return std::unique_ptr<Target>(new ScenarioTarget(*shared, memoryState));
+  };
 }
 
 }  // namespace explore

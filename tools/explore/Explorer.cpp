@@ -4,7 +4,6 @@
 #include <chrono>
 #include <random>
 
-#include "Checker.h"
 #include "StateTable.h"
 
 namespace orvcam {
@@ -85,46 +84,6 @@ bool decodeReplay(const std::string& text, uint32_t* spurious, std::vector<uint3
 }
 
 std::string Verdict::replay() const { return encodeReplay(run.spuriousBudget, choices); }
-
-namespace {
-
-class ScenarioTarget : public Target {
- public:
-  ScenarioTarget(const sim::Scenario& scenario, bool memoryState)
-      : mClient(scenario, memoryState) {}
-  std::vector<std::string> threadNames() const override { return mClient.threadNames(); }
-  std::vector<std::function<void()>> begin() override { return mClient.begin(); }
-  std::vector<std::string> judgeCompleted() override {
-    std::vector<std::string> findings;
-    sim::History h = mClient.end();
-    sim::CheckResult check = sim::checkHistory(h);
-    // The classes of the log reader and the simulator: the library's rules, then the
-    // client's, each with the rule it broke.
-    for (const auto& x : check.violations) findings.push_back("[" + x.rule + "] " + x.message);
-    for (const auto& x : check.notes) {
-      findings.push_back("[client] " + x.message + " (rule broken: don't " + x.broken + ")");
-    }
-    for (const auto& x : mClient.endFindings()) findings.push_back("state: " + x);
-    if (h.account.live() != 0) {
-      findings.push_back("licence account: " + std::to_string(h.account.acquired) + " acquired, " +
-                         std::to_string(h.account.released) + " handed back, " +
-                         std::to_string(h.account.destroyed) + " destroyed");
-    }
-    return findings;
-  }
-
- private:
-  ClientRun mClient;
-};
-
-}  // namespace
-
-TargetFactory scenarioTarget(const sim::Scenario& scenario, bool memoryState) {
-  auto shared = std::make_shared<sim::Scenario>(scenario);
-  return [shared, memoryState] {
-    return std::unique_ptr<Target>(new ScenarioTarget(*shared, memoryState));
-  };
-}
 
 Explorer::Explorer(TargetFactory factory, uint32_t spuriousBudget)
     : mFactory(std::move(factory)), mSpurious(spuriousBudget), mTarget(mFactory()) {

@@ -35,3 +35,7 @@ extern "C" [[noreturn]] void __android_log_assert(const char* cond, const char* 
   if (real) real(nullptr, tag, "%s", message.c_str());
   std::abort();
 }
+
+// Referenced by the explore package's link options (-u), so that a program linking its
+// archive takes this file's definition in even though nothing else names it.
+extern "C" void orvcamExploreFatalHook() {}

@@ -1257,6 +1257,10 @@ int condWait(ex::Thread& t, pthread_cond_t* c, pthread_mutex_t* m, void* caller,
 
 extern "C" {
 
+// Referenced by the explore package's link options (-u): a program that links its archive
+// takes this file in, with the pthread functions below, though it names none of its own.
+void orvcamExploreScheduler() {}
+
 int pthread_mutex_lock(pthread_mutex_t* m) {
   void* ra = __builtin_return_address(0);
   if (ex::Thread* t = managedCaller(ra)) {
