@@ -63,7 +63,7 @@ int main(int argc, char** argv) {
   app.add_option("--trace", tracePath,
                  "Write a trace rebuilt from the log: Perfetto's protobuf format for a name "
                  "ending in .pftrace, .perfetto-trace or .pb (its times tied to the capture's "
-                 "clock), else Chrome JSON");
+                 "clock), gzip'd Chrome JSON for .json.gz, else Chrome JSON");
   std::string traceLogs;
   app.add_flag("--trace-logs{deliverer}", traceLogs,
                "Put the deliverer's log lines into a .pftrace --trace as Android log events, "

@@ -83,7 +83,10 @@ int main(int argc, char** argv) {
                  "library's force-log property) or 0-7 (default: error)");
   app.add_option("--prop", props,
                  "Set a system property before the run, as key=value (repeatable)");
-  app.add_option("--trace", tracePath, "Write a Chrome JSON trace (open it in Perfetto UI)");
+  app.add_option("--trace", tracePath,
+                 "Write a trace to open in Perfetto UI: Perfetto's protobuf format for a name "
+                 "ending in .pftrace, .perfetto-trace or .pb, gzip'd Chrome JSON for .json.gz, "
+                 "else Chrome JSON");
   app.add_option("--history", historyPath, "Write everything the run recorded as JSON");
   app.add_option("--check", checkPath,
                  "Run nothing: check a history saved with --history (or by camdeliver-log) "
