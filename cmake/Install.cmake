@@ -5,9 +5,12 @@
 #   component platform_host   liborvcam_platform_host with HostPlatform.h, its CMake targets and
 #                             orvcam_platform_host.pc
 #   component tools           the command-line programs
+#   component explore         liborvcam_explore_harness.a with Explore.h: the schedule explorer as
+#                             a harness for an integrator's own tests (needs platform_host)
 #
-# find_package(orvcam_camdeliver 0.1 REQUIRED [COMPONENTS platform_host]) gives orvcam::camdeliver,
-# orvcam::platform_api and, when installed, orvcam::platform_host.
+# find_package(orvcam_camdeliver 0.1 REQUIRED [COMPONENTS platform_host explore]) gives
+# orvcam::camdeliver, orvcam::platform_api and, when installed, orvcam::platform_host and
+# orvcam::explore.
 include(CMakePackageConfigHelpers)
 
 set_target_properties(orvcam_camdeliver PROPERTIES EXPORT_NAME camdeliver)
@@ -35,6 +38,17 @@ install(FILES platform/host/HostPlatform.h DESTINATION ${ORVCAM_INSTALL_INCLUDED
   COMPONENT platform_host)
 install(EXPORT orvcam_platform_hostTargets NAMESPACE orvcam::
   DESTINATION ${ORVCAM_INSTALL_CMAKEDIR} COMPONENT platform_host)
+
+# Not under ThreadSanitizer's build, whose archive only refuses (Explore.h).
+if(TARGET orvcam_explore_harness AND NOT CMAKE_CXX_FLAGS MATCHES "sanitize=thread")
+  set_target_properties(orvcam_explore_harness PROPERTIES EXPORT_NAME explore)
+  install(TARGETS orvcam_explore_harness
+    EXPORT orvcam_exploreTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT explore)
+  install(FILES tools/explore/Explore.h DESTINATION ${ORVCAM_INSTALL_INCLUDEDIR} COMPONENT explore)
+  install(EXPORT orvcam_exploreTargets NAMESPACE orvcam::
+    DESTINATION ${ORVCAM_INSTALL_CMAKEDIR} COMPONENT explore)
+endif()
 
 configure_package_config_file(cmake/orvcam_camdeliverConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/orvcam_camdeliverConfig.cmake

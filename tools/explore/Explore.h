@@ -94,7 +94,7 @@ void fail(const std::string& message);
 // and interleaving, instead of its address. Names last for the schedule; name the objects
 // each time the body makes them. Named objects are also told apart by name, not address, in
 // the states the search compares, so name each one once.
-void name(const void* object, const std::string& name);
+void name(const void* object, const std::string& label);
 
 // Findings, replay string and interleaving of a failed Result; the counts of a passed one.
 std::string describe(const Result& result);

@@ -309,8 +309,8 @@ Result replay(const std::string& schedule, const std::function<void()>& body) {
   return r;
 }
 
-void name(const void* object, const std::string& name) {
-  if (Scheduler::managed()) Scheduler::nameObject(object, name);
+void name(const void* object, const std::string& label) {
+  if (Scheduler::managed()) Scheduler::nameObject(object, label);
 }
 
 void fail(const std::string& message) {
