@@ -821,6 +821,15 @@ const void* selfBase() {
 void* interestingCaller(void* fallback) {
   void* frames[12];
   int n = backtrace(frames, 12);
+  // The frames from the one the interposed function returns to (`fallback`) on are the
+  // caller's: there an unnamed frame of this program is a test body's local code.
+  int from = n;
+  for (int i = 1; i < n; ++i) {
+    if (frames[i] == fallback) {
+      from = i;
+      break;
+    }
+  }
   for (int i = 1; i < n; ++i) {
     Dl_info info;
     if (!dladdr(frames[i], &info)) continue;
@@ -828,8 +837,9 @@ void* interestingCaller(void* fallback) {
         (std::strstr(info.dli_fname, "libstdc++") || std::strstr(info.dli_fname, "libc.so"))) {
       continue;
     }
-    // Unnamed frames of this program are the scheduler's own (its anonymous namespace).
-    if (!info.dli_sname && info.dli_fbase == selfBase()) continue;
+    // Unnamed frames of this program before the caller's are the scheduler's own (its
+    // anonymous namespace).
+    if (!info.dli_sname && info.dli_fbase == selfBase() && i < from) continue;
     if (info.dli_sname && (std::strncmp(info.dli_sname, "pthread_", 8) == 0 ||
                            std::strstr(info.dli_sname, "_ZN6orvcam7explore12_GLOBAL__N_1") ||
                            std::strstr(info.dli_sname, "_ZN6orvcam7explore9Scheduler"))) {
@@ -1199,6 +1209,10 @@ std::string describeAddress(void* address) {
     };
     trim(function);
     trim(location);
+    // "ns::(anonymous namespace)::f(args)" is "ns::f".
+    for (size_t at; (at = function.find("(anonymous namespace)::")) != std::string::npos;) {
+      function.erase(at, sizeof "(anonymous namespace)::" - 1);
+    }
     size_t paren = function.find('(');
     if (paren != std::string::npos) function.erase(paren);
     size_t disc = location.find(" (");
