@@ -95,6 +95,10 @@ struct JobRecord {
   // proves was written): `start` is `end` and the FD is unknown, and no rule compares the
   // start with anything.
   bool startLost = false;
+  // `sent` is when the source first saw the send (a log without the send's own line: its first
+  // wait or licence line), not the call: the call came at or before it. No rule takes such a
+  // send for one made after something else.
+  bool sentLate = false;
 };
 
 enum class LicenceEventKind { Acquired, Released, Destroyed };

@@ -171,6 +171,13 @@ void fromJson(const json& root, History* h) {
       }
       j.startLost = lost.get<bool>();
     }
+    if (o.contains("sentLate")) {
+      const json& late = o["sentLate"];
+      if (!late.is_boolean()) {
+        throw FieldError("field \"" + at(p, "sentLate") + "\": not true or false");
+      }
+      j.sentLate = late.get<bool>();
+    }
     h->jobs.push_back(j);
   });
   eachOf(root, "events", [&](const json& o, const std::string& p) {

@@ -243,6 +243,7 @@ const std::string& itemJson(JsonText& t, const JobRecord& j) {
       .num("serial", int64_t(j.serial))
       .num("fd", j.fd);
   if (j.startLost) t.boolean("startLost", true);
+  if (j.sentLate) t.boolean("sentLate", true);
   return t.end();
 }
 const std::string& itemJson(JsonText& t, const EventRecord& e) {
