@@ -229,6 +229,7 @@ TEST(Harness, ACoordinatorLockHeldAcrossABlockingSendIsADeadlockNamingBothWaits)
   Result again = replay(r.replay, body);
   ASSERT_TRUE(again.failed);
   EXPECT_TRUE(startsWith(again.findings[0], "deadlock: every live thread is blocked")) << again;
+  EXPECT_NE(again.findings[0].find("\n    sensor 1 at "), std::string::npos) << again;
 }
 
 TEST(Harness, ACleanTwoSensorBodyIsExhaustedAtBoundTwoEvenWithThreadsLeftRunning) {

@@ -29,10 +29,10 @@
 // the deliverer did in it, read from its debug log lines as camdeliver-log reads a capture:
 // the library's ordering rules, and the client protocol ("[client]" findings).
 //
-// The program that calls check() must link the explorer's scheduler (the component's
-// target does) and export its symbols, so that the library's pthread calls bind to it. It
-// cannot run in a ThreadSanitizer process, whose runtime models the same functions: there
-// check() returns a failed Result saying so.
+// The program that calls check() links the explorer's scheduler and exports its symbols, so
+// that the library's pthread calls bind to it: linking orvcam::explore does both. It cannot
+// run in a ThreadSanitizer process, whose runtime models the same functions: there check()
+// returns a failed Result saying so.
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
@@ -83,8 +83,11 @@ struct Result {
 // from an ordinary thread (a test's), not from inside an explored schedule.
 Result check(const Options& options, const std::function<void()>& body);
 
-// Runs the one schedule a Result's replay string names, with its steps.
-Result replay(const std::string& schedule, const std::function<void()>& body);
+// Runs the one schedule a Result's replay string names, with its steps. Of `options` it uses
+// stepLimit, readLog and trace (the spurious budget is in the string); give the ones the
+// search ran with.
+Result replay(const std::string& schedule, const std::function<void()>& body,
+              const Options& options = Options());
 
 // From the body or any thread it started: the schedule fails with this message (the run goes
 // on to its end). Outside check() and replay() it only prints the message.

@@ -44,7 +44,9 @@ Result refused() {
 }  // namespace
 
 Result check(const Options&, const std::function<void()>&) { return refused(); }
-Result replay(const std::string&, const std::function<void()>&) { return refused(); }
+Result replay(const std::string&, const std::function<void()>&, const Options&) {
+  return refused();
+}
 
 void fail(const std::string& message) {
   std::fprintf(stderr, "explore::fail() outside an explored schedule: %s\n", message.c_str());
@@ -230,6 +232,19 @@ bool refuseNested(Result* r) {
   return true;
 }
 
+// A recorded schedule's findings; a deadlock's with where each blocked thread waits, in the
+// body's or the library's code.
+std::vector<std::string> findingsOf(const Verdict& v) {
+  std::vector<std::string> findings = v.findings;
+  if (v.run.outcome == Outcome::Deadlock && !findings.empty()) {
+    std::string& text = findings.front();
+    text += "\n  where:";
+    for (const auto& b : v.run.blocked)
+      text += "\n    " + b.thread + " at " + describeCaller(b.caller);
+  }
+  return findings;
+}
+
 // The failing schedule, shrunk, then run again with its steps recorded.
 void describeFailure(Explorer& ex, const Verdict& found, const Options& o, Result* r) {
   Verdict v = found;
@@ -240,15 +255,7 @@ void describeFailure(Explorer& ex, const Verdict& found, const Options& o, Resul
   r->failed = true;
   r->preemptions = v.preemptions;
   r->replay = v.replay();
-  r->findings = again.failed ? again.findings : v.findings;
-  if (again.run.outcome == Outcome::Deadlock && !r->findings.empty()) {
-    // Where each blocked thread waits, in the body's or the library's code.
-    std::string& text = r->findings.front();
-    text += "\n  where:";
-    for (const auto& b : again.run.blocked) {
-      text += "\n    " + b.thread + " at " + describeCaller(b.caller);
-    }
-  }
+  r->findings = again.failed ? findingsOf(again) : v.findings;
   if (!again.failed) {
     r->findings.push_back(
         "the schedule passed when replayed: the body depends on something the scheduler does "
@@ -286,7 +293,7 @@ Result check(const Options& o, const std::function<void()>& body) {
   return r;
 }
 
-Result replay(const std::string& schedule, const std::function<void()>& body) {
+Result replay(const std::string& schedule, const std::function<void()>& body, const Options& o) {
   Result r;
   if (refuseNested(&r)) return r;
   uint32_t spurious = 0;
@@ -297,15 +304,18 @@ Result replay(const std::string& schedule, const std::function<void()>& body) {
     return r;
   }
   HarnessScope scope;
-  DebugLog debug;
-  Explorer ex(harness(body, true), spurious);
+  std::unique_ptr<DebugLog> debug;
+  if (o.readLog) debug = std::make_unique<DebugLog>();
+  Explorer ex(harness(body, o.readLog), spurious);
+  ex.setStepLimit(o.stepLimit);
   Verdict v = ex.replay(choices, true);
   r.schedules = 1;
   r.failed = v.failed;
-  r.findings = v.findings;
+  r.findings = findingsOf(v);
   r.replay = schedule;
   r.preemptions = v.preemptions;
   r.interleaving = describeSchedule(v, ex.threadNames());
+  if (o.trace) r.trace = chromeTrace(v, ex.threadNames());
   return r;
 }
 
