@@ -99,6 +99,10 @@ class Checker {
   }
 
   void index() {
+    plans_.reserve(h_.plans.size());
+    position_.reserve(h_.prepares.size());
+    preparedAt_.reserve(h_.prepares.size());
+    jobs_.reserve(h_.jobs.size());
     for (const auto& p : h_.plans) plans_[p.frame] = &p;
     for (const auto& p : h_.prepares) {
       std::vector<uint32_t>& seq = sequence_[p.sensor];
@@ -107,7 +111,9 @@ class Checker {
       keepEarliest(preparedAt_, SensorFrame{p.sensor, p.frame}, p.end > 0 ? p.end : p.at);
     }
     for (const auto& j : h_.jobs) {
-      jobs_[{j.sensor, j.frame}].push_back(&j);
+      std::vector<const JobRecord*>& jobs = jobs_[{j.sensor, j.frame}];
+      if (jobs.empty()) jobs.reserve(2);  // a configure and an enqueue, mostly
+      jobs.push_back(&j);
       if (j.ran && !h_.inContext(j.frame)) ++result_.jobsChecked;
       if (j.ran && j.startLost && !h_.inContext(j.frame)) ++result_.startsLost;
     }
@@ -150,14 +156,42 @@ class Checker {
   // A job whose start is known: only those are compared by their start.
   static bool started(const JobRecord& j) { return j.ran && !j.startLost; }
 
-  std::vector<const JobRecord*> ranJobs(uint32_t sensor, uint32_t frame) const {
-    std::vector<const JobRecord*> out;
+  // The jobs of (sensor, frame) that ran, configure first: a view of the index, not a copy
+  // (the rules ask for them several times per job of a long history).
+  class RanJobs {
+   public:
+    class Iterator {
+     public:
+      Iterator(const JobRecord* const* at, const JobRecord* const* end) : at_(at), end_(end) {
+        skip();
+      }
+      const JobRecord* operator*() const { return *at_; }
+      Iterator& operator++() {
+        ++at_;
+        skip();
+        return *this;
+      }
+      bool operator!=(const Iterator& o) const { return at_ != o.at_; }
+
+     private:
+      void skip() {
+        while (at_ != end_ && !(*at_)->ran) ++at_;
+      }
+      const JobRecord* const* at_;
+      const JobRecord* const* end_;
+    };
+    explicit RanJobs(const std::vector<const JobRecord*>* all) : all_(all) {}
+    Iterator begin() const { return Iterator(first(), last()); }
+    Iterator end() const { return Iterator(last(), last()); }
+
+   private:
+    const JobRecord* const* first() const { return all_ ? all_->data() : nullptr; }
+    const JobRecord* const* last() const { return all_ ? all_->data() + all_->size() : nullptr; }
+    const std::vector<const JobRecord*>* all_;
+  };
+  RanJobs ranJobs(uint32_t sensor, uint32_t frame) const {
     auto it = jobs_.find({sensor, frame});
-    if (it == jobs_.end()) return out;
-    for (const JobRecord* j : it->second) {
-      if (j->ran) out.push_back(j);
-    }
-    return out;
+    return RanJobs(it == jobs_.end() ? nullptr : &it->second);
   }
 
   // When the sensor counted as enqueued in the frame: its enqueue job ended, or the frame
@@ -474,9 +508,10 @@ class Checker {
     for (const auto& p : h_.plans) {
       if (h_.inContext(p.frame)) continue;
       for (uint32_t sensor : p.sensors) {
-        std::string who = sf(sensor, p.frame);
+        // Named only for a finding: most (sensor, frame)s have none.
+        auto who = [sensor, &p] { return sf(sensor, p.frame); };
         if (!position_.count({sensor, p.frame}))
-          addAbsent("delivery", 0, who + " was never prepared");
+          addAbsent("delivery", 0, who() + " was never prepared");
         constexpr Nanos kNever = INT64_MAX;
         auto flushIt = flushed_.find({sensor, p.frame});
         auto dropIt = dropped_.find({sensor, p.frame});
@@ -490,12 +525,12 @@ class Checker {
             if (j->kind == JobKind::Enqueue && j->ran && j->end < dropped) dropped = kNever;
           }
         }
-        for (const JobRecord* j :
-             it == jobs_.end() ? std::vector<const JobRecord*>{} : it->second) {
+        static const std::vector<const JobRecord*> kNone;
+        for (const JobRecord* j : it == jobs_.end() ? kNone : it->second) {
           bool licenceGone = dropped < j->end || flushed < j->end;
           if (j->kind == JobKind::Enqueue && !j->ran && !licenceGone) {
             add("delivery", j->end,
-                who + " EnqJob was not run: the send returned " + std::to_string(j->result) +
+                who() + " EnqJob was not run: the send returned " + std::to_string(j->result) +
                     " (no licence for it)");
           }
           if (!j->ran) continue;
@@ -503,20 +538,20 @@ class Checker {
           if (flushed != kNever && started(*j) && j->start >= flushed) {
             add("delivery", j->start, jobName(*j) + " ran after the frame was flushed");
           }
-          if (dropped != kNever && j->kind == JobKind::Enqueue &&
+          if (dropped != kNever && j->kind == JobKind::Enqueue && !j->sentLate &&
               j->sent > dropEnd(sensor, p.frame)) {
             note(j->sent, jobName(*j) + " was sent after the frame's drop had been reported",
                  clientrule::kSendAfterDrop);
           }
         }
         if (flushed != kNever || dropped != kNever) continue;
-        if (enqueues == 0) addAbsent("delivery", h_.wallTime, who + " was never enqueued");
+        if (enqueues == 0) addAbsent("delivery", h_.wallTime, who() + " was never enqueued");
         if (enqueues > 1)
           add("delivery", h_.wallTime,
-              who + " was enqueued " + std::to_string(enqueues) + " times");
+              who() + " was enqueued " + std::to_string(enqueues) + " times");
         size_t configured = configures + setConfigured.count({sensor, p.frame});
         if (p.needCfg.count(sensor) && configured != 1) {
-          std::string message = who + " needed configuring once but was configured " +
+          std::string message = who() + " needed configuring once but was configured " +
                                 std::to_string(configured) + " times";
           if (configured == 0) {
             addAbsent("delivery", h_.wallTime, std::move(message));

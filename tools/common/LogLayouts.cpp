@@ -4,6 +4,7 @@
 // process "L(pid) ...  (tag)", thread "L(pid:tid) ", raw (the message only), and long's
 // "[ header ]" line. Layouts that drop the tag get it back from the message's function name.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <vector>
 
@@ -209,20 +210,22 @@ bool readStudio(std::string_view s, size_t p, LogLine* out) {
 
 // "[uid] pid tid L tag: message" after the time.
 bool readThreadTime(std::string_view s, size_t p, LogLine* out) {
-  std::vector<std::string_view> fields;
-  while (p < s.size() && fields.size() < 4) {
+  // At most four fields before the level; on the stack, as this runs for every line.
+  std::array<std::string_view, 4> fields;
+  size_t count = 0;
+  while (p < s.size() && count < fields.size()) {
     size_t end = s.find(' ', p);
     if (end == std::string_view::npos) return false;
     std::string_view field = s.substr(p, end - p);
     p = end;
     skipSpaces(s, &p);
-    if (field.size() == 1 && isLevel(field[0]) && fields.size() >= 2) {
+    if (field.size() == 1 && isLevel(field[0]) && count >= 2) {
       out->level = field[0];
       break;
     }
-    fields.push_back(field);
+    fields[count++] = field;
   }
-  if (out->level == '?' || fields.size() < 2) return false;
+  if (out->level == '?' || count < 2) return false;
   auto number = [](std::string_view f, int* v) {
     size_t colon = f.rfind(':');  // "uid:pid"
     if (colon != std::string_view::npos) f = f.substr(colon + 1);
@@ -232,7 +235,7 @@ bool readThreadTime(std::string_view s, size_t p, LogLine* out) {
     *v = int(n);
     return true;
   };
-  if (!number(fields[fields.size() - 2], &out->pid) || !number(fields.back(), &out->tid)) {
+  if (!number(fields[count - 2], &out->pid) || !number(fields[count - 1], &out->tid)) {
     return false;
   }
   size_t colon = s.find(": ", p);

@@ -130,16 +130,38 @@ std::string_view stripColour(std::string_view raw, std::string* buffer) {
   return *buffer;
 }
 
+namespace {
+
+// Whether `text` holds a byte below 0x20 other than a tab or a carriage return. Every byte of
+// the file passes here, so eight are looked at at once: a word is taken byte by byte only
+// when it has some byte below 0x20 (a tab, mostly).
+bool hasControlBytes(std::string_view text) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHighs = 0x8080808080808080ULL;
+  auto control = [](unsigned char u) { return u < 0x20 && u != '\t' && u != '\r'; };
+  size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    // Nonzero exactly when some byte is below 0x20 (the classic "has a byte less than n").
+    if (((word - kOnes * 0x20) & ~word & kHighs) == 0) continue;
+    for (size_t k = i; k < i + 8; ++k) {
+      if (control(static_cast<unsigned char>(text[k]))) return true;
+    }
+  }
+  for (; i < text.size(); ++i) {
+    if (control(static_cast<unsigned char>(text[i]))) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 void LogReader::addLine(std::string_view raw) {
   ++total_;
   raw = stripColour(raw, &colourFree_);
   // Text logs hold no NUL and few control bytes; anything else is not a log.
-  size_t controls = 0;
-  for (char c : raw) {
-    unsigned char u = static_cast<unsigned char>(c);
-    if (u == 0 || (u < 0x20 && u != '\t' && u != '\r')) ++controls;
-  }
-  if (controls > 0) {
+  if (hasControlBytes(raw)) {
     if (!binary_) firstBinaryLine_ = total_;
     binary_ = true;
     ++binaryLines_;
@@ -321,6 +343,7 @@ struct LineScope {
   std::map<int, bool>& eventOpen;    // tid -> lines still belong to it
   SensorFrame& scratch;
   FrameInfo& scratchFrame;
+  detail::StateCache& cache;
   const LogLine& line;
   Nanos at = 0;
   std::string_view text, func, rest, tail;
@@ -391,6 +414,10 @@ struct LineScope {
     return scratchFrame;
   }
   SensorFrame& state(uint32_t s, uint32_t f) {
+    if (cache.state && cache.sensor == s && cache.frame == f) {
+      if (cache.info->firstSeen == 0 && cache.info->sensors.empty()) cache.info->firstSeen = at;
+      return *cache.state;
+    }
     if (gone(f)) {
       scratch = SensorFrame();
       return scratch;
@@ -402,6 +429,7 @@ struct LineScope {
     FrameInfo& fi = r.frames[f];
     if (fi.firstSeen == 0 && fi.sensors.empty()) fi.firstSeen = at;
     fi.frame = f;
+    cache = {s, f, &st, &fi};
     return st;
   }
   void noteSensor(uint32_t s) {
@@ -918,8 +946,9 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   bool hasSF = readSensorFrame(text, &after, &sensor, &frame);
   std::string_view tail = hasSF ? text.substr(after) : std::string_view();
 
-  LineScope l{r,    r.history, c.lastEvent, c.eventOpen, c.scratch, c.scratchFrame, line, at,
-              text, func,      rest,        tail,        sensor,    frame,          hasSF};
+  LineScope l{r,     r.history, c.lastEvent, c.eventOpen, c.scratch, c.scratchFrame, c.stateCache,
+              line,  at,        text,        func,        rest,      tail,           sensor,
+              frame, hasSF};
   l.lineNo = total_;
   if (hasSF && l.gone(frame)) ++r.linesForSettled;
   remember();
@@ -1016,6 +1045,7 @@ void appendJobs(const Run& r, const SensorFrame& st, std::vector<sim::JobRecord>
     j.result = st.enqNull ? -1 : 0;
     j.fd = st.enqFd;
     j.startLost = st.enqStartLost;
+    j.sentLate = !st.enqSentSeen;
     jobs->push_back(j);
   }
 }
@@ -1260,6 +1290,7 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
   if (listener_) listener_(r, std::move(part));
 
   for (uint32_t f : leaving) {
+    c.stateCache = {};
     for (uint32_t s : r.sensorsSeen) r.states.erase({s, f});
     r.frames.erase(f);
   }

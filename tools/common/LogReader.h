@@ -271,6 +271,16 @@ struct CaptureEnd {
 // False with `error` naming what is wrong.
 bool parseCaptureEnd(const std::string& text, CaptureEnd* out, std::string* error);
 
+namespace detail {
+// The (sensor, frame) a session's lines named last and where its records are: most lines
+// name the same pair as the line before. Valid until the session's frames are settled.
+struct StateCache {
+  uint32_t sensor = 0, frame = 0;
+  SensorFrame* state = nullptr;  // null: empty
+  FrameInfo* info = nullptr;
+};
+}  // namespace detail
+
 class LogReader {
  public:
   // A silence this long between two lines of one process, followed by a preparation at
@@ -358,6 +368,7 @@ class LogReader {
     size_t nextSettleAt = 0;            // frames held when settling is tried next
     SensorFrame scratch;                // what a line about a frame that left memory writes to
     FrameInfo scratchFrame;
+    detail::StateCache stateCache;  // emptied whenever frames leave memory
   };
   void handle(Context& c, const LogLine& line, int64_t fileAt);
   Nanos newestAt(const Context& c) const {
