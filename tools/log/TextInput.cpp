@@ -1,5 +1,7 @@
 #include "TextInput.h"
 
+#include <cstring>
+
 namespace orvcam {
 namespace logread {
 
@@ -59,24 +61,42 @@ void TextInput::detect() {
 }
 
 bool TextInput::next(std::string* line) {
-  if (!detected_) detect();
+  if (!detected_) {
+    detect();
+    // The bytes read to detect the encoding begin the text.
+    text_.assign(buffer_.begin() + long(pos_), buffer_.end());
+    textEnd_ = text_.size();
+  }
   if (encoding_ == Encoding::Utf16Le || encoding_ == Encoding::Utf16Be) return nextUtf16(line);
-  if (pos_ < buffer_.size()) {
-    // The bytes read to detect the encoding begin the first line.
-    std::string head = buffer_.substr(pos_);
-    size_t end = head.find('\n');
-    if (end != std::string::npos) {
-      *line = head.substr(0, end);
-      pos_ += end + 1;
+  // Lines are cut from blocks read ahead into one buffer, allocated once: one copy of each
+  // line and a memchr for its end, instead of a stream call per byte.
+  size_t scanned = textPos_;
+  for (;;) {
+    const char* base = text_.data();
+    const void* nl = std::memchr(base + scanned, '\n', textEnd_ - scanned);
+    if (nl) {
+      size_t end = size_t(static_cast<const char*>(nl) - base);
+      line->assign(base + textPos_, end - textPos_);
+      textPos_ = end + 1;
       return true;
     }
-    pos_ = buffer_.size();
-    std::string rest;
-    std::getline(in_, rest);
-    *line = head + rest;
-    return true;
+    if (atEnd_) {
+      if (textPos_ >= textEnd_) return false;
+      line->assign(base + textPos_, textEnd_ - textPos_);  // no line end after it
+      textPos_ = textEnd_;
+      return true;
+    }
+    // Keep the unfinished line, then read the next block behind it.
+    size_t kept = textEnd_ - textPos_;
+    std::memmove(text_.data(), base + textPos_, kept);
+    if (text_.size() < kept + kBlock) text_.resize(kept + kBlock);
+    in_.read(text_.data() + kept, std::streamsize(kBlock));
+    size_t got = size_t(in_.gcount());
+    atEnd_ = got < kBlock;
+    textEnd_ = kept + got;
+    textPos_ = 0;
+    scanned = kept;
   }
-  return bool(std::getline(in_, *line));
 }
 
 long TextInput::unit() {

@@ -6,6 +6,7 @@
 // it off).
 #include <istream>
 #include <string>
+#include <vector>
 
 namespace orvcam {
 namespace logread {
@@ -32,8 +33,13 @@ class TextInput {
   std::istream& in_;
   bool detected_ = false;
   Encoding encoding_ = Encoding::Utf8;
-  std::string buffer_;  // raw bytes read ahead, from `pos_`
+  std::string buffer_;  // UTF-16: raw bytes read ahead, from `pos_`
   size_t pos_ = 0;
+  // UTF-8: the text read ahead, [textPos_, textEnd_) not yet handed on.
+  static constexpr size_t kBlock = 1 << 18;
+  std::vector<char> text_;
+  size_t textPos_ = 0, textEnd_ = 0;
+  bool atEnd_ = false;
 };
 
 }  // namespace logread
