@@ -25,10 +25,32 @@ int64_t tickOf(size_t digits) {
   return tick;
 }
 
+// The whole seconds of the stamp read last, by its text up to and with its '.': a capture's
+// lines mostly share them with the line before, and only the fraction is new.
+struct SecondsCache {
+  char text[32] = {};
+  size_t length = 0;  // 0: empty
+  int64_t seconds = 0;
+};
+thread_local SecondsCache gSeconds;
+
 // "[YYYY-]MM-DD HH:MM:SS.fff[fff[fff]]" -> nanoseconds from the start of a (leap) year.
 bool readClockTime(std::string_view s, size_t* pos, int64_t* ns, int64_t* tick) {
   static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
-  size_t p = *pos;
+  const size_t start = *pos;
+  size_t p = start;
+  size_t dot = s.find('.', p);
+  size_t length = dot == std::string_view::npos ? 0 : dot + 1 - p;  // with the '.'
+  if (length > 0 && length == gSeconds.length &&
+      std::memcmp(s.data() + p, gSeconds.text, length) == 0) {
+    size_t q = p + length;
+    int64_t frac = 0;
+    if (!readNumber(s, &q, &frac) || q - (p + length) > 9) return false;
+    *tick = tickOf(q - (p + length));
+    *ns = gSeconds.seconds * 1000000000LL + frac * *tick;
+    *pos = q;
+    return true;
+  }
   int64_t a = 0, month = 0, day = 0, h = 0, m = 0, sec = 0;
   if (!readNumber(s, &p, &a) || !expect(s, &p, '-')) return false;
   if (a > 12) {  // a year came first
@@ -49,9 +71,14 @@ bool readClockTime(std::string_view s, size_t* pos, int64_t* ns, int64_t* tick) 
   *tick = tickOf(digits);
   frac *= *tick;
   int64_t days = kDaysBefore[month - 1] + day - 1;
-  *ns = ((days * 24 + h) * 60 + m) * 60 + sec;
-  *ns = *ns * 1000000000LL + frac;
+  int64_t seconds = ((days * 24 + h) * 60 + m) * 60 + sec;
+  *ns = seconds * 1000000000LL + frac;
   *pos = p;
+  if (length > 0 && length <= sizeof gSeconds.text && fracStart == start + length) {
+    std::memcpy(gSeconds.text, s.data() + start, length);
+    gSeconds.length = length;
+    gSeconds.seconds = seconds;
+  }
   return true;
 }
 
