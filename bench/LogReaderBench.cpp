@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@
 #include "LogReader.h"
 #include "LogReport.h"
 #include "Report.h"
+#include "TextInput.h"
 
 #include <unistd.h>
 
@@ -136,8 +138,8 @@ BENCHMARK(BM_ReadAndCheckLog)->Arg(1000000)->Unit(benchmark::kMillisecond)->Iter
 // history and scenario are written there as camdeliver-log writes them (a second thread
 // formats and writes the trace and history). Returns the pass's seconds; `peakMb` is how far
 // the process's resident memory rose above what it held before; `error` is set on a failure.
-double readPass(size_t lines, const std::filesystem::path* dir, double* peakMb,
-                std::string* error) {
+double readPass(const std::function<void(const std::function<void(std::string_view)>&)>& source,
+                const std::filesystem::path* dir, double* peakMb, std::string* error) {
   using namespace orvcam;
   resetPeakRss();
   double before = statusMb("VmRSS");
@@ -161,7 +163,7 @@ double readPass(size_t lines, const std::filesystem::path* dir, double* peakMb,
         history->add(std::move(part));  // last: it keeps the part
       });
     }
-    generateLog(lines, [&](std::string_view raw) { reader.addLine(raw); });
+    source([&](std::string_view raw) { reader.addLine(raw); });
     std::vector<logread::Run> runs = reader.finish();
     logread::Analysis a = logread::analyse(runs.front());
     if (dir) {
@@ -177,11 +179,6 @@ double readPass(size_t lines, const std::filesystem::path* dir, double* peakMb,
     if (runs.front().settledFrames == 0) *error = "no frame settled";
   }
   double seconds = secondsSince(start);
-  {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    fprintf(stderr, "main cpu %.2f wall %.2f\n", ts.tv_sec + ts.tv_nsec / 1e9, seconds);
-  }
   *peakMb = std::max(*peakMb, statusMb("VmHWM") - before);
   return seconds;
 }
@@ -217,9 +214,12 @@ void BM_LongCapture(benchmark::State& state) {
     parseSeconds += secondsSince(start);
 
     std::string error;
-    readSeconds += readPass(lines, nullptr, &peakMb, &error);
+    auto generated = [lines](const std::function<void(std::string_view)>& sink) {
+      generateLog(lines, sink);
+    };
+    readSeconds += readPass(generated, nullptr, &peakMb, &error);
     fs::create_directories(dir);
-    outputsSeconds += readPass(lines, &dir, &outputsPeakMb, &error);
+    outputsSeconds += readPass(generated, &dir, &outputsPeakMb, &error);
     if (!error.empty()) state.SkipWithError(error.c_str());
     outputMb = 0;
     for (const auto& f : fs::directory_iterator(dir)) outputMb += double(f.file_size()) / 1e6;
@@ -237,5 +237,69 @@ void BM_LongCapture(benchmark::State& state) {
   state.SetItemsProcessed(int64_t(n));
 }
 BENCHMARK(BM_LongCapture)->Arg(10000000)->Unit(benchmark::kMillisecond)->Iterations(1);
+
+// `grep -c OrvCam FILE`'s seconds, run as a program; -1 when it failed or counted otherwise.
+double grepSeconds(const std::string& file, size_t lines) {
+  auto start = std::chrono::steady_clock::now();
+  // Its count goes to a pipe: grep stops at the first match when its output is /dev/null.
+  FILE* out = popen(("grep -c OrvCam '" + file + "'").c_str(), "r");
+  if (!out) return -1;
+  char buf[64] = {};
+  bool read = std::fgets(buf, sizeof buf, out) != nullptr;
+  int rc = pclose(out);
+  double seconds = secondsSince(start);
+  return read && rc == 0 && std::strtoull(buf, nullptr, 10) == lines ? seconds : -1;
+}
+
+// A capture file read as camdeliver-log reads one (its text input, the reader, the analysis;
+// then also with its trace, history and scenario), against `grep -c` of the same file, each
+// run back to back on a file the page cache holds, so that their ratios hold on a loaded
+// machine: `vs_grep` without outputs, `outputs_vs_grep` with them (target: 10 or less).
+void BM_CaptureFileVsGrep(benchmark::State& state) {
+  using namespace orvcam;
+  namespace fs = std::filesystem;
+  size_t lines = size_t(state.range(0));
+  std::string tag = std::to_string(getpid());
+  fs::path file = fs::temp_directory_path() / ("camdeliver-log-bench-" + tag + ".log");
+  fs::path dir = fs::temp_directory_path() / ("camdeliver-log-bench-out-" + tag);
+  size_t written = 0;  // the generator ends a frame it began
+  {
+    std::ofstream out(file, std::ios::binary);
+    generateLog(lines, [&](std::string_view raw) {
+      out << raw << '\n';
+      ++written;
+    });
+  }
+  auto fromFile = [&file](const std::function<void(std::string_view)>& sink) {
+    std::ifstream in(file, std::ios::binary);
+    logread::TextInput input(in);
+    std::string line;
+    while (input.next(&line)) sink(line);
+  };
+  double grep = 0, read = 0, outputs = 0, peakMb = 0;
+  std::string error;
+  grepSeconds(file.string(), written);  // the file into the page cache
+  for (auto _ : state) {
+    double g = grepSeconds(file.string(), written);
+    if (g < 0) {
+      state.SkipWithError("grep -c failed or miscounted");
+      break;
+    }
+    grep += g;
+    read += readPass(fromFile, nullptr, &peakMb, &error);
+    fs::create_directories(dir);
+    outputs += readPass(fromFile, &dir, &peakMb, &error);
+    fs::remove_all(dir);
+    if (!error.empty()) state.SkipWithError(error.c_str());
+  }
+  fs::remove(file);
+  double iterations = double(std::max<int64_t>(1, int64_t(state.iterations())));
+  state.counters["grep_seconds"] = grep / iterations;
+  state.counters["read_seconds"] = read / iterations;
+  state.counters["vs_grep"] = grep > 0 ? read / grep : 0;
+  state.counters["outputs_vs_grep"] = grep > 0 ? outputs / grep : 0;
+  state.SetItemsProcessed(int64_t(iterations * double(written)));
+}
+BENCHMARK(BM_CaptureFileVsGrep)->Arg(2000000)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 }  // namespace
