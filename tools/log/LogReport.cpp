@@ -772,6 +772,19 @@ void TraceWriter::appendSensorFrame(uint32_t sensor, uint32_t frame) {
   appendNumber(frame);
 }
 
+// "Drop S:1 F:12 value:0", or "flush()" for the deliverer's flush.
+void TraceWriter::appendEventName(const Item& it) {
+  if (sim::EventKind(it.detail) == sim::EventKind::QueueFlush) {
+    name_ += "flush()";
+    return;
+  }
+  name_ += sim::eventKindName(sim::EventKind(it.detail));
+  name_ += ' ';
+  appendSensorFrame(it.sensor, it.frame);
+  name_ += " value:";
+  appendNumber(it.value);
+}
+
 void TraceWriter::write(const std::vector<Item>& items) {
   for (const Item& item : items) writeItem(item);
 }
@@ -817,15 +830,7 @@ void TraceWriter::writeItem(const Item& it) {
           .num("id", it.frame);
       break;
     case K::Event:
-      if (sim::EventKind(it.detail) == sim::EventKind::QueueFlush) {
-        name_ += "flush()";
-      } else {
-        name_ += sim::eventKindName(sim::EventKind(it.detail));
-        name_ += ' ';
-        sensorFrame();
-        name_ += " value:";
-        number(it.value);
-      }
+      appendEventName(it);
       event(name_, "event", "i", it.ts, it.tid).str("s", "t");
       break;
     case K::Counter:
@@ -951,15 +956,7 @@ void TraceWriter::writePerfetto(const Item& it) {
       seq.end(buf, ts(it.ts), pftrace::trackUuid(pftrace::TrackKind::Async, it.frame));
       break;
     case K::Event:
-      if (sim::EventKind(it.detail) == sim::EventKind::QueueFlush) {
-        name_ += "flush()";
-      } else {
-        name_ += sim::eventKindName(sim::EventKind(it.detail));
-        name_ += ' ';
-        sensorFrame();
-        name_ += " value:";
-        number(it.value);
-      }
+      appendEventName(it);
       seq.event(buf, pftrace::kInstant, ts(it.ts), kEventsTrack, "event", name_, false);
       break;
     case K::Counter: seq.counter(buf, ts(it.ts), counterTrack(it.detail != 0), it.value); break;

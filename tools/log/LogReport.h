@@ -208,6 +208,7 @@ class TraceWriter {
   // Append to name_.
   void appendNumber(int64_t v);
   void appendSensorFrame(uint32_t sensor, uint32_t frame);
+  void appendEventName(const Item& it);
   // Starts an event of the common shape, or a metadata event, in text_; emit() writes it.
   JsonText& event(std::string_view name, const char* cat, const char* ph, Nanos ts, int tid);
   JsonText& meta(const char* name, int tid);
