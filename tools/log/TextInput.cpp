@@ -72,8 +72,9 @@ bool TextInput::next(std::string* line) {
   // line and a memchr for its end, instead of a stream call per byte.
   size_t scanned = textPos_;
   for (;;) {
-    const char* base = text_.data();
-    const void* nl = std::memchr(base + scanned, '\n', textEnd_ - scanned);
+    const char* base = text_.data();  // null before the first block
+    const void* nl =
+        textEnd_ > scanned ? std::memchr(base + scanned, '\n', textEnd_ - scanned) : nullptr;
     if (nl) {
       size_t end = size_t(static_cast<const char*>(nl) - base);
       line->assign(base + textPos_, end - textPos_);
@@ -88,7 +89,7 @@ bool TextInput::next(std::string* line) {
     }
     // Keep the unfinished line, then read the next block behind it.
     size_t kept = textEnd_ - textPos_;
-    std::memmove(text_.data(), base + textPos_, kept);
+    if (kept > 0) std::memmove(text_.data(), base + textPos_, kept);
     if (text_.size() < kept + kBlock) text_.resize(kept + kBlock);
     in_.read(text_.data() + kept, std::streamsize(kBlock));
     size_t got = size_t(in_.gcount());
