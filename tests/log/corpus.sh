@@ -58,7 +58,11 @@ for seed in 1 2 3 4 5 6 7 8; do
   rc=0; "$log" "$work/lossy.log" >"$work/log.out" 2>&1 || rc=$?
   [ "$rc" = 0 ] || fail "lossy.log (seed $seed): exit $rc"
   "$log" --window 4 "$work/lossy.log" >"$work/window.out" 2>&1 || true
-  cmp -s "$work/log.out" "$work/window.out" || fail "lossy.log (seed $seed): differs with --window 4"
+  cmp -s "$work/log.out" "$work/window.out" || {
+    cp "$work/lossy.log" "$work/lossy-$seed-window.log"  # kept for a look
+    diff "$work/log.out" "$work/window.out"
+    fail "lossy.log (seed $seed): differs with --window 4 (kept as lossy-$seed-window.log)"
+  }
 done
 # A capture cut at any line is never a hang.
 total=$(wc -l <"$work/run.log")
