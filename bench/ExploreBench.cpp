@@ -5,13 +5,27 @@
 // Counters: schedules_per_s (the depth-first search at preemption bound 1, one spurious
 // wake-up), plain_runs_per_s, and schedule_over_plain_run, the time of one schedule divided
 // by the time of one plain run.
+//
+// camdeliver-harness-bench (this file with ORVCAM_HARNESS_BENCH): the same for an
+// integrator's test under the harness (Explore.h), which links the library as it is and not
+// the explorer's instrumented copy, so it is a program of its own. BM_HarnessSchedules runs
+// check() at bound 2 without spurious wake-ups, as the test does, on the clean coordinator of
+// tests/explore/CoordinatorUnderTest.h (argument 0: its drop path, 1: its flush path), and
+// plain runs of the same body on real threads. Counters: schedules_per_second,
+// plain_runs_per_second and schedule_over_plain_run (the time of one schedule divided by the
+// time of one plain run).
 #include <benchmark/benchmark.h>
 
 #include <chrono>
 
+#if defined(ORVCAM_HARNESS_BENCH)
+#include "CoordinatorUnderTest.h"
+#include "Explore.h"
+#else
 #include "Client.h"
 #include "Explorer.h"
 #include "Scenario.h"
+#endif
 
 namespace {
 
@@ -21,6 +35,42 @@ using namespace orvcam;
 double since(Clock::time_point t0) {
   return std::chrono::duration<double>(Clock::now() - t0).count();
 }
+
+#if defined(ORVCAM_HARNESS_BENCH)
+
+void BM_HarnessSchedules(benchmark::State& state) {
+  using coordinator_under_test::Bug;
+  using coordinator_under_test::Path;
+  const Path path = state.range(0) == 0 ? Path::Drop : Path::Flush;
+  auto body = [path] { coordinator_under_test::runSession(path, Bug::None); };
+  explore::Options options;  // the search of the test: bound 2, no spurious wake-ups
+  options.preemptions = 2;
+  options.spurious = 0;
+  const int kPlainRuns = 500;
+  double exploreSeconds = 0, plainSeconds = 0;
+  uint64_t schedules = 0, plainRuns = 0;
+  for (auto _ : state) {
+    auto t0 = Clock::now();
+    explore::Result r = explore::check(options, body);
+    exploreSeconds += since(t0);
+    schedules += r.schedules;
+    if (r.failed || !r.exhausted) {
+      state.SkipWithError("the clean coordinator failed or was not exhausted");
+      return;
+    }
+    t0 = Clock::now();
+    for (int i = 0; i < kPlainRuns; ++i) body();
+    plainSeconds += since(t0);
+    plainRuns += kPlainRuns;
+  }
+  state.counters["schedules_per_second"] = double(schedules) / exploreSeconds;
+  state.counters["plain_runs_per_second"] = double(plainRuns) / plainSeconds;
+  state.counters["schedule_over_plain_run"] =
+      (exploreSeconds / double(schedules)) / (plainSeconds / double(plainRuns));
+}
+BENCHMARK(BM_HarnessSchedules)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+#else
 
 void BM_ExploreTwoSensorSync(benchmark::State& state) {
   sim::Scenario scenario;
@@ -56,5 +106,7 @@ void BM_ExploreTwoSensorSync(benchmark::State& state) {
       (exploreSeconds / double(schedules)) / (plainSeconds / double(plainRuns));
 }
 BENCHMARK(BM_ExploreTwoSensorSync)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+#endif
 
 }  // namespace
