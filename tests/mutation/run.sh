@@ -32,8 +32,9 @@ sim_stall_timeout=3   # seconds without progress before the simulator gives up
 test_targets=(delivery_concurrency_test delivery_guard_test delivery_license_plan_test
   delivery_death_test foundation_license_queue_test foundation_frames_test)
 # Left out: programs not built here (the simulator's and the log tool's own tests), and
-# packaging checks, and the explorer's full table (label explore; the explorer runs below instead).
-test_exclude='_NOT_BUILT$|^library_exports$|^consumer_package$|^sim_|^log_|^explore_'
+# packaging checks (the installed package's consumers, the example coordinator), and the
+# explorer's full table (label explore; the explorer runs below instead).
+test_exclude='_NOT_BUILT$|^library_exports$|^consumer_package$|^example_coordinator$|^sim_|^log_|^explore_'
 random_batch=(--random 40 --seed 7)  # generated scenarios, free call orders included
 # camdeliver-explore on every configuration of scenarios/explore: the first schedules of the
 # depth-first search with at most one preemption; a failing schedule counts only when its
