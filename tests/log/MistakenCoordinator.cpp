@@ -119,18 +119,21 @@ void sendAfterDrop(Coordinator& c) {
 
 // Sensors 0 and 1 are synchronised; sensor 1 prepares frame 1 and never sends it, so sensor
 // 0's send of frame 2 waits for ever. The coordinator logs nothing more: its capture ends with
-// the wait line. A watchdog of the test's ends the process after `seconds`.
-void hung(Coordinator& c, double seconds) {
+// the wait line. A watchdog ends the process once the send has written that line (the guard
+// writes it right before the thread sleeps), or after 5 s with exit 1 if it never does.
+void hung(Coordinator& c) {
   c.emplace(1, {0, 1}, {0, 1});
   c.emplace(2, {0, 1}, {0, 1});
   c.prepare(0, 1);
   c.prepare(1, 1);
   c.enqueue(0, 1);
   c.prepare(0, 2);
-  std::thread([seconds] {
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  static orvcam::host::LogCapture* capture = new orvcam::host::LogCapture(/*echo=*/true);
+  std::thread([] {
+    bool asleep =
+        capture->waitFor("[operator()] [S:0 F:2][EnqJob] wait previous syncframe enque ...");
     std::fflush(stderr);
-    std::_Exit(0);
+    std::_Exit(asleep ? 0 : 1);
   }).detach();
   c.enqueue(0, 2);
 }
@@ -172,7 +175,7 @@ int main(int argc, char** argv) {
   } else if (mode == "send-after-drop") {
     sendAfterDrop(c);
   } else if (mode == "hung") {
-    hung(c, argc > 2 ? std::atof(argv[2]) : 1.0);
+    hung(c);
   } else if (mode == "flush") {
     flush(c);
   } else {
