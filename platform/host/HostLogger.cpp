@@ -212,21 +212,7 @@ void writeAll(int fd, const char* p, size_t left) {
   }
 }
 
-// The single entry of every sink. The line is stamped, formatted and written with one write
-// under the logger's lock, so lines of different threads never interleave and appear in the
-// order of their timestamps. A line that fits the stack buffer allocates nothing.
-void writeLine(char level, const char* tag, const char* message, size_t length,
-               orvcam::host::LogLine::Sink sink) {
-  if (tag == nullptr) tag = "";
-  bool isAssert = sink == orvcam::host::LogLine::Sink::Assert;
-  LoggerState& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  bool toStderr = isAssert || s.capture == nullptr;
-  if (s.capture != nullptr) {
-    toStderr = toStderr || s.captureEchoes;
-    s.capture->add({level, tag, std::string(message, length), sink});
-  }
-  if (!toStderr) return;
+void writeStderr(char level, const char* tag, const char* message, size_t length) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   char stamp[32];
@@ -240,6 +226,22 @@ void writeLine(char level, const char* tag, const char* message, size_t length,
   std::string big(n, '\0');
   formatLogcat(&big[0], n, stamp, stampLength, level, tag, message, length, true);
   writeAll(STDERR_FILENO, big.data(), n);
+}
+
+// The single entry of every sink. The line is stamped, formatted and written with one write
+// under the logger's lock, so lines of different threads never interleave and appear in the
+// order of their timestamps. A line that fits the stack buffer allocates nothing.
+void writeLine(char level, const char* tag, const char* message, size_t length,
+               orvcam::host::LogLine::Sink sink) {
+  if (tag == nullptr) tag = "";
+  bool isAssert = sink == orvcam::host::LogLine::Sink::Assert;
+  LoggerState& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  bool toStderr = isAssert || s.capture == nullptr || s.captureEchoes;
+  // Written before the capture hears of it: a thread that waits on the capture for this line
+  // (and may end the process once it is there) finds it on stderr too.
+  if (toStderr) writeStderr(level, tag, message, length);
+  if (s.capture != nullptr) s.capture->add({level, tag, std::string(message, length), sink});
 }
 
 char ulogLevelLetter(int level) {
