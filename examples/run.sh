@@ -56,4 +56,18 @@ run() {
 }
 run debug --log-level debug
 run verbose --log-level verbose --sensors 4 --frames 90
+
+# Built where the install has the explorer's harness (an uninstrumented build with the tools).
+explorer=$work/coordinator/camdeliver-example-explore
+if [ -x "$explorer" ]; then
+  # Bound 1 of the flush path is 400,000 schedules (three minutes here): it runs at bound 0
+  # in CI, the drop and in-flight paths (47,000 and 78,000 schedules) at bound 1.
+  step "explore the drop and in-flight paths at bound 1, the flush path at bound 0"
+  timeout 600 "$explorer" --path drop --path inflight --preemptions 1 ||
+    { echo "FAIL: the explored example failed"; exit 1; }
+  timeout 600 "$explorer" --path flush --preemptions 0 ||
+    { echo "FAIL: the explored example failed"; exit 1; }
+else
+  step "camdeliver-example-explore not built: the install has no explore component"
+fi
 echo "example checks passed"

@@ -40,7 +40,7 @@ class EnqueueJob : public cc::ReqBaseJob {
  public:
   explicit EnqueueJob(std::chrono::microseconds work) : mWork(work) {}
   int32_t execute() override {
-    std::this_thread::sleep_for(mWork);
+    if (mWork.count() > 0) std::this_thread::sleep_for(mWork);
     CamDeliver::IPipeMgr::getInstance()->releaseLicense(mpLicense, false, false);
     return 0;  // what sendJobForEnque() returns to the request thread
   }
@@ -58,16 +58,13 @@ bool FramePlan::has(uint32_t s) const {
   return false;
 }
 
-// The session's script. Sensor 0 streams throughout; sensor 1 until the raw switch, in frame
-// sync with sensor 0; sensor 2 from the raw switch on, on its own; sensors 3 and up throughout,
-// on their own. The events are spread over the run so that each happens with frames in flight.
-Plan makePlan(const Options& o) {
-  Plan plan;
+namespace {
+
+// Frame by frame, the script of `plan`'s events (its frame numbers set) for o.frames frames.
+// Sensor 0 streams throughout; sensor 1 until the raw switch, in frame sync with sensor 0;
+// sensor 2 from the raw switch on, on its own; sensors 3 and up throughout, on their own.
+void addFrames(Plan& plan, const Options& o) {
   const uint32_t first = kFirstFrame;
-  plan.dropFrame = first + o.frames / 6;
-  plan.flushFrame = first + o.frames / 3;
-  plan.inflightFrame = first + o.frames / 2;
-  plan.rawSwitchFrame = first + o.frames * 2 / 3;
   for (uint32_t f = first; f < first + o.frames; ++f) {
     FramePlan p;
     p.frameNo = f;
@@ -78,7 +75,7 @@ Plan makePlan(const Options& o) {
     // The pair is synchronised up to and including the raw-switch frame, where sensor 1 still
     // takes part (as the sensor going off).
     if (f <= plan.rawSwitchFrame) p.syncList = {0, 1};
-    if (f == first) {
+    if (f == first && plan.configureAtStart) {
       // Session start: every streaming sensor is configured. Sensor 1 shows the other way:
       // its mode is already right (say the previous session left it so), so it only reports
       // setConfigured(), which hands the unused configure licence back.
@@ -98,6 +95,47 @@ Plan makePlan(const Options& o) {
     }
     plan.frames.push_back(std::move(p));
   }
+}
+
+}  // namespace
+
+// The session's script: the events are spread over the run so that each happens with frames
+// in flight.
+Plan makePlan(const Options& o) {
+  Plan plan;
+  plan.dropFrame = kFirstFrame + o.frames / 6;
+  plan.flushFrame = kFirstFrame + o.frames / 3;
+  plan.inflightFrame = kFirstFrame + o.frames / 2;
+  plan.rawSwitchFrame = kFirstFrame + o.frames * 2 / 3;
+  addFrames(plan, o);
+  return plan;
+}
+
+Options smallOptions() {
+  Options o;
+  o.frames = 2;
+  o.sensors = 2;
+  o.frameInterval = std::chrono::microseconds(0);
+  o.jobsTakeTime = false;
+  o.watchdog = false;
+  return o;
+}
+
+// No raw switch (sensor 1 streams throughout, in sync with sensor 0), no configuration, and
+// one event: sensor 1's request for frame 2 dropped; frame 2 flushed; or sensor 1 reported
+// with nothing in flight before frame 2's record.
+Plan makeSmallPlan(Event event) {
+  Plan plan;
+  plan.rawSwitchFrame = UINT32_MAX;
+  plan.flushCount = 0;
+  plan.configureAtStart = false;
+  if (event == Event::Drop) plan.dropFrame = 2;
+  if (event == Event::Flush) {
+    plan.flushFrame = 2;
+    plan.flushCount = 1;
+  }
+  if (event == Event::Inflight) plan.inflightFrame = 2;
+  addFrames(plan, smallOptions());
   return plan;
 }
 
@@ -257,7 +295,7 @@ void Coordinator::sendFrame(uint32_t sensor, const FramePlan& p) {
   // raw-switch rule), runs the job under its licence and returns the job's result, or -1 when
   // the licence was gone (flushed or dropped) and the job did not run.
   thread_local std::minstd_rand rng(sensor + 1);
-  auto work = std::chrono::microseconds(300 + rng() % 1200);
+  auto work = std::chrono::microseconds(mOptions.jobsTakeTime ? 300 + rng() % 1200 : 0);
   watch.frameNo = f;
   watch.since = nowNs();
   int32_t result = mDeliver->sendJobForEnque(sensor, f, std::make_shared<EnqueueJob>(work));
@@ -463,10 +501,11 @@ Summary Coordinator::run() {
   threads.emplace_back([this] { pipelineLoop(); });
   for (uint32_t s = 0; s < mOptions.sensors; ++s)
     threads.emplace_back([this, s] { sensorLoop(s); });
-  std::thread watchdog([this] { watchdogLoop(); });
+  std::thread watchdog;
+  if (mOptions.watchdog) watchdog = std::thread([this] { watchdogLoop(); });
   for (std::thread& t : threads) t.join();
   mFinished = true;
-  watchdog.join();
+  if (watchdog.joinable()) watchdog.join();
 
   // Every frame is done: the pool must be empty and every licence handed back (none is still
   // queued in the deliverer, none was destroyed instead of handed back).
@@ -498,12 +537,15 @@ bool Summary::clean() const {
 }
 
 std::string Summary::line(const Options& o, const Plan& plan) const {
+  const std::string rawSwitch = plan.rawSwitchFrame == UINT32_MAX
+                                    ? std::string("no raw switch")
+                                    : "raw switch at F:" + std::to_string(plan.rawSwitchFrame);
   char text[512];
   std::snprintf(
       text, sizeof text,
       "camdeliver-example: %s: %u frames, %u sensors: %llu enqueues (%llu expected, %llu failed), "
       "%llu configure jobs, %llu setConfigured, %llu drop, %llu frames flushed, in-flight "
-      "report named %llu frame(s), raw switch at F:%u; %zu record(s) left in the pool; licences "
+      "report named %llu frame(s), %s; %zu record(s) left in the pool; licences "
       "%llu acquired, %llu handed back, %llu destroyed%s",
       clean() ? "clean" : "FAILED", o.frames, o.sensors, static_cast<unsigned long long>(enqueues),
       static_cast<unsigned long long>(expectedEnqueues),
@@ -511,7 +553,7 @@ std::string Summary::line(const Options& o, const Plan& plan) const {
       static_cast<unsigned long long>(configureJobs),
       static_cast<unsigned long long>(setConfigured), static_cast<unsigned long long>(drops),
       static_cast<unsigned long long>(framesFlushed),
-      static_cast<unsigned long long>(inflightNamed), plan.rawSwitchFrame, framesLeftInPool,
+      static_cast<unsigned long long>(inflightNamed), rawSwitch.c_str(), framesLeftInPool,
       static_cast<unsigned long long>(licencesAcquired),
       static_cast<unsigned long long>(licencesReleased),
       static_cast<unsigned long long>(licencesDestroyed), stalled ? "; a send stalled" : "");

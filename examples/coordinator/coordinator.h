@@ -36,6 +36,11 @@ struct Options {
   // The frame clock. A sensor at 30 fps delivers a frame every 33 ms; the example runs faster
   // than a camera so that frames overlap and sends wait on each other.
   std::chrono::microseconds frameInterval{1000};
+  // Whether an enqueue job's pipeline work takes time (a sleep of 0.3 to 1.5 ms).
+  bool jobsTakeTime = true;
+  // The watchdog that ends a stuck run. An explored run goes without: the explorer judges a
+  // stuck schedule itself, and a thread that sleeps in a loop is no scheduling point of its.
+  bool watchdog = true;
 };
 
 // What the camera session asks of one frame, fixed before the threads start. A HAL builds this
@@ -56,7 +61,8 @@ struct FramePlan {
   }
 };
 
-// The script: where the drop, flush, in-flight report and raw switch fall.
+// The script: where the drop, flush, in-flight report and raw switch fall. A frame number of
+// 0 (frames start at kFirstFrame) or a flush of no frames leaves that event out.
 struct Plan {
   std::vector<FramePlan> frames;  // frames[i].frameNo == kFirstFrame + i
   uint32_t dropFrame = 0;
@@ -64,12 +70,19 @@ struct Plan {
   uint32_t flushCount = 3;
   uint32_t inflightFrame = 0;  // the report comes before this frame's record
   uint32_t inflightSensor = 1;
-  uint32_t rawSwitchFrame = 0;
-  uint32_t flushSensor = 0;  // the sensor the framework's flush request names
+  uint32_t rawSwitchFrame = 0;   // UINT32_MAX: none (sensor 1 streams throughout)
+  uint32_t flushSensor = 0;      // the sensor the framework's flush request names
+  bool configureAtStart = true;  // the first frame configures every sensor
 };
 
 constexpr uint32_t kFirstFrame = 1;
 Plan makePlan(const Options& options);
+
+// The small sessions an explored run takes (explore.cpp): sensors 0 and 1 in frame sync over
+// two frames, with one of the pipeline's events. Their options: smallOptions().
+enum class Event { Drop, Flush, Inflight };
+Plan makeSmallPlan(Event event);
+Options smallOptions();
 
 struct Summary {
   uint64_t enqueues = 0;
