@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -118,6 +119,29 @@ TEST_F(GuardWait, RawSwitchWaitsForTheOffSensorsPreviousEnqueue) {
 
   EXPECT_EQ(1u, capture.count(offSensorLine(0, 2, 2, true, '+')));
   EXPECT_EQ(1u, capture.count(offSensorLine(0, 2, 2, true, '-')));
+}
+
+// Each way a record leaves the pool wakes a drain by itself: the last enqueue, a drop and a
+// flush of the last sensor still to enqueue. Nothing else notifies the erase condition.
+TEST_F(GuardWait, EachWayARecordLeavesWakesTheDrain) {
+  const std::map<std::string, std::function<void()>> releases = {
+      {"finished", [this] { guard.finished(0, 12, false); }},
+      {"drop", [this] { guard.drop(0, 12); }},
+      {"flush", [this] { guard.flush(0); }}};
+  for (const auto& release : releases) {
+    SCOPED_TRACE(release.first);
+    fcs[12] = addFrame(*pool, 12, {{0}, {1}});
+    guard.prepare(0, 12, fcs[12]);
+    guard.prepare(1, 12, fcs[12]);
+    guard.finished(1, 12, false);
+    capture.clear();
+    BlockingCall drain("waitUntilEnquedEmpty S:1", [this] { guard.waitUntilEnquedEmpty(1); });
+    ASSERT_TRUE(
+        capture.waitFor("[waitUntilEnquedEmpty] wait until sensorId(1) enqued empty +, wait: 12 "));
+    release.second();
+    EXPECT_TRUE(drain.returnedWithin(kReleaseBound));
+    EXPECT_FALSE(pool->exist(12));
+  }
 }
 
 TEST_F(GuardWait, DrainReturnsOnceTheFramesEnqueuedAtTheCallHaveLeft) {

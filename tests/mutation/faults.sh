@@ -62,6 +62,29 @@ fault drop-wakes-nobody "$guard" "CamDeliverGuard::drop(" \
   "  cond.notify_all();" \
   ""
 
+# A flush retires the sensor's frames but wakes nobody: a partner's send waiting for one of
+# them sleeps on (explored_wakeup_test: the flush is its only wake-up there).
+fault flush-wakes-nobody "$guard" "CamDeliverGuard::flush(" \
+  "  cond.notify_all();" \
+  ""
+
+# A sync break lets the waiters go but does not tell them (explored_wakeup_test: a sensor
+# reporting nothing in flight, whose sends are held until its partner is through).
+fault sync-break-wakes-nobody "$guard" "CamDeliverGuard::breakFrameSync(" \
+  "  cond.notify_all();" \
+  ""
+
+# Each way a record leaves the pool must wake a drain (waitUntilEnquedEmpty) by itself.
+fault last-enqueue-erase-wakes-no-drain "$guard" "CamDeliverGuard::finished(" \
+  "eraseCond.notify_all();" \
+  ""
+fault drop-erase-wakes-no-drain "$guard" "CamDeliverGuard::drop(" \
+  "eraseCond.notify_all();" \
+  ""
+fault flush-erase-wakes-no-drain "$guard" "CamDeliverGuard::flush(" \
+  "eraseCond.notify_all();" \
+  ""
+
 # A sync group's licences each get an FD of their own.
 fault sync-group-own-fds "$deliver" "CamDeliver::prepareLicense(" \
   "mLicenseQueue.pushLicense(s, frame, mpPipeMgr->acquireLicenseForFD(fd));" \

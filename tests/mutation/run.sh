@@ -30,7 +30,7 @@ sim_stall_timeout=3   # seconds without progress before the simulator gives up
 # Programs whose tests exercise the library; the host platform's own tests and the
 # simulator's checker tests do not.
 test_targets=(delivery_concurrency_test delivery_guard_test delivery_license_plan_test
-  delivery_death_test foundation_license_queue_test foundation_frames_test)
+  delivery_death_test foundation_license_queue_test foundation_frames_test explored_wakeup_test)
 # Left out: programs not built here (the simulator's and the log tool's own tests), and
 # packaging checks (the installed package's consumers, the example coordinator), and the
 # explorer's full table (label explore; the explorer runs below instead).
