@@ -1179,7 +1179,7 @@ void LogReader::maybeSettle(Context& c) {
   if (end == r.frames.begin()) return;
   uint32_t newest = std::prev(end)->first;
   size_t live = r.frames.size() - r.context.size();
-  size_t want = live - window_ / 2;
+  size_t want = live - window_ / 4;
   // Oldest first; a frame still open stops the scan unless every sensor has long gone past
   // it (a lost line, a stalled sensor), in which case it stays and the scan goes on.
   std::vector<uint32_t> batch;
@@ -1343,6 +1343,16 @@ std::vector<Run> LogReader::finish() {
   contexts_.clear();
   current_.clear();
   previous_.clear();
+  return out;
+}
+
+std::vector<const SensorFrame*> statesInOrder(const Run& run) {
+  std::vector<const SensorFrame*> out;
+  out.reserve(run.states.size());
+  for (const auto& entry : run.states) out.push_back(&entry.second);
+  std::sort(out.begin(), out.end(), [](const SensorFrame* a, const SensorFrame* b) {
+    return std::make_pair(a->sensor, a->frame) < std::make_pair(b->sensor, b->frame);
+  });
   return out;
 }
 

@@ -134,6 +134,9 @@ void Watch::checkStalls(const Run& r, Nanos newestAt, Nanos quietNs, std::ostrea
   }
   Nanos now = newestAt + quietNs;
   Nanos threshold = -1;
+  // Checked on every status tick: the states are walked unsorted, and only the sends found
+  // past the threshold are put in report order (by sensor, frame, configure first).
+  std::vector<std::pair<const SensorFrame*, bool>> late;
   for (const auto& entry : r.states) {
     const SensorFrame& st = entry.second;
     for (bool isConfig : {true, false}) {
@@ -142,19 +145,24 @@ void Watch::checkStalls(const Run& r, Nanos newestAt, Nanos quietNs, std::ostrea
       if (stalled_.count(key)) continue;
       Nanos since = isConfig ? st.cfgSentAt : st.enqSentAt;
       if (threshold < 0) threshold = stallNs(r);
-      Nanos waited = now - since;
-      if (waited < threshold) continue;
-      stalled_.insert(key);
-      ++stallsReported_;
-      out << "[blocked] " << processName(r)
-          << ": blocked send: " << sendName(st.sensor, st.frame, isConfig) << " has waited "
-          << ms(waited) << " (since " << ms(since) << "), past the stall threshold of "
-          << ms(threshold) << (stallNs_ < 0 ? " (derived from the log so far)" : "");
-      if (quietNs >= kSilenceWorthSaying) {
-        out << "; the log has been silent for " << ms(quietNs);
-      }
-      out << waitsFor(r, st, isConfig) << "\n";
+      if (now - since >= threshold) late.emplace_back(&st, isConfig);
     }
+  }
+  std::sort(late.begin(), late.end(), [](const auto& a, const auto& b) {
+    return std::make_tuple(a.first->sensor, a.first->frame, !a.second) <
+           std::make_tuple(b.first->sensor, b.first->frame, !b.second);
+  });
+  for (const auto& [state, isConfig] : late) {
+    const SensorFrame& st = *state;
+    Nanos since = isConfig ? st.cfgSentAt : st.enqSentAt;
+    stalled_.insert(std::make_tuple(r.pid, r.session, st.sensor, st.frame, isConfig));
+    ++stallsReported_;
+    out << "[blocked] " << processName(r)
+        << ": blocked send: " << sendName(st.sensor, st.frame, isConfig) << " has waited "
+        << ms(now - since) << " (since " << ms(since) << "), past the stall threshold of "
+        << ms(threshold) << (stallNs_ < 0 ? " (derived from the log so far)" : "");
+    if (quietNs >= kSilenceWorthSaying) out << "; the log has been silent for " << ms(quietNs);
+    out << waitsFor(r, st, isConfig) << "\n";
   }
 }
 

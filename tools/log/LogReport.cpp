@@ -171,8 +171,8 @@ std::optional<std::string> laggingPrepare(const Run& r, const FatalAssertion& f)
     return std::nullopt;
   }
   std::map<uint32_t, std::pair<Nanos, uint32_t>> firstPrepared;  // frame -> (when, by whom)
-  for (const auto& entry : r.states) {
-    const SensorFrame& st = entry.second;
+  for (const SensorFrame* state : statesInOrder(r)) {
+    const SensorFrame& st = *state;
     if (!st.prepared || st.preparedAt > f.at) continue;
     auto it = firstPrepared.find(st.frame);
     if (it == firstPrepared.end() || st.preparedAt < it->second.first) {
@@ -300,8 +300,8 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
   a.stallDerived = options.stallNs < 0;
   a.stallNs = a.stallDerived ? derivedStallNs(r) : options.stallNs;
   // Sends still waiting when the capture ends.
-  for (const auto& entry : r.states) {
-    const SensorFrame& st = entry.second;
+  for (const SensorFrame* state : statesInOrder(r)) {
+    const SensorFrame& st = *state;
     if (st.cfgBlocked()) waitingAtEnd(r, st, true, &a);
     if (st.enqBlocked() && !noFrameSendWentOn(r, st)) waitingAtEnd(r, st, false, &a);
   }
