@@ -1,5 +1,6 @@
 #include "LogReader.h"
 
+#include "LibraryLines.h"  // the library's lines read here, each with the key it is known by
 #include "LogText.h"
 #include "MessageCatalogue.h"
 
