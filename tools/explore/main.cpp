@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "Explorer.h"
 #include "HostPlatform.h"
@@ -69,10 +71,8 @@ int reportFailure(explore::Explorer& ex, explore::Verdict v, bool shrink,
   return kExitFinding;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  CLI::App app{"Explores the schedules of a scenario's client against the deliverer"};
+// The command line.
+struct Options {
   std::string scenarioPath;
   int preemptions = 2;
   bool unbounded = false;
@@ -88,31 +88,36 @@ int main(int argc, char** argv) {
   bool noStateCache = false;
   uint64_t maxStates = 0;
   double progress = 0;
-  app.add_option("scenario", scenarioPath, "Scenario JSON file")->required();
-  app.add_option("--preemptions", preemptions, "Depth-first search with at most K preemptions")
+};
+
+// Fills `o` from the command line; -1 to go on, else the exit code.
+int parseOptions(int argc, char** argv, Options* o) {
+  CLI::App app{"Explores the schedules of a scenario's client against the deliverer"};
+  app.add_option("scenario", o->scenarioPath, "Scenario JSON file")->required();
+  app.add_option("--preemptions", o->preemptions, "Depth-first search with at most K preemptions")
       ->check(CLI::Range(0, 1000));
-  app.add_flag("--unbounded", unbounded, "Depth-first search without a preemption bound");
-  app.add_option("--random", randomCount, "N random schedules instead of the search");
-  app.add_option("--seed", seed, "Seed of --random (default 1)");
-  app.add_option("--pct", pct, "With --random: PCT priorities of depth D")
+  app.add_flag("--unbounded", o->unbounded, "Depth-first search without a preemption bound");
+  app.add_option("--random", o->randomCount, "N random schedules instead of the search");
+  app.add_option("--seed", o->seed, "Seed of --random (default 1)");
+  app.add_option("--pct", o->pct, "With --random: PCT priorities of depth D")
       ->check(CLI::Range(1, 50));
-  app.add_option("--spurious", spurious, "Spurious wake-ups injected per schedule (default 1)")
+  app.add_option("--spurious", o->spurious, "Spurious wake-ups injected per schedule (default 1)")
       ->check(CLI::Range(0, 100));
-  app.add_option("--limit", limit, "Stop the search after N schedules");
-  app.add_option("--seconds", seconds, "Stop the search after S seconds (not exhausted)")
+  app.add_option("--limit", o->limit, "Stop the search after N schedules");
+  app.add_option("--seconds", o->seconds, "Stop the search after S seconds (not exhausted)")
       ->check(CLI::PositiveNumber);
   app.add_flag("--lock-order-state", gLockOrderState,
                "Tell states apart by the order of each lock's holders, not by the library's "
                "memory");
-  app.add_option("--max-states", maxStates,
+  app.add_option("--max-states", o->maxStates,
                  "The most states the search remembers (default 25 million, about 300 MB)")
       ->check(CLI::Range(uint64_t(1000), uint64_t(1) << 36));
-  app.add_option("--progress", progress, "Print the search's counts every S seconds (stderr)")
+  app.add_option("--progress", o->progress, "Print the search's counts every S seconds (stderr)")
       ->check(CLI::PositiveNumber);
-  app.add_option("--replay", replay, "Run the schedule of a replay string");
-  app.add_option("--trace", tracePath, "Write a failing schedule as a Chrome JSON trace");
-  app.add_flag("--no-shrink", noShrink, "Report a failing schedule as found");
-  app.add_flag("--no-state-cache", noStateCache,
+  app.add_option("--replay", o->replay, "Run the schedule of a replay string");
+  app.add_option("--trace", o->tracePath, "Write a failing schedule as a Chrome JSON trace");
+  app.add_flag("--no-shrink", o->noShrink, "Report a failing schedule as found");
+  app.add_flag("--no-state-cache", o->noStateCache,
                "Run every schedule of the search, also from states met before");
   try {
     app.parse(argc, argv);
@@ -120,48 +125,35 @@ int main(int argc, char** argv) {
     int rc = app.exit(e);
     return rc == 0 ? 0 : kExitUsage;
   }
+  return -1;
+}
 
-  sim::Scenario scenario;
-  sim::ScenarioError error;
-  if (!sim::loadScenarioFile(scenarioPath, &scenario, &error)) {
-    std::fprintf(stderr, "camdeliver-explore: %s\n", error.text().c_str());
+// The one schedule of a replay string.
+int runReplay(const Options& o, const sim::Scenario& scenario) {
+  uint32_t budget = 0;
+  std::vector<uint32_t> choices;
+  if (!explore::decodeReplay(o.replay, &budget, &choices)) {
+    std::fprintf(stderr, "camdeliver-explore: --replay: malformed replay string \"%s\"\n",
+                 o.replay.c_str());
     return kExitUsage;
   }
-  std::string unsupported = explore::unsupportedFeature(scenario);
-  if (!unsupported.empty()) {
-    std::fprintf(stderr, "camdeliver-explore: %s: %s cannot be explored\n", scenarioPath.c_str(),
-                 unsupported.c_str());
-    return kExitUsage;
+  explore::Explorer ex(explore::scenarioTarget(scenario), budget);
+  explore::Verdict v = ex.replay(choices, false);
+  if (!v.failed) {
+    std::printf("replay: the schedule passes\n");
+    return 0;
   }
-  // Errors and warnings, no debug lines: each run collects the library's warnings (which
-  // drops found nothing) without writing them, and debug lines would cost every schedule.
-  host::LoggerSettings quiet = host::loggerSettings();
-  quiet.detailsLevel = 2;
-  host::applyLoggerSettings(quiet);
+  return reportFailure(ex, v, false, o.tracePath);
+}
 
-  if (!replay.empty()) {
-    uint32_t budget = 0;
-    std::vector<uint32_t> choices;
-    if (!explore::decodeReplay(replay, &budget, &choices)) {
-      std::fprintf(stderr, "camdeliver-explore: --replay: malformed replay string \"%s\"\n",
-                   replay.c_str());
-      return kExitUsage;
-    }
-    explore::Explorer ex(explore::scenarioTarget(scenario), budget);
-    explore::Verdict v = ex.replay(choices, false);
-    if (!v.failed) {
-      std::printf("replay: the schedule passes\n");
-      return 0;
-    }
-    return reportFailure(ex, v, false, tracePath);
-  }
-
-  explore::Explorer ex(explore::scenarioTarget(scenario, !gLockOrderState), spurious);
-  ex.setCacheStates(!noStateCache);
-  ex.setTimeLimit(seconds);
-  ex.setMaxStates(maxStates);
-  if (progress > 0) {
-    ex.setProgress(progress, [](const explore::Report& r) {
+// The bounded search, or random or PCT schedules.
+int runSearch(const Options& o, const sim::Scenario& scenario) {
+  explore::Explorer ex(explore::scenarioTarget(scenario, !gLockOrderState), o.spurious);
+  ex.setCacheStates(!o.noStateCache);
+  ex.setTimeLimit(o.seconds);
+  ex.setMaxStates(o.maxStates);
+  if (o.progress > 0) {
+    ex.setProgress(o.progress, [](const explore::Report& r) {
       std::fprintf(stderr, "... %llu schedules, %llu states%s, %.0f s\n",
                    static_cast<unsigned long long>(r.schedules),
                    static_cast<unsigned long long>(r.states),
@@ -170,17 +162,42 @@ int main(int argc, char** argv) {
   }
   explore::Report report;
   std::string what;
-  if (randomCount > 0) {
-    report = ex.random(randomCount, seed, pct);
-    what = pct ? "PCT depth " + std::to_string(pct) + ", seed " + std::to_string(seed)
-               : "random, seed " + std::to_string(seed);
+  if (o.randomCount > 0) {
+    report = ex.random(o.randomCount, o.seed, o.pct);
+    what = o.pct ? "PCT depth " + std::to_string(o.pct) + ", seed " + std::to_string(o.seed)
+                 : "random, seed " + std::to_string(o.seed);
   } else {
-    int bound = unbounded ? -1 : preemptions;
-    report = ex.dfs(bound, limit);
-    what = unbounded ? "unbounded search" : "search, preemption bound " + std::to_string(bound);
+    int bound = o.unbounded ? -1 : o.preemptions;
+    report = ex.dfs(bound, o.limit);
+    what = o.unbounded ? "unbounded search" : "search, preemption bound " + std::to_string(bound);
   }
-  what = scenario.name + " " + what + ", spurious " + std::to_string(spurious);
-  printSummary(report, what, randomCount == 0);
-  if (report.hasFailure) return reportFailure(ex, report.failure, !noShrink, tracePath);
+  what = scenario.name + " " + what + ", spurious " + std::to_string(o.spurious);
+  printSummary(report, what, o.randomCount == 0);
+  if (report.hasFailure) return reportFailure(ex, report.failure, !o.noShrink, o.tracePath);
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (int rc = parseOptions(argc, argv, &options); rc >= 0) return rc;
+  sim::Scenario scenario;
+  sim::ScenarioError error;
+  if (!sim::loadScenarioFile(options.scenarioPath, &scenario, &error)) {
+    std::fprintf(stderr, "camdeliver-explore: %s\n", error.text().c_str());
+    return kExitUsage;
+  }
+  std::string unsupported = explore::unsupportedFeature(scenario);
+  if (!unsupported.empty()) {
+    std::fprintf(stderr, "camdeliver-explore: %s: %s cannot be explored\n",
+                 options.scenarioPath.c_str(), unsupported.c_str());
+    return kExitUsage;
+  }
+  // Errors and warnings, no debug lines: each run collects the library's warnings (which
+  // drops found nothing) without writing them, and debug lines would cost every schedule.
+  host::LoggerSettings quiet = host::loggerSettings();
+  quiet.detailsLevel = 2;
+  host::applyLoggerSettings(quiet);
+  return options.replay.empty() ? runSearch(options, scenario) : runReplay(options, scenario);
 }
