@@ -1197,6 +1197,69 @@ void LogReader::maybeSettle(Context& c) {
   c.nextSettleAt = r.frames.size() + std::max<size_t>(1, window_ / 8);
 }
 
+namespace {
+
+// Checks a settled part (with its context) and adds what it breaks to the run's settled check.
+void checkSettled(Run& r, const sim::History& chunk) {
+  // Whether a breach resting on an absent line counts is decided at the end, once it is
+  // known whether the log lost lines.
+  sim::CheckResult res = sim::checkHistory(chunk, {/*absentApart=*/true});
+  dropInFlightDeliveries(r, &res.violations);
+  dropInFlightDeliveries(r, &res.absent);
+  sim::CheckResult& all = r.settledCheck;
+  for (sim::Violation& v : res.violations) all.violations.push_back(std::move(v));
+  for (sim::Violation& v : res.notes) all.notes.push_back(std::move(v));
+  for (sim::Violation& v : res.sameStamp) all.sameStamp.push_back(std::move(v));
+  for (sim::Violation& v : res.absent) all.absent.push_back(std::move(v));
+  all.skipped.insert(res.skipped.begin(), res.skipped.end());
+  all.jobsChecked += res.jobsChecked;
+  all.startsLost += res.startsLost;
+}
+
+// Of the settled frames `done` (ascending), those kept in memory as context: the newest, and
+// each sensor's latest prepared one.
+std::set<uint32_t> contextAfter(const Run& r, const std::vector<uint32_t>& done, size_t newest) {
+  std::set<uint32_t> keep(done.end() - long(std::min(done.size(), newest)), done.end());
+  for (uint32_t s : r.sensorsSeen) {
+    for (auto it = done.rbegin(); it != done.rend(); ++it) {
+      const SensorFrame* st = findState(r, s, *it);
+      if (st && st->prepared) {
+        keep.insert(*it);
+        break;
+      }
+    }
+  }
+  return keep;
+}
+
+// Moves the events that name only frames leaving memory to `gone`. An event stays while a
+// frame it names is held or a thread's later lines may add to it (`lastEvent`, whose indexes
+// follow the events that stay).
+template <typename GoneFrame>
+void splitEvents(sim::History& h, std::map<int, size_t>& lastEvent, GoneFrame goneFrame,
+                 std::vector<sim::EventRecord>* gone) {
+  std::set<size_t> open;
+  for (const auto& e : lastEvent) open.insert(e.second);
+  std::vector<sim::EventRecord> events;
+  std::map<size_t, size_t> moved;
+  for (size_t i = 0; i < h.events.size(); ++i) {
+    sim::EventRecord& e = h.events[i];
+    bool held =
+        open.count(i) || (e.frame != kNoFrame && !goneFrame(e.frame)) ||
+        std::any_of(e.frames.begin(), e.frames.end(), [&](uint32_t f) { return !goneFrame(f); });
+    if (!held) {
+      gone->push_back(std::move(e));
+      continue;
+    }
+    moved[i] = events.size();
+    events.push_back(std::move(e));
+  }
+  h.events = std::move(events);
+  for (auto& e : lastEvent) e.second = moved.at(e.second);
+}
+
+}  // namespace
+
 void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
   Run& r = c.run;
   // Checked with every frame in memory up to the batch's last: the context, and frames kept
@@ -1208,39 +1271,15 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
     if (!std::binary_search(batch.begin(), batch.end(), it->first)) context.insert(it->first);
   }
   sim::History chunk = historyOf(r, frames, context);
-  if (r.debugLines > 0) {
-    // Whether a breach resting on an absent line counts is decided at the end, once it is
-    // known whether the log lost lines.
-    sim::CheckResult res = sim::checkHistory(chunk, {/*absentApart=*/true});
-    dropInFlightDeliveries(r, &res.violations);
-    dropInFlightDeliveries(r, &res.absent);
-    sim::CheckResult& all = r.settledCheck;
-    for (sim::Violation& v : res.violations) all.violations.push_back(std::move(v));
-    for (sim::Violation& v : res.notes) all.notes.push_back(std::move(v));
-    for (sim::Violation& v : res.sameStamp) all.sameStamp.push_back(std::move(v));
-    for (sim::Violation& v : res.absent) all.absent.push_back(std::move(v));
-    all.skipped.insert(res.skipped.begin(), res.skipped.end());
-    all.jobsChecked += res.jobsChecked;
-    all.startsLost += res.startsLost;
-  }
+  if (r.debugLines > 0) checkSettled(r, chunk);
   for (uint32_t f : batch) accumulate(r, r.frames.at(f));
   r.settledFrames += batch.size();
   r.settledUpTo = std::max<int64_t>(r.settledUpTo, batch.back());
 
-  // The new context: the newest settled frames, and each sensor's latest settled frame.
   std::vector<uint32_t> done(r.context.begin(), r.context.end());
   done.insert(done.end(), batch.begin(), batch.end());
   std::sort(done.begin(), done.end());
-  std::set<uint32_t> keep(done.end() - long(std::min(done.size(), kContextFrames)), done.end());
-  for (uint32_t s : r.sensorsSeen) {
-    for (auto it = done.rbegin(); it != done.rend(); ++it) {
-      const SensorFrame* st = findState(r, s, *it);
-      if (st && st->prepared) {
-        keep.insert(*it);
-        break;
-      }
-    }
-  }
+  std::set<uint32_t> keep = contextAfter(r, done, kContextFrames);
   std::set<uint32_t> leaving;
   for (uint32_t f : done) {
     if (!keep.count(f)) leaving.insert(f);
@@ -1269,25 +1308,7 @@ void LogReader::settle(Context& c, const std::vector<uint32_t>& batch) {
   };
   split(h.prepares, part.prepares);
   split(h.setConfigured, part.setConfigured);
-  // Events: kept while a frame they name is held or a thread's later lines may add to them.
-  std::set<size_t> open;
-  for (const auto& e : c.lastEvent) open.insert(e.second);
-  std::vector<sim::EventRecord> events;
-  std::map<size_t, size_t> moved;
-  for (size_t i = 0; i < h.events.size(); ++i) {
-    sim::EventRecord& e = h.events[i];
-    bool held =
-        open.count(i) || (e.frame != kNoFrame && !goneFrame(e.frame)) ||
-        std::any_of(e.frames.begin(), e.frames.end(), [&](uint32_t f) { return !goneFrame(f); });
-    if (!held) {
-      part.events.push_back(std::move(e));
-      continue;
-    }
-    moved[i] = events.size();
-    events.push_back(std::move(e));
-  }
-  h.events = std::move(events);
-  for (auto& e : c.lastEvent) e.second = moved.at(e.second);
+  splitEvents(h, c.lastEvent, goneFrame, &part.events);
   if (listener_) listener_(r, std::move(part));
 
   for (uint32_t f : leaving) {

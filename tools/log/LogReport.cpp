@@ -293,18 +293,11 @@ std::string whyNothingToRebuild(const Run& r) {
          std::string(kHowToEnableDebug);
 }
 
-Analysis analyse(const Run& r, const AnalysisOptions& options) {
-  Analysis a;
-  a.debugMissing = r.debugLines == 0;
-  a.strict = options.strict;
-  a.stallDerived = options.stallNs < 0;
-  a.stallNs = a.stallDerived ? derivedStallNs(r) : options.stallNs;
-  // Sends still waiting when the capture ends.
-  for (const SensorFrame* state : statesInOrder(r)) {
-    const SensorFrame& st = *state;
-    if (st.cfgBlocked()) waitingAtEnd(r, st, true, &a);
-    if (st.enqBlocked() && !noFrameSendWentOn(r, st)) waitingAtEnd(r, st, false, &a);
-  }
+namespace {
+
+// Each fatal assertion, with the rule it stands for and what led to it.
+void addFatals(const Run& r, Analysis* out) {
+  Analysis& a = *out;
   for (const FatalAssertion& f : r.fatals) {
     std::string rule = ruleForFatal(f.message);
     std::string context;
@@ -323,6 +316,11 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
     }
     a.findings.push_back({"fatal", text});
   }
+}
+
+// Each kind of warning: benign, explained by a legal client call order, or to look at.
+void addWarnings(const Run& r, Analysis* out) {
+  Analysis& a = *out;
   bool hasDropOrFlush = r.sawDropOrFlush;
   for (const sim::EventRecord& e : r.history.events) {
     hasDropOrFlush = hasDropOrFlush || e.kind == sim::EventKind::Drop ||
@@ -346,42 +344,48 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
       a.warnings.push_back({"warning", line + "\n    needs attention\n    first: " + w.first});
     }
   }
+}
 
-  if (!a.debugMissing) {
-    // Frames that settled during the read were checked then; the rest are checked now.
-    sim::CheckResult last = sim::checkHistory(r.history, {/*absentApart=*/true});
-    dropInFlightDeliveries(r, &last.violations);
-    dropInFlightDeliveries(r, &last.absent);
-    a.check = r.settledCheck;
-    a.check.violations.insert(a.check.violations.end(), last.violations.begin(),
-                              last.violations.end());
-    a.check.notes.insert(a.check.notes.end(), last.notes.begin(), last.notes.end());
-    a.check.sameStamp.insert(a.check.sameStamp.end(), last.sameStamp.begin(), last.sameStamp.end());
-    a.check.absent.insert(a.check.absent.end(), last.absent.begin(), last.absent.end());
-    // A log that lost no line shows every record: a breach resting on an absent one counts.
-    if (r.lostLines == 0) {
-      a.check.violations.insert(a.check.violations.end(), a.check.absent.begin(),
-                                a.check.absent.end());
-      a.check.absent.clear();
-    }
-    a.check.skipped.insert(last.skipped.begin(), last.skipped.end());
-    a.check.jobsChecked += last.jobsChecked;
-    a.check.startsLost += last.startsLost;
-    auto byTime = [](const sim::Violation& x, const sim::Violation& y) { return x.at < y.at; };
-    std::stable_sort(a.check.violations.begin(), a.check.violations.end(), byTime);
-    std::stable_sort(a.check.notes.begin(), a.check.notes.end(), byTime);
-    std::vector<sim::Violation> found = a.check.violations;
-    found.insert(found.end(), a.check.notes.begin(), a.check.notes.end());
-    std::stable_sort(found.begin(), found.end(), byTime);
-    for (const sim::Violation& v : found) {
-      a.findings.push_back(
-          {v.rule, v.message + (v.broken.empty() ? std::string()
-                                                 : "\n    rule broken: don't " + v.broken)});
-    }
-    if (!a.check.sameStamp.empty()) a.warnings.push_back(sameStampWarning(r, a.check));
-    if (!a.check.absent.empty()) a.warnings.push_back(lostLinesWarning(r, a.check));
+// The checker's findings: the settled parts' (checked during the read) and the rest's.
+void addChecks(const Run& r, Analysis* out) {
+  Analysis& a = *out;
+  // Frames that settled during the read were checked then; the rest are checked now.
+  sim::CheckResult last = sim::checkHistory(r.history, {/*absentApart=*/true});
+  dropInFlightDeliveries(r, &last.violations);
+  dropInFlightDeliveries(r, &last.absent);
+  a.check = r.settledCheck;
+  a.check.violations.insert(a.check.violations.end(), last.violations.begin(),
+                            last.violations.end());
+  a.check.notes.insert(a.check.notes.end(), last.notes.begin(), last.notes.end());
+  a.check.sameStamp.insert(a.check.sameStamp.end(), last.sameStamp.begin(), last.sameStamp.end());
+  a.check.absent.insert(a.check.absent.end(), last.absent.begin(), last.absent.end());
+  // A log that lost no line shows every record: a breach resting on an absent one counts.
+  if (r.lostLines == 0) {
+    a.check.violations.insert(a.check.violations.end(), a.check.absent.begin(),
+                              a.check.absent.end());
+    a.check.absent.clear();
   }
+  a.check.skipped.insert(last.skipped.begin(), last.skipped.end());
+  a.check.jobsChecked += last.jobsChecked;
+  a.check.startsLost += last.startsLost;
+  auto byTime = [](const sim::Violation& x, const sim::Violation& y) { return x.at < y.at; };
+  std::stable_sort(a.check.violations.begin(), a.check.violations.end(), byTime);
+  std::stable_sort(a.check.notes.begin(), a.check.notes.end(), byTime);
+  std::vector<sim::Violation> found = a.check.violations;
+  found.insert(found.end(), a.check.notes.begin(), a.check.notes.end());
+  std::stable_sort(found.begin(), found.end(), byTime);
+  for (const sim::Violation& v : found) {
+    a.findings.push_back(
+        {v.rule,
+         v.message + (v.broken.empty() ? std::string() : "\n    rule broken: don't " + v.broken)});
+  }
+  if (!a.check.sameStamp.empty()) a.warnings.push_back(sameStampWarning(r, a.check));
+  if (!a.check.absent.empty()) a.warnings.push_back(lostLinesWarning(r, a.check));
+}
 
+// What this capture cannot show, and why.
+void addNotCheckable(const Run& r, Analysis* out) {
+  Analysis& a = *out;
   a.notCheckable.push_back(
       "licence: which licence each job took and what went back to the pipe manager are not "
       "logged at any level (the queue's push and pop lines need " +
@@ -411,6 +415,26 @@ Analysis analyse(const Run& r, const AnalysisOptions& options) {
     a.notCheckable.push_back(
         "threads: the layout has no thread ids (capture with adb logcat -v threadtime)");
   }
+}
+
+}  // namespace
+
+Analysis analyse(const Run& r, const AnalysisOptions& options) {
+  Analysis a;
+  a.debugMissing = r.debugLines == 0;
+  a.strict = options.strict;
+  a.stallDerived = options.stallNs < 0;
+  a.stallNs = a.stallDerived ? derivedStallNs(r) : options.stallNs;
+  // Sends still waiting when the capture ends.
+  for (const SensorFrame* state : statesInOrder(r)) {
+    const SensorFrame& st = *state;
+    if (st.cfgBlocked()) waitingAtEnd(r, st, true, &a);
+    if (st.enqBlocked() && !noFrameSendWentOn(r, st)) waitingAtEnd(r, st, false, &a);
+  }
+  addFatals(r, &a);
+  addWarnings(r, &a);
+  if (!a.debugMissing) addChecks(r, &a);
+  addNotCheckable(r, &a);
   return a;
 }
 
