@@ -71,131 +71,140 @@ bool enqueuedIn(const RecordCopy& r, uint32_t sensor) {
   return st != r.states.end() && st->second.isEnqued;
 }
 
-}  // namespace
-
-void CamDeliver::dump(int fd) {
-  const Clock::time_point deadline = Clock::now() + kDumpDeadline;
-  std::string out = "CamDeliver state (log level " + std::to_string(mLogLevel) + ")\n";
-
-  // Prepared-frame list.
-  if (tryLockUntil(mPrepareMutex, deadline)) {
-    std::deque<uint32_t> frames = mPreparedFrames;
-    mPrepareMutex.unlock();
-    out += "  prepared frames:";
-    for (uint32_t f : frames) out += " " + std::to_string(f);
-    out += "\n";
-  } else {
-    out += "  prepared frames: not read (prepare lock busy)\n";
-  }
-
-  // Queued licences.
-  if (tryLockUntil(mLicenseQueue.mutex, deadline)) {
-    std::vector<std::string> lines;
-    for (const auto& frame : mLicenseQueue.mQueue) {
-      std::string line = "    F:" + std::to_string(frame.first) + ":";
-      for (const auto& entry : frame.second) {
-        line += " key " + std::to_string(entry.first) +
-                (entry.first >= kConfigKeyBase ? " (configure S:" : " (enqueue S:") +
-                std::to_string(entry.first & ~kConfigKeyBase) + ") FD " +
-                (entry.second ? std::to_string(entry.second->getFD()) : "null") + ";";
-      }
-      lines.push_back(line);
-    }
-    mLicenseQueue.mutex.unlock();
-    out += "  queued licences: " + std::to_string(lines.size()) + " frame(s)\n";
-    for (const std::string& l : lines) out += l + "\n";
-  } else {
-    out += "  queued licences: not read (licence queue lock busy)\n";
-  }
-
-  // Order stamps and records: the guard's lock first, then the pool's and each record's, in
-  // the library's lock order. The pool is read even when the guard's lock stays busy.
-  bool guardLocked = tryLockUntil(mGuard.mutex, deadline);
+// The guard's stamps and the pool's records, copied under tried locks.
+struct GuardCopy {
+  bool guardRead = false;
   std::map<uint32_t, uint64_t> orders;
-  if (guardLocked) {
-    orders.insert(mGuard.orderMap.begin(), mGuard.orderMap.end());
-  }
-  std::map<uint32_t, RecordCopy> records;
+  bool hasPool = false;
   bool poolRead = false;
-  std::shared_ptr<FrameContextPool> pool = mGuard.fcPool;
+  std::map<uint32_t, RecordCopy> records;
+};
+
+// The dump's reads take each lock with a deadline and may leave a field unread, which the
+// thread-safety analysis cannot follow; each unlocks what it took before it returns.
+void appendPreparedFrames(CamDeliver& d, Clock::time_point deadline,
+                          std::string* out) ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
+  if (!tryLockUntil(d.mPrepareMutex, deadline)) {
+    *out += "  prepared frames: not read (prepare lock busy)\n";
+    return;
+  }
+  std::deque<uint32_t> frames = d.mPreparedFrames;
+  d.mPrepareMutex.unlock();
+  *out += "  prepared frames:";
+  for (uint32_t f : frames) *out += " " + std::to_string(f);
+  *out += "\n";
+}
+
+void appendQueuedLicences(CamDeliver& d, Clock::time_point deadline,
+                          std::string* out) ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
+  if (!tryLockUntil(d.mLicenseQueue.mutex, deadline)) {
+    *out += "  queued licences: not read (licence queue lock busy)\n";
+    return;
+  }
+  std::vector<std::string> lines;
+  for (const auto& frame : d.mLicenseQueue.mQueue) {
+    std::string line = "    F:" + std::to_string(frame.first) + ":";
+    for (const auto& entry : frame.second) {
+      line += " key " + std::to_string(entry.first) +
+              (entry.first >= CamDeliver::kConfigKeyBase ? " (configure S:" : " (enqueue S:") +
+              std::to_string(entry.first & ~CamDeliver::kConfigKeyBase) + ") FD " +
+              (entry.second ? std::to_string(entry.second->getFD()) : "null") + ";";
+    }
+    lines.push_back(line);
+  }
+  d.mLicenseQueue.mutex.unlock();
+  *out += "  queued licences: " + std::to_string(lines.size()) + " frame(s)\n";
+  for (const std::string& l : lines) *out += l + "\n";
+}
+
+// The guard's lock first, then the pool's and each record's, in the library's lock order. The
+// pool is read even when the guard's lock stays busy.
+GuardCopy copyGuard(CamDeliverGuard& guard,
+                    Clock::time_point deadline) ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
+  GuardCopy copy;
+  copy.guardRead = tryLockUntil(guard.mutex, deadline);
+  if (copy.guardRead) copy.orders.insert(guard.orderMap.begin(), guard.orderMap.end());
+  std::shared_ptr<FrameContextPool> pool = guard.fcPool;
+  copy.hasPool = pool != nullptr;
   if (pool && tryLockUntil(pool->mutex, deadline)) {
-    poolRead = true;
+    copy.poolRead = true;
     for (const auto& entry : pool->pool) {
-      RecordCopy& copy = records[entry.first];
-      copy.frameNo = entry.first;
+      RecordCopy& record = copy.records[entry.first];
+      record.frameNo = entry.first;
       const FrameContext* fc = entry.second.get();
       if (fc == nullptr || !tryLockUntil(fc->mutex, deadline)) continue;
-      copy.read = true;
-      copy.syncList = fc->syncList;
-      copy.inMapList = fc->inMapList;
-      copy.syncBroken = fc->syncBroken;
-      copy.states.insert(fc->sensorStates.begin(), fc->sensorStates.end());
+      record.read = true;
+      record.syncList = fc->syncList;
+      record.inMapList = fc->inMapList;
+      record.syncBroken = fc->syncBroken;
+      record.states.insert(fc->sensorStates.begin(), fc->sensorStates.end());
       fc->mutex.unlock();
     }
     pool->mutex.unlock();
   }
-  if (guardLocked) mGuard.mutex.unlock();
+  if (copy.guardRead) guard.mutex.unlock();
+  return copy;
+}
 
-  if (guardLocked) {
-    out += "  next order stamp:";
-    for (const auto& o : orders) {
-      out += " S:" + std::to_string(o.first) + "=" + std::to_string(o.second);
-    }
-    out += "\n";
-  } else {
-    out += "  next order stamp: not read (guard lock busy: a thread is inside the guard)\n";
+// What the guard requires before sensor `sensor`'s job for record `r` may go.
+std::string waitsFor(const std::map<uint32_t, RecordCopy>& records, const RecordCopy& r,
+                     uint32_t sensor) {
+  int64_t offSensor = -1;
+  bool hasOn = false;
+  for (const auto& st : r.states) {
+    if (st.second.streamingState == 1) offSensor = st.first;
+    if (st.second.streamingState == 0) hasOn = true;
   }
-  if (!poolRead) {
-    out += "  frame pool: not read (" + std::string(pool ? "pool lock busy" : "no pool") + ")\n";
-  } else {
-    out += "  frame pool: " + std::to_string(records.size()) + " record(s)\n";
-    for (const auto& entry : records) {
-      const RecordCopy& r = entry.second;
-      if (!r.read) {
-        out += "    F:" + std::to_string(r.frameNo) + ": not read (record lock busy)\n";
-        continue;
-      }
-      out += "    F:" + std::to_string(r.frameNo) + " sync " + list(r.syncList) + " inMap " +
-             list(r.inMapList) + (r.syncBroken ? " sync broken" : "") + "\n";
-      int64_t offSensor = -1;
-      bool hasOn = false;
-      for (const auto& st : r.states) {
-        if (st.second.streamingState == 1) offSensor = st.first;
-        if (st.second.streamingState == 0) hasOn = true;
-      }
-      if (!hasOn) offSensor = -1;
-      for (const auto& st : r.states) {
-        const FrameContext::SensorState& s = st.second;
-        out += "      S:" + std::to_string(st.first) + " needCfg " + std::to_string(s.needCfg) +
-               " needEnq " + std::to_string(s.needEnq) + " prepared " +
-               std::to_string(s.isPrepared) + " order " + std::to_string(s.order) + " configured " +
-               std::to_string(s.isConfigured) + " enqueued " + std::to_string(s.isEnqued) + "\n";
-        if (!s.isPrepared || !s.needEnq || s.isEnqued) continue;
-        // What the guard requires before this sensor's job may go.
-        std::string waits;
-        if (offSensor >= 0) {
-          const RecordCopy* prev = previous(records, uint32_t(offSensor), r);
-          if (prev && !enqueuedIn(*prev, uint32_t(offSensor))) {
-            waits += " off sensor S:" + std::to_string(offSensor) +
-                     " to enqueue F:" + std::to_string(prev->frameNo) + " (raw switch);";
-          }
-        }
-        const RecordCopy* prev = previous(records, st.first, r);
-        if (prev && !prev->syncBroken) {
-          for (uint32_t partner : prev->syncList) {
-            if (!enqueuedIn(*prev, partner)) {
-              waits += " S:" + std::to_string(partner) +
-                       " to enqueue F:" + std::to_string(prev->frameNo) + " (sync);";
-            }
-          }
-        }
-        out +=
-            "        waits for:" + (waits.empty() ? std::string(" nothing, may go") : waits) + "\n";
+  std::string waits;
+  if (hasOn && offSensor >= 0) {
+    const RecordCopy* prev = previous(records, uint32_t(offSensor), r);
+    if (prev && !enqueuedIn(*prev, uint32_t(offSensor))) {
+      waits += " off sensor S:" + std::to_string(offSensor) +
+               " to enqueue F:" + std::to_string(prev->frameNo) + " (raw switch);";
+    }
+  }
+  const RecordCopy* prev = previous(records, sensor, r);
+  if (prev && !prev->syncBroken) {
+    for (uint32_t partner : prev->syncList) {
+      if (!enqueuedIn(*prev, partner)) {
+        waits += " S:" + std::to_string(partner) +
+                 " to enqueue F:" + std::to_string(prev->frameNo) + " (sync);";
       }
     }
   }
-  const char* p = out.data();
-  size_t left = out.size();
+  return waits.empty() ? std::string(" nothing, may go") : waits;
+}
+
+void appendRecords(const GuardCopy& copy, std::string* out) {
+  if (!copy.poolRead) {
+    *out += "  frame pool: not read (" + std::string(copy.hasPool ? "pool lock busy" : "no pool") +
+            ")\n";
+    return;
+  }
+  *out += "  frame pool: " + std::to_string(copy.records.size()) + " record(s)\n";
+  for (const auto& entry : copy.records) {
+    const RecordCopy& r = entry.second;
+    if (!r.read) {
+      *out += "    F:" + std::to_string(r.frameNo) + ": not read (record lock busy)\n";
+      continue;
+    }
+    *out += "    F:" + std::to_string(r.frameNo) + " sync " + list(r.syncList) + " inMap " +
+            list(r.inMapList) + (r.syncBroken ? " sync broken" : "") + "\n";
+    for (const auto& st : r.states) {
+      const FrameContext::SensorState& s = st.second;
+      *out += "      S:" + std::to_string(st.first) + " needCfg " + std::to_string(s.needCfg) +
+              " needEnq " + std::to_string(s.needEnq) + " prepared " +
+              std::to_string(s.isPrepared) + " order " + std::to_string(s.order) + " configured " +
+              std::to_string(s.isConfigured) + " enqueued " + std::to_string(s.isEnqued) + "\n";
+      if (!s.isPrepared || !s.needEnq || s.isEnqued) continue;
+      *out += "        waits for:" + waitsFor(copy.records, r, st.first) + "\n";
+    }
+  }
+}
+
+void writeAll(int fd, const std::string& text) {
+  const char* p = text.data();
+  size_t left = text.size();
   while (left > 0) {
     ssize_t n = ::write(fd, p, left);
     if (n < 0 && errno == EINTR) continue;
@@ -203,6 +212,27 @@ void CamDeliver::dump(int fd) {
     p += n;
     left -= size_t(n);
   }
+}
+
+}  // namespace
+
+void CamDeliver::dump(int fd) {
+  const Clock::time_point deadline = Clock::now() + kDumpDeadline;
+  std::string out = "CamDeliver state (log level " + std::to_string(mLogLevel) + ")\n";
+  appendPreparedFrames(*this, deadline, &out);
+  appendQueuedLicences(*this, deadline, &out);
+  const GuardCopy copy = copyGuard(mGuard, deadline);
+  if (copy.guardRead) {
+    out += "  next order stamp:";
+    for (const auto& o : copy.orders) {
+      out += " S:" + std::to_string(o.first) + "=" + std::to_string(o.second);
+    }
+    out += "\n";
+  } else {
+    out += "  next order stamp: not read (guard lock busy: a thread is inside the guard)\n";
+  }
+  appendRecords(copy, &out);
+  writeAll(fd, out);
 }
 
 }  // namespace camcoordinator
