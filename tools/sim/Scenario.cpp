@@ -379,6 +379,25 @@ class Parser {
 
   // Rules that need the frames planned: who streams when, who takes part in which frame.
   void crossCheck() {
+    checkGaps();
+    checkRawSwitchOrder();
+    checkSkips();
+    std::vector<FramePlan> plans = planFrames(s_);
+    auto plan = [&](uint32_t f) -> const FramePlan& { return plans[planIndex(plans, f)]; };
+    checkConfigure(plan);
+    checkEvents(plan);
+    for (size_t i = 0; i < s_.noFrameSends.size(); ++i) {
+      const NoFrameSendSetup& n = s_.noFrameSends[i];
+      if (!plan(n.after).participates(n.sensor)) {
+        fail(noFramePaths_[i] + ".after", "sensor " + std::to_string(n.sensor) +
+                                              " does not take part in frame " +
+                                              std::to_string(n.after));
+      }
+    }
+  }
+
+  // No setting names a frame that is a gap.
+  void checkGaps() {
     std::set<uint32_t> gaps(s_.gaps.begin(), s_.gaps.end());
     auto notGap = [&](uint32_t f, const std::string& field) {
       if (gaps.count(f)) fail(field, "frame " + std::to_string(f) + " is a gap");
@@ -393,6 +412,10 @@ class Parser {
       notGap(s_.skips[i].frame, skipPaths_[i] + ".frame");
     for (size_t i = 0; i < s_.noFrameSends.size(); ++i)
       notGap(s_.noFrameSends[i].after, noFramePaths_[i] + ".after");
+  }
+
+  // Each raw switch turns off a sensor that streams at its frame.
+  void checkRawSwitchOrder() {
     std::vector<size_t> order(s_.rawSwitches.size());
     for (size_t i = 0; i < order.size(); ++i) order[i] = i;
     std::sort(order.begin(), order.end(), [this](size_t a, size_t b) {
@@ -411,7 +434,9 @@ class Parser {
       active.erase(r.off);
       active.insert(r.on);
     }
+  }
 
+  void checkSkips() {
     std::set<std::pair<uint32_t, uint32_t>> skipped;
     for (size_t i = 0; i < s_.skips.size(); ++i) {
       const SkipSetup& k = s_.skips[i];
@@ -427,10 +452,10 @@ class Parser {
     }
     SkipCheck skipCheck{s_, skipPaths_};
     skipCheck.run();
+  }
 
-    std::vector<FramePlan> plans = planFrames(s_);
-    auto plan = [&](uint32_t f) -> const FramePlan& { return plans[planIndex(plans, f)]; };
-
+  template <typename PlanOf>
+  void checkConfigure(const PlanOf& plan) {
     std::set<std::pair<uint32_t, uint32_t>> configured;
     for (size_t i = 0; i < s_.configure.size(); ++i) {
       const ConfigureSetup& c = s_.configure[i];
@@ -448,7 +473,10 @@ class Parser {
         }
       }
     }
+  }
 
+  template <typename PlanOf>
+  void checkEvents(const PlanOf& plan) {
     std::set<std::pair<uint32_t, uint32_t>> drops;
     for (size_t i = 0; i < s_.events.size(); ++i) {
       const PlannedEvent& e = s_.events[i];
@@ -464,22 +492,7 @@ class Parser {
                                    std::to_string(e.sensor) + " is dropped twice");
         }
       }
-      if (e.when == EventTiming::Racing) {
-        bool partner = false;
-        for (uint32_t other : p.sensors) {
-          bool droppedToo = false;
-          for (const auto& d : s_.events) {
-            droppedToo = droppedToo ||
-                         (d.kind == EventKind::Drop && d.frame == e.frame && d.sensor == other);
-          }
-          partner = partner || (other != e.sensor && !droppedToo);
-        }
-        if (!partner) {
-          fail(eventPaths_[i] + ".when",
-               "a racing drop needs another sensor in frame " + std::to_string(e.frame) +
-                   " that keeps the frame in the pool until the drop is reported");
-        }
-      }
+      if (e.when == EventTiming::Racing) checkRacingPartner(i, p);
       if (e.kind == EventKind::InformInflight && e.value == 0 && !p.needCfg.empty() &&
           p.syncList.count(e.sensor)) {
         fail(eventPaths_[i] + ".frame",
@@ -489,13 +502,25 @@ class Parser {
                  "configuration");
       }
     }
-    for (size_t i = 0; i < s_.noFrameSends.size(); ++i) {
-      const NoFrameSendSetup& n = s_.noFrameSends[i];
-      if (!plan(n.after).participates(n.sensor)) {
-        fail(noFramePaths_[i] + ".after", "sensor " + std::to_string(n.sensor) +
-                                              " does not take part in frame " +
-                                              std::to_string(n.after));
+  }
+
+  // A racing drop needs another sensor in its frame that keeps the frame in the pool until
+  // the drop is reported.
+  void checkRacingPartner(size_t i, const FramePlan& p) {
+    const PlannedEvent& e = s_.events[i];
+    bool partner = false;
+    for (uint32_t other : p.sensors) {
+      bool droppedToo = false;
+      for (const auto& d : s_.events) {
+        droppedToo =
+            droppedToo || (d.kind == EventKind::Drop && d.frame == e.frame && d.sensor == other);
       }
+      partner = partner || (other != e.sensor && !droppedToo);
+    }
+    if (!partner) {
+      fail(eventPaths_[i] + ".when",
+           "a racing drop needs another sensor in frame " + std::to_string(e.frame) +
+               " that keeps the frame in the pool until the drop is reported");
     }
   }
 
