@@ -101,8 +101,16 @@ LicenceEventKind licenceKind(const json& o, const std::string& path) {
   throw FieldError("field \"" + at(path, "event") + "\": not Acquired, Released or Destroyed");
 }
 
-void fromJson(const json& root, History* h) {
-  if (!root.is_object()) throw FieldError("the top level is not an object");
+// An optional true or false.
+void readFlag(const json& o, const std::string& p, const char* name, bool* field) {
+  if (!o.contains(name)) return;
+  const json& value = o[name];
+  if (!value.is_boolean()) throw FieldError("field \"" + at(p, name) + "\": not true or false");
+  *field = value.get<bool>();
+}
+
+// The top level's own fields: the run's name, seed, sensors, times and licence account.
+void readRunFields(const json& root, History* h) {
   if (root.contains("scenario") && root["scenario"].is_string()) {
     h->scenario = root["scenario"].get<std::string>();
   }
@@ -131,17 +139,66 @@ void fromJson(const json& root, History* h) {
     h->account.destroyed = number<uint64_t>(a, "account", "destroyed", 0);
     h->account.emptyReleases = number<uint64_t>(a, "account", "emptyReleases", 0);
   }
-  eachOf(root, "frames", [&](const json& o, const std::string& p) {
-    FramePlan plan;
-    plan.frame = number<uint32_t>(o, p, "frame", 0);
-    plan.sensors = numbers<uint32_t>(o, p, "sensors");
-    plan.needCfg = numberSet<uint32_t>(o, p, "needCfg");
-    plan.cfgByJob = numberSet<uint32_t>(o, p, "cfgByJob");
-    plan.syncList = numberSet<uint32_t>(o, p, "syncList");
-    plan.offSensor = number<int64_t>(o, p, "offSensor", -1, false);
-    plan.onSensor = number<int64_t>(o, p, "onSensor", -1, false);
-    h->plans.push_back(std::move(plan));
-  });
+}
+
+FramePlan readPlan(const json& o, const std::string& p) {
+  FramePlan plan;
+  plan.frame = number<uint32_t>(o, p, "frame", 0);
+  plan.sensors = numbers<uint32_t>(o, p, "sensors");
+  plan.needCfg = numberSet<uint32_t>(o, p, "needCfg");
+  plan.cfgByJob = numberSet<uint32_t>(o, p, "cfgByJob");
+  plan.syncList = numberSet<uint32_t>(o, p, "syncList");
+  plan.offSensor = number<int64_t>(o, p, "offSensor", -1, false);
+  plan.onSensor = number<int64_t>(o, p, "onSensor", -1, false);
+  return plan;
+}
+
+JobRecord readJob(const json& o, const std::string& p) {
+  JobRecord j;
+  j.sensor = number<uint32_t>(o, p, "sensor", 0);
+  j.frame = number<uint32_t>(o, p, "frame", 0);
+  j.kind = jobKind(o, p);
+  j.sent = number<Nanos>(o, p, "sent", 0);
+  j.start = number<Nanos>(o, p, "start", 0);
+  j.end = number<Nanos>(o, p, "end", 0);
+  const json& ran = member(o, p, "ran");
+  if (!ran.is_boolean()) throw FieldError("field \"" + at(p, "ran") + "\": not true or false");
+  j.ran = ran.get<bool>();
+  j.result = number<int32_t>(o, p, "result", 0, false);
+  j.serial = number<uint64_t>(o, p, "serial", 0, false);
+  j.fd = number<int32_t>(o, p, "fd", -1, false);
+  readFlag(o, p, "startLost", &j.startLost);
+  readFlag(o, p, "sentLate", &j.sentLate);
+  return j;
+}
+
+EventRecord readEvent(const json& o, const std::string& p) {
+  EventRecord e;
+  e.kind = eventKind(o, p);
+  e.sensor = number<uint32_t>(o, p, "sensor", 0);
+  e.frame = number<uint32_t>(o, p, "frame", 0);
+  e.value = number<uint32_t>(o, p, "value", 0, false);
+  e.begin = number<Nanos>(o, p, "begin", 0);
+  e.end = number<Nanos>(o, p, "end", e.begin, false);
+  e.frames = numbers<uint32_t>(o, p, "frames");
+  return e;
+}
+
+LicenceRecord readLicence(const json& o, const std::string& p) {
+  LicenceRecord l;
+  l.kind = licenceKind(o, p);
+  l.serial = number<uint64_t>(o, p, "serial", 0);
+  l.fd = number<int32_t>(o, p, "fd", -1, false);
+  l.at = number<Nanos>(o, p, "at", 0);
+  l.context = number<int32_t>(o, p, "context", -1, false);
+  return l;
+}
+
+void fromJson(const json& root, History* h) {
+  if (!root.is_object()) throw FieldError("the top level is not an object");
+  readRunFields(root, h);
+  eachOf(root, "frames",
+         [&](const json& o, const std::string& p) { h->plans.push_back(readPlan(o, p)); });
   eachOf(root, "prepares", [&](const json& o, const std::string& p) {
     h->prepares.push_back({number<uint32_t>(o, p, "sensor", 0), number<uint32_t>(o, p, "frame", 0),
                            number<Nanos>(o, p, "at", 0)});
@@ -150,56 +207,12 @@ void fromJson(const json& root, History* h) {
     h->setConfigured.push_back({number<uint32_t>(o, p, "sensor", 0),
                                 number<uint32_t>(o, p, "frame", 0), number<Nanos>(o, p, "at", 0)});
   });
-  eachOf(root, "jobs", [&](const json& o, const std::string& p) {
-    JobRecord j;
-    j.sensor = number<uint32_t>(o, p, "sensor", 0);
-    j.frame = number<uint32_t>(o, p, "frame", 0);
-    j.kind = jobKind(o, p);
-    j.sent = number<Nanos>(o, p, "sent", 0);
-    j.start = number<Nanos>(o, p, "start", 0);
-    j.end = number<Nanos>(o, p, "end", 0);
-    const json& ran = member(o, p, "ran");
-    if (!ran.is_boolean()) throw FieldError("field \"" + at(p, "ran") + "\": not true or false");
-    j.ran = ran.get<bool>();
-    j.result = number<int32_t>(o, p, "result", 0, false);
-    j.serial = number<uint64_t>(o, p, "serial", 0, false);
-    j.fd = number<int32_t>(o, p, "fd", -1, false);
-    if (o.contains("startLost")) {
-      const json& lost = o["startLost"];
-      if (!lost.is_boolean()) {
-        throw FieldError("field \"" + at(p, "startLost") + "\": not true or false");
-      }
-      j.startLost = lost.get<bool>();
-    }
-    if (o.contains("sentLate")) {
-      const json& late = o["sentLate"];
-      if (!late.is_boolean()) {
-        throw FieldError("field \"" + at(p, "sentLate") + "\": not true or false");
-      }
-      j.sentLate = late.get<bool>();
-    }
-    h->jobs.push_back(j);
-  });
-  eachOf(root, "events", [&](const json& o, const std::string& p) {
-    EventRecord e;
-    e.kind = eventKind(o, p);
-    e.sensor = number<uint32_t>(o, p, "sensor", 0);
-    e.frame = number<uint32_t>(o, p, "frame", 0);
-    e.value = number<uint32_t>(o, p, "value", 0, false);
-    e.begin = number<Nanos>(o, p, "begin", 0);
-    e.end = number<Nanos>(o, p, "end", e.begin, false);
-    e.frames = numbers<uint32_t>(o, p, "frames");
-    h->events.push_back(std::move(e));
-  });
-  eachOf(root, "licences", [&](const json& o, const std::string& p) {
-    LicenceRecord l;
-    l.kind = licenceKind(o, p);
-    l.serial = number<uint64_t>(o, p, "serial", 0);
-    l.fd = number<int32_t>(o, p, "fd", -1, false);
-    l.at = number<Nanos>(o, p, "at", 0);
-    l.context = number<int32_t>(o, p, "context", -1, false);
-    h->licences.push_back(l);
-  });
+  eachOf(root, "jobs",
+         [&](const json& o, const std::string& p) { h->jobs.push_back(readJob(o, p)); });
+  eachOf(root, "events",
+         [&](const json& o, const std::string& p) { h->events.push_back(readEvent(o, p)); });
+  eachOf(root, "licences",
+         [&](const json& o, const std::string& p) { h->licences.push_back(readLicence(o, p)); });
 }
 
 }  // namespace
