@@ -29,6 +29,48 @@ std::string ms(Nanos ns) {
 
 }  // namespace
 
+namespace {
+
+// Sets each row's wait figures (p50, p99, max) from its sorted waits.
+void setWaits(SensorSummary* row, std::vector<Nanos>* waits) {
+  std::sort(waits->begin(), waits->end());
+  row->waits = waits->size();
+  row->waitP50 = percentile(*waits, 0.50);
+  row->waitP99 = percentile(*waits, 0.99);
+  row->waitMax = waits->empty() ? 0 : waits->back();
+}
+
+// Licence ownership, as described in the header: each acquired licence counted for the
+// sensor whose job took it (or that handed it back), else as shared.
+void countLicences(const History& h, std::map<uint32_t, SensorSummary>* rows,
+                   SensorSummary* shared) {
+  std::map<uint64_t, int64_t> owner;
+  for (const auto& j : h.jobs) {
+    if (j.ran && j.serial != 0 && !owner.count(j.serial)) owner[j.serial] = j.sensor;
+  }
+  for (const auto& r : h.licences) {
+    if (r.kind != LicenceEventKind::Acquired && r.context >= 0 && !owner.count(r.serial)) {
+      owner[r.serial] = r.context;
+    }
+  }
+  std::map<uint64_t, std::pair<bool, bool>> fate;  // serial -> (released, destroyed)
+  for (const auto& r : h.licences) {
+    if (r.kind == LicenceEventKind::Released) fate[r.serial].first = true;
+    if (r.kind == LicenceEventKind::Destroyed) fate[r.serial].second = true;
+  }
+  for (const auto& r : h.licences) {
+    if (r.kind != LicenceEventKind::Acquired) continue;
+    auto o = owner.find(r.serial);
+    SensorSummary& row = o == owner.end() ? *shared : (*rows)[uint32_t(o->second)];
+    ++row.licAcquired;
+    const auto& f = fate[r.serial];
+    if (f.first) ++row.licReleased;
+    if (!f.first || f.second) ++row.licLeaked;
+  }
+}
+
+}  // namespace
+
 std::vector<SensorSummary> summarize(const History& h) {
   std::map<uint32_t, SensorSummary> rows;
   std::map<uint32_t, std::vector<Nanos>> waits;
@@ -56,41 +98,11 @@ std::vector<SensorSummary> summarize(const History& h) {
       }
     }
   }
-  for (auto& entry : rows) {
-    std::vector<Nanos>& w = waits[entry.first];
-    std::sort(w.begin(), w.end());
-    entry.second.waits = w.size();
-    entry.second.waitP50 = percentile(w, 0.50);
-    entry.second.waitP99 = percentile(w, 0.99);
-    entry.second.waitMax = w.empty() ? 0 : w.back();
-  }
+  for (auto& entry : rows) setWaits(&entry.second, &waits[entry.first]);
 
-  // Licence ownership, as described in the header.
-  std::map<uint64_t, int64_t> owner;
-  for (const auto& j : h.jobs) {
-    if (j.ran && j.serial != 0 && !owner.count(j.serial)) owner[j.serial] = j.sensor;
-  }
-  for (const auto& r : h.licences) {
-    if (r.kind != LicenceEventKind::Acquired && r.context >= 0 && !owner.count(r.serial)) {
-      owner[r.serial] = r.context;
-    }
-  }
   SensorSummary shared;
   shared.label = "shared";
-  std::map<uint64_t, std::pair<bool, bool>> fate;  // serial -> (released, destroyed)
-  for (const auto& r : h.licences) {
-    if (r.kind == LicenceEventKind::Released) fate[r.serial].first = true;
-    if (r.kind == LicenceEventKind::Destroyed) fate[r.serial].second = true;
-  }
-  for (const auto& r : h.licences) {
-    if (r.kind != LicenceEventKind::Acquired) continue;
-    auto o = owner.find(r.serial);
-    SensorSummary& row = o == owner.end() ? shared : rows[uint32_t(o->second)];
-    ++row.licAcquired;
-    const auto& f = fate[r.serial];
-    if (f.first) ++row.licReleased;
-    if (!f.first || f.second) ++row.licLeaked;
-  }
+  countLicences(h, &rows, &shared);
 
   std::vector<SensorSummary> out;
   SensorSummary total;
@@ -112,11 +124,7 @@ std::vector<SensorSummary> summarize(const History& h) {
     total.licReleased += row.licReleased;
     total.licLeaked += row.licLeaked;
   }
-  std::sort(all.begin(), all.end());
-  total.waits = all.size();
-  total.waitP50 = percentile(all, 0.50);
-  total.waitP99 = percentile(all, 0.99);
-  total.waitMax = all.empty() ? 0 : all.back();
+  setWaits(&total, &all);
   out.push_back(total);
   return out;
 }
