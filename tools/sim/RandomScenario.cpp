@@ -52,6 +52,22 @@ class Generator {
     s.seed = rng_();
     s.jobDuration = duration();
     uint32_t n = uniform(1, std::max<uint32_t>(1, std::min<uint32_t>(6, limits_.maxSensors)));
+    std::vector<uint32_t> idList = addSensors(s, n);
+    rawSwitches(s);
+    addSyncGroups(s, idList);
+    addSkips(s, idList);
+    std::vector<FramePlan> plans = planFrames(s);
+    addConfigure(s, plans);
+    events(s, plans);
+    addNoFrameSends(s, plans);
+    s.earlySends = chance(0.5);
+    addGaps(s);
+    return finish(s);
+  }
+
+ private:
+  // The sensors, with their ids in a random order (the first always streams).
+  std::vector<uint32_t> addSensors(Scenario& s, uint32_t n) {
     std::set<uint32_t> ids;
     while (ids.size() < n) ids.insert(chance(0.5) ? uniform(0, 7) : uniform(0, 255));
     std::vector<uint32_t> idList(ids.begin(), ids.end());
@@ -66,7 +82,11 @@ class Generator {
       }
       s.sensors.push_back(cam);
     }
-    rawSwitches(s);
+    return idList;
+  }
+
+  void addSyncGroups(Scenario& s, const std::vector<uint32_t>& idList) {
+    uint32_t n = uint32_t(idList.size());
     for (uint32_t g = uniform(0, 3); g > 0 && n >= 2; --g) {
       SyncGroupSetup group;
       std::vector<uint32_t> members = idList;
@@ -82,13 +102,19 @@ class Generator {
       }
       s.syncGroups.push_back(group);
     }
+  }
+
+  void addSkips(Scenario& s, const std::vector<uint32_t>& idList) {
+    uint32_t n = uint32_t(idList.size());
     for (uint32_t k = chance(0.5) ? uniform(1, 3) : 0; k > 0; --k) {
       SkipSetup skip;
       skip.sensor = idList[uniform(0, n - 1)];
       skip.frame = frame(s);
       s.skips.push_back(skip);
     }
-    std::vector<FramePlan> plans = planFrames(s);
+  }
+
+  void addConfigure(Scenario& s, const std::vector<FramePlan>& plans) {
     for (uint32_t k = chance(0.6) ? uniform(1, 4) : 0; k > 0; --k) {
       ConfigureSetup c;
       c.frame = chance(0.2) ? s.firstFrame : frame(s);
@@ -98,19 +124,26 @@ class Generator {
       c.viaJob = chance(0.6);
       s.configure.push_back(c);
     }
-    events(s, plans);
+  }
+
+  void addNoFrameSends(Scenario& s, const std::vector<FramePlan>& plans) {
     for (uint32_t k = chance(0.3) ? uniform(1, 3) : 0; k > 0; --k) {
       const FramePlan& p = plans[planIndex(plans, frame(s))];
       if (p.sensors.empty()) continue;
       s.noFrameSends.push_back({p.sensors[uniform(0, p.sensors.size() - 1)], p.frame});
     }
-    s.earlySends = chance(0.5);
+  }
+
+  void addGaps(Scenario& s) {
     // Gaps come last: the parser refuses what refers to them and the repair below removes it.
     for (uint32_t k = chance(0.2) && s.frames > 2 ? uniform(1, 3) : 0; k > 0; --k) {
       uint32_t f = s.firstFrame + uniform(1, s.frames - 2);
       if (std::find(s.gaps.begin(), s.gaps.end(), f) == s.gaps.end()) s.gaps.push_back(f);
     }
+  }
 
+  // The scenario as the parser takes it, repaired where a random choice broke a rule.
+  Scenario finish(Scenario& s) {
     Scenario parsed;
     std::string name = "random-" + std::to_string(seed_) + "-" + std::to_string(index_);
     if (repairAndParse(json::parse(scenarioToJson(s)), name, &parsed)) return parsed;
@@ -128,7 +161,6 @@ class Generator {
     return parsed;
   }
 
- private:
   uint32_t uniform(uint64_t lo, uint64_t hi) {
     return uint32_t(std::uniform_int_distribution<uint64_t>(lo, hi)(rng_));
   }
