@@ -395,6 +395,16 @@ class Checker {
   void checkLicences() {
     std::map<uint64_t, Licence> licences;
     LicenceTotals seen;
+    collectLicences(&licences, &seen);
+    result_.licencesChecked = licences.size();
+    for (const auto& entry : licences) checkLicence(entry.first, entry.second);
+    checkAccount(seen);
+  }
+
+  // Each licence's life from the pipe manager's records, and the jobs that used it.
+  void collectLicences(std::map<uint64_t, Licence>* out, LicenceTotals* totals) {
+    std::map<uint64_t, Licence>& licences = *out;
+    LicenceTotals& seen = *totals;
     for (const auto& r : h_.licences) {
       Licence& l = licences[r.serial];
       std::string name =
@@ -431,49 +441,50 @@ class Checker {
       }
       it->second.usedBy.push_back(&j);
     }
-    result_.licencesChecked = licences.size();
-    for (const auto& entry : licences) {
-      const Licence& l = entry.second;
-      std::string name =
-          "licence #" + std::to_string(entry.first) + " (FD " + std::to_string(l.fd) + ")";
-      size_t endings = l.released.size() + l.destroyed.size();
-      if (l.usedBy.size() > 1) {
-        add("licence", l.usedBy[1]->start,
-            name + " was given to two jobs: " + jobName(*l.usedBy[0]) + " and " +
-                jobName(*l.usedBy[1]));
-      }
-      for (const JobRecord* j : l.usedBy) {
-        if (j->fd != l.fd) {
-          add("licence", j->start,
-              jobName(*j) + " saw FD " + std::to_string(j->fd) + " on " + name);
-        }
-        for (Nanos at : l.released) {
-          if (at < j->start) {
-            add("licence", j->start,
-                name + " was handed back at " + formatTime(at) + ", before " + jobName(*j) +
-                    " used it at " + formatTime(j->start));
-          }
-        }
-      }
-      std::string user = l.usedBy.empty() ? "never used" : "used by " + jobName(*l.usedBy[0]);
-      if (endings == 0) {
-        add("licence", h_.wallTime, name + " (" + user + ") was never handed back: leaked");
-      } else if (endings > 1) {
-        add("licence", h_.wallTime,
-            name + " was handed back " + std::to_string(endings) + " times");
-      }
-      for (Nanos at : l.destroyed) {
-        add("licence", at, name + " (" + user + ") was destroyed without being handed back");
+  }
+
+  // One licence: one job, the FD it was given, handed back once, after its use.
+  void checkLicence(uint64_t serial, const Licence& l) {
+    std::string name = "licence #" + std::to_string(serial) + " (FD " + std::to_string(l.fd) + ")";
+    size_t endings = l.released.size() + l.destroyed.size();
+    if (l.usedBy.size() > 1) {
+      add("licence", l.usedBy[1]->start,
+          name + " was given to two jobs: " + jobName(*l.usedBy[0]) + " and " +
+              jobName(*l.usedBy[1]));
+    }
+    for (const JobRecord* j : l.usedBy) {
+      if (j->fd != l.fd) {
+        add("licence", j->start, jobName(*j) + " saw FD " + std::to_string(j->fd) + " on " + name);
       }
       for (Nanos at : l.released) {
-        if (h_.teardownAt > 0 && at >= h_.teardownAt) {
-          add("licence", at,
-              name + " (" + user +
-                  ") was still queued when the run ended; only "
-                  "the deliverer's teardown handed it back");
+        if (at < j->start) {
+          add("licence", j->start,
+              name + " was handed back at " + formatTime(at) + ", before " + jobName(*j) +
+                  " used it at " + formatTime(j->start));
         }
       }
     }
+    std::string user = l.usedBy.empty() ? "never used" : "used by " + jobName(*l.usedBy[0]);
+    if (endings == 0) {
+      add("licence", h_.wallTime, name + " (" + user + ") was never handed back: leaked");
+    } else if (endings > 1) {
+      add("licence", h_.wallTime, name + " was handed back " + std::to_string(endings) + " times");
+    }
+    for (Nanos at : l.destroyed) {
+      add("licence", at, name + " (" + user + ") was destroyed without being handed back");
+    }
+    for (Nanos at : l.released) {
+      if (h_.teardownAt > 0 && at >= h_.teardownAt) {
+        add("licence", at,
+            name + " (" + user +
+                ") was still queued when the run ended; only "
+                "the deliverer's teardown handed it back");
+      }
+    }
+  }
+
+  // The pipe manager's own counts against what the run observed.
+  void checkAccount(const LicenceTotals& seen) {
     auto compare = [&](const char* what, uint64_t counted, uint64_t observed) {
       if (counted != observed) {
         add("licence", h_.wallTime,
