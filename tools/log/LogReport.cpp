@@ -700,6 +700,27 @@ void TraceWriter::add(const Run& r, const sim::History& part) {
   });
 }
 
+namespace {
+
+// The partner's enqueue whose end released `st`'s waiting enqueue: the last of the previous
+// frame's partners to finish before it started. None when the enqueue did not wait.
+const SensorFrame* releaserOf(const Run& r, const SensorFrame& st) {
+  if (!st.enqStarted || !(st.enqWaitSeen && st.waitLines > 0)) return nullptr;
+  std::optional<uint32_t> prev = previousFrame(r, st);
+  if (!prev) return nullptr;
+  auto prevInfo = r.frames.find(*prev);
+  if (prevInfo == r.frames.end()) return nullptr;
+  const SensorFrame* releaser = nullptr;
+  for (uint32_t partner : prevInfo->second.sensors) {
+    const SensorFrame* p = findState(r, partner, *prev);
+    if (!p || partner == st.sensor || !p->enqDone || p->enqEnd > st.enqStart) continue;
+    if (!releaser || p->enqEnd > releaser->enqEnd) releaser = p;
+  }
+  return releaser;
+}
+
+}  // namespace
+
 std::vector<TraceWriter::Item> TraceWriter::gather(const Run& r, const sim::History& part) {
   using K = Item::Kind;
   std::set<uint32_t> frames;  // the part's frames
@@ -744,19 +765,9 @@ std::vector<TraceWriter::Item> TraceWriter::gather(const Run& r, const sim::Hist
         marks_.add(st->enqSentAt, 0, 1);
         if (st->enqStarted) marks_.add(st->enqStart, 0, -1);
       }
-      // Flow arrows: from the partner's enqueue job whose end released a waiting enqueue (the
-      // last of the previous frame's partners to finish before it started) to that enqueue.
-      if (!st->enqStarted || !(st->enqWaitSeen && st->waitLines > 0)) continue;
-      std::optional<uint32_t> prev = previousFrame(r, *st);
-      if (!prev) continue;
-      auto prevInfo = r.frames.find(*prev);
-      if (prevInfo == r.frames.end()) continue;
-      const SensorFrame* releaser = nullptr;
-      for (uint32_t partner : prevInfo->second.sensors) {
-        const SensorFrame* p = findState(r, partner, *prev);
-        if (!p || partner == st->sensor || !p->enqDone || p->enqEnd > st->enqStart) continue;
-        if (!releaser || p->enqEnd > releaser->enqEnd) releaser = p;
-      }
+      // Flow arrows: from the partner's enqueue job whose end released a waiting enqueue to
+      // that enqueue.
+      const SensorFrame* releaser = releaserOf(r, *st);
       if (!releaser || releaser->tid < 0 || st->tid < 0) continue;
       // One arrow per waiting enqueue: its id is made from its sensor and frame.
       int64_t id = (int64_t(st->frame) << 8) | (st->sensor & 0xFF);
