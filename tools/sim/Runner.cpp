@@ -510,6 +510,55 @@ struct Runner::Impl {
     return out;
   }
 
+  // Called by run() while the client threads go: the counts so far.
+  RunProgress progress() ORVCAM_EXCLUDES(mutex) {
+    RunProgress p;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      p.framesTotal = uint32_t(plan.plans.size());
+      p.framesEmplaced = framesEmplaced;
+      p.framesDone = client.framesDone;
+    }
+    p.jobsRun = jobsRun.load();
+    return p;
+  }
+
+  // After the client threads ended: what the run recorded, with the pool's leftovers and the
+  // pipe manager's account once the deliverer is gone.
+  void collect(host::HostPipeMgr& pipeMgr, History* history) {
+    History& h = *history;
+    h = History();
+    h.scenario = scenario.name;
+    h.seed = options.seed;
+    for (const auto& cam : scenario.sensors) h.sensors.push_back(cam.id);
+    std::sort(h.sensors.begin(), h.sensors.end());
+    h.plans = plan.plans;
+    {
+      std::lock_guard<std::mutex> lock(pool->mutex);
+      for (const auto& entry : pool->pool) h.framesLeftInPool.push_back(entry.first);
+    }
+    h.teardownAt = now();
+    deliver.reset();
+    h.wallTime = now();
+    pipeMgr.setObserver([](host::LicenseEvent, uint64_t, int32_t) {});
+    host::LicenseAccount account = pipeMgr.account();
+    h.account.acquired = account.acquired;
+    h.account.released = account.released;
+    h.account.destroyed = account.destroyed;
+    h.account.emptyReleases = account.emptyReleases;
+    for (auto& entry : logs) {
+      SensorLog& log = *entry.second;
+      h.prepares.insert(h.prepares.end(), log.prepares.begin(), log.prepares.end());
+      h.setConfigured.insert(h.setConfigured.end(), log.setConfigured.begin(),
+                             log.setConfigured.end());
+      h.jobs.insert(h.jobs.end(), log.jobs.begin(), log.jobs.end());
+    }
+    h.events.assign(events.begin(), events.end());
+    h.licences = ledger->take();
+    pool.reset();
+    if (options.trace) traceReleases(h);
+  }
+
   // Set before the threads start, read-only afterwards.
   const Scenario scenario;  // a copy: stuck threads of a stalled run may outlive the caller's
   RunOptions options;
@@ -585,15 +634,7 @@ bool Runner::run(History* history, std::string* stallReport) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     if (d.options.onProgress && SimClock::now() - lastReport >= std::chrono::milliseconds(100)) {
       lastReport = SimClock::now();
-      RunProgress p;
-      {
-        std::lock_guard<std::mutex> lock(d.mutex);
-        p.framesTotal = uint32_t(d.plan.plans.size());
-        p.framesEmplaced = d.framesEmplaced;
-        p.framesDone = d.client.framesDone;
-      }
-      p.jobsRun = d.jobsRun.load();
-      d.options.onProgress(p);
+      d.options.onProgress(d.progress());
     }
     if (d.watchdog.stalled()) {
       *stallReport = d.stallReport();
@@ -602,41 +643,7 @@ bool Runner::run(History* history, std::string* stallReport) {
     }
   }
   for (auto& t : threads) t.join();
-
-  History& h = *history;
-  h = History();
-  h.scenario = d.scenario.name;
-  h.seed = d.options.seed;
-  for (const auto& cam : d.scenario.sensors) h.sensors.push_back(cam.id);
-  std::sort(h.sensors.begin(), h.sensors.end());
-  h.plans = d.plan.plans;
-  {
-    std::lock_guard<std::mutex> lock(d.pool->mutex);
-    for (const auto& entry : d.pool->pool) h.framesLeftInPool.push_back(entry.first);
-  }
-  h.teardownAt = d.now();
-  d.deliver.reset();
-  h.wallTime = d.now();
-  pipeMgr->setObserver([](host::LicenseEvent, uint64_t, int32_t) {});
-  LicenceTotals totals;
-  host::LicenseAccount account = pipeMgr->account();
-  totals.acquired = account.acquired;
-  totals.released = account.released;
-  totals.destroyed = account.destroyed;
-  totals.emptyReleases = account.emptyReleases;
-  h.account = totals;
-
-  for (auto& entry : d.logs) {
-    SensorLog& log = *entry.second;
-    h.prepares.insert(h.prepares.end(), log.prepares.begin(), log.prepares.end());
-    h.setConfigured.insert(h.setConfigured.end(), log.setConfigured.begin(),
-                           log.setConfigured.end());
-    h.jobs.insert(h.jobs.end(), log.jobs.begin(), log.jobs.end());
-  }
-  h.events.assign(d.events.begin(), d.events.end());
-  h.licences = d.ledger->take();
-  d.pool.reset();
-  if (d.options.trace) d.traceReleases(h);
+  d.collect(*pipeMgr, history);
   return true;
 }
 
