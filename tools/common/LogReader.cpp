@@ -545,9 +545,16 @@ struct LineScope {
   void onDeliver();  // OrvCam/CamDeliver: sends, licences taken, the client's events
   void onGuard();    // OrvCam/CamDeliverGuard: preparations, waits, completions, sync breaks,
                      // drops and flushes
-  void onPool();     // OrvCam/FrameContextPool: the previous frame the guard looked up
-  void onQueue();    // OrvCam/LicenseQueue: licences queued and handed back, FD changes,
-                     // setConfigured, clears
+  void onSyncBreak();
+  void onFrameList();
+  void onPrepared();
+  void onOffSensorWait();
+  void onSyncWait();
+  void onFinished();
+  void onDropOrFlush();
+  void onPool();   // OrvCam/FrameContextPool: the previous frame the guard looked up
+  void onQueue();  // OrvCam/LicenseQueue: licences queued and handed back, FD changes,
+                   // setConfigured, clears
 };
 
 void LineScope::onDeliver() {
@@ -627,134 +634,161 @@ void LineScope::onDeliver() {
 }
 
 void LineScope::onGuard() {
-  // An in-flight report lists the frames whose sync it breaks ("frame list: ..."), then writes
-  // a line per frame as it breaks it, then "break all frameSync". The list alone breaks them
-  // (its lines come within the same report), so that a line the log lost changes nothing; the
-  // frames without their own line by "break all" are counted as lost lines.
-  if (func == "breakFrameSync") {
-    std::vector<uint32_t>& unbroken = r.unbrokenSyncFrames[line.tid];
-    if (hasSF) {
-      auto listed = std::find(unbroken.begin(), unbroken.end(), frame);
-      if (listed == unbroken.end()) {
-        breakSync(sensor, frame);
-      } else {
-        unbroken.erase(listed);
-        openEvent();
-      }
-    } else {
-      for (uint32_t f : unbroken) lostLine("the sync break of F:" + std::to_string(f));
-      unbroken.clear();
-      openEvent();
-    }
-    return;
-  }
+  if (func == "breakFrameSync") return onSyncBreak();
   if (func == "getSyncFrames" || func == "getEnquedSyncFrames" || func == "waitUntilEnquedEmpty") {
-    if (func == "waitUntilEnquedEmpty" || startsWith(rest, "[S:")) openEvent();
-    size_t list = rest.find("frame list: ");
-    size_t pos = 3;
-    int64_t s = 0;
-    if (func == "getSyncFrames" && list != std::string_view::npos && readNumber(rest, &pos, &s)) {
-      std::vector<uint32_t>& unbroken = r.unbrokenSyncFrames[line.tid];
-      unbroken.clear();
-      pos = list + 12;
-      int64_t f = 0;
-      while (readNumber(rest, &pos, &f)) {
-        unbroken.push_back(uint32_t(f));
-        breakSync(uint32_t(s), uint32_t(f));
-        skipSpaces(rest, &pos);
-      }
-    }
-    return;
+    return onFrameList();
   }
   if (!hasSF) return;
   noteSensor(sensor);
   if (func == "prepare" && contains(tail, "prepared, order(")) {
-    closeEvent();
-    ++r.debugLines;
-    SensorFrame& st = state(sensor, frame);
-    int64_t order = -1;
-    numberAfter(tail, "order(", &order);
-    st.tid = line.tid;
-    if (!st.prepared) {
-      st.prepared = true;
-      st.order = order;
-      st.preparedAt = at;
-      r.sequence[sensor].push_back(frame);
-    }
-    r.lowestFrame = std::min(r.lowestFrame, frame);
-    r.highestFrame = std::max(r.highestFrame, frame);
-    frameInfo(frame).sensors.insert(sensor);
-    h.prepares.push_back({sensor, frame, at});
-    ++r.totals[sensor].prepared;
+    onPrepared();
   } else if (func == "wait") {
-    bool isConfig = contains(tail, "[ConfigJob]");
-    SensorFrame& st = state(sensor, frame);
-    int64_t off = -1;
-    numberAfter(tail, "offSensor(", &off);
-    frameInfo(frame).offSensor = off;
-    if (contains(tail, "enqed +")) {
-      st.offWaitOpen[isConfig] = off;
-      st.offWaitSince[isConfig] = at;
-      if (!isConfig) st.sawEnqueueWait(at);
-    } else {
-      st.offWaitOpen[isConfig] = -1;
-    }
+    onOffSensorWait();
   } else if (func == "waitOffSensorPreviousFrameEnqued") {
     // The off sensor's id is the one printed.
     frameInfo(frame).offSensor = sensor;
   } else if (func == "operator()") {
-    bool isConfig = contains(tail, "[ConfigJob]");
-    SensorFrame& st = state(sensor, frame);
-    if (contains(tail, "wait previous syncframe enque ...")) {
-      ++st.waitLines;
-      if (!isConfig) {
-        st.enqLineTid = line.tid;
-        st.enqLastLineAt = at;
-      }
-      if (!isConfig) st.sawEnqueueWait(at);
-    } else {
-      ++r.verboseLines;
-    }
+    onSyncWait();
   } else if (func == "isPreviousSyncFrameFinished") {
     ++r.verboseLines;
   } else if (func == "finished") {
-    if (contains(tail, "FC not found")) return;
-    SensorFrame& st = state(sensor, frame);
-    jobWithoutPrepare(st);
-    if (contains(tail, "ConfigJob finished.")) {
-      if (!st.cfgSent) lostBefore(st, "the configure send", &st.cfgSent, &st.cfgSentAt);
-      if (!st.cfgStarted) {
-        lostBefore(st, "the configure licence", &st.cfgStarted, &st.cfgStart);
-        st.cfgStartLost = true;
-        frameInfo(frame).needCfg.insert(sensor);
-        frameInfo(frame).cfgByJob.insert(sensor);
-      }
-      st.cfgDone = true;
-      st.cfgEnd = at;
-    } else if (contains(tail, "EnqJob finished.")) {
-      if (!st.enqStarted) {
-        lostBefore(st, "the enqueue licence", &st.enqStarted, &st.enqStart);
-        st.enqStartLost = true;
-        if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
-      }
-      st.enqDone = true;
-      st.enqEnd = at;
-      if (contains(tail, "Is last, erase it.")) retire("the last enqueue, " + sfText() + " EnqJob");
-    }
+    onFinished();
   } else if (func == "drop" || func == "flush") {
-    if (contains(tail, "is last, erase")) retire("the " + std::string(func) + " of " + sfText());
-    sim::EventRecord* e = openEvent();
-    // The guard's drop or flush follows the report's own line.
-    if (sim::EventRecord* made = lostReport(
-            func == "drop" ? sim::EventKind::Drop : sim::EventKind::Flush, sensor, frame)) {
-      e = made;
+    onDropOrFlush();
+  }
+}
+
+// An in-flight report lists the frames whose sync it breaks ("frame list: ..."), then writes
+// a line per frame as it breaks it, then "break all frameSync". The list alone breaks them
+// (its lines come within the same report), so that a line the log lost changes nothing; the
+// frames without their own line by "break all" are counted as lost lines.
+void LineScope::onSyncBreak() {
+  std::vector<uint32_t>& unbroken = r.unbrokenSyncFrames[line.tid];
+  if (hasSF) {
+    auto listed = std::find(unbroken.begin(), unbroken.end(), frame);
+    if (listed == unbroken.end()) {
+      breakSync(sensor, frame);
+    } else {
+      unbroken.erase(listed);
+      openEvent();
     }
-    // Without thread ids the drop's own last line ends it: a release after it is another
-    // thread's (a setConfigured).
-    if (line.tid < 0 && func == "drop" && e && e->kind == sim::EventKind::Drop &&
-        contains(tail, "drop")) {
-      eventOpen[line.tid] = false;
+  } else {
+    for (uint32_t f : unbroken) lostLine("the sync break of F:" + std::to_string(f));
+    unbroken.clear();
+    openEvent();
+  }
+}
+
+// The frames a query found; an in-flight report's list of the frames whose sync it breaks.
+void LineScope::onFrameList() {
+  if (func == "waitUntilEnquedEmpty" || startsWith(rest, "[S:")) openEvent();
+  size_t list = rest.find("frame list: ");
+  size_t pos = 3;
+  int64_t s = 0;
+  if (func == "getSyncFrames" && list != std::string_view::npos && readNumber(rest, &pos, &s)) {
+    std::vector<uint32_t>& unbroken = r.unbrokenSyncFrames[line.tid];
+    unbroken.clear();
+    pos = list + 12;
+    int64_t f = 0;
+    while (readNumber(rest, &pos, &f)) {
+      unbroken.push_back(uint32_t(f));
+      breakSync(uint32_t(s), uint32_t(f));
+      skipSpaces(rest, &pos);
     }
+  }
+}
+
+void LineScope::onPrepared() {
+  closeEvent();
+  ++r.debugLines;
+  SensorFrame& st = state(sensor, frame);
+  int64_t order = -1;
+  numberAfter(tail, "order(", &order);
+  st.tid = line.tid;
+  if (!st.prepared) {
+    st.prepared = true;
+    st.order = order;
+    st.preparedAt = at;
+    r.sequence[sensor].push_back(frame);
+  }
+  r.lowestFrame = std::min(r.lowestFrame, frame);
+  r.highestFrame = std::max(r.highestFrame, frame);
+  frameInfo(frame).sensors.insert(sensor);
+  h.prepares.push_back({sensor, frame, at});
+  ++r.totals[sensor].prepared;
+}
+
+// A raw-switch wait: "+" when it begins, "-" when it ends.
+void LineScope::onOffSensorWait() {
+  bool isConfig = contains(tail, "[ConfigJob]");
+  SensorFrame& st = state(sensor, frame);
+  int64_t off = -1;
+  numberAfter(tail, "offSensor(", &off);
+  frameInfo(frame).offSensor = off;
+  if (contains(tail, "enqed +")) {
+    st.offWaitOpen[isConfig] = off;
+    st.offWaitSince[isConfig] = at;
+    if (!isConfig) st.sawEnqueueWait(at);
+  } else {
+    st.offWaitOpen[isConfig] = -1;
+  }
+}
+
+// A sync wait that sleeps, or (verbose) finds its group enqueued.
+void LineScope::onSyncWait() {
+  bool isConfig = contains(tail, "[ConfigJob]");
+  SensorFrame& st = state(sensor, frame);
+  if (contains(tail, "wait previous syncframe enque ...")) {
+    ++st.waitLines;
+    if (!isConfig) {
+      st.enqLineTid = line.tid;
+      st.enqLastLineAt = at;
+    }
+    if (!isConfig) st.sawEnqueueWait(at);
+  } else {
+    ++r.verboseLines;
+  }
+}
+
+void LineScope::onFinished() {
+  if (contains(tail, "FC not found")) return;
+  SensorFrame& st = state(sensor, frame);
+  jobWithoutPrepare(st);
+  if (contains(tail, "ConfigJob finished.")) {
+    if (!st.cfgSent) lostBefore(st, "the configure send", &st.cfgSent, &st.cfgSentAt);
+    if (!st.cfgStarted) {
+      lostBefore(st, "the configure licence", &st.cfgStarted, &st.cfgStart);
+      st.cfgStartLost = true;
+      frameInfo(frame).needCfg.insert(sensor);
+      frameInfo(frame).cfgByJob.insert(sensor);
+    }
+    st.cfgDone = true;
+    st.cfgEnd = at;
+  } else if (contains(tail, "EnqJob finished.")) {
+    if (!st.enqStarted) {
+      lostBefore(st, "the enqueue licence", &st.enqStarted, &st.enqStart);
+      st.enqStartLost = true;
+      if (!st.enqSentSeen && !st.enqWaitSeen) st.enqSentAt = at;
+    }
+    st.enqDone = true;
+    st.enqEnd = at;
+    if (contains(tail, "Is last, erase it.")) retire("the last enqueue, " + sfText() + " EnqJob");
+  }
+}
+
+void LineScope::onDropOrFlush() {
+  if (contains(tail, "is last, erase")) retire("the " + std::string(func) + " of " + sfText());
+  sim::EventRecord* e = openEvent();
+  // The guard's drop or flush follows the report's own line.
+  if (sim::EventRecord* made = lostReport(
+          func == "drop" ? sim::EventKind::Drop : sim::EventKind::Flush, sensor, frame)) {
+    e = made;
+  }
+  // Without thread ids the drop's own last line ends it: a release after it is another
+  // thread's (a setConfigured).
+  if (line.tid < 0 && func == "drop" && e && e->kind == sim::EventKind::Drop &&
+      contains(tail, "drop")) {
+    eventOpen[line.tid] = false;
   }
 }
 
