@@ -257,60 +257,70 @@ LogReader::Context& LogReader::sessionFor(const LogLine& line, int64_t fileAt) {
   bool hasSF = !text.empty() && text[0] == '[' && close != std::string_view::npos &&
                readSensorFrame(text, &pos, &sensor, &frame);
   if (!hasSF) return c;
-  // Preparation orders count up from 0 per sensor for the deliverer's life, and start again
-  // after a flush of the sensor with frame numbers that go on: an order 0 without a flush
-  // before it, or with frame numbers that start again, is a new deliverer.
   if (line.tag == "OrvCam/CamDeliver" && startsWith(text, "[notifyEvent]") &&
       contains(text, "type(Flush)")) {
     c.flushedSensors.insert(sensor);
   }
+  std::string why = newSessionReason(c, line, fileAt, sensor, frame);
+  if (!why.empty()) return startSession(line, c.run.session + 1, why + where());
+  return lateLineOwner(c, line, sensor, frame);
+}
+
+// Preparation orders count up from 0 per sensor for the deliverer's life, and start again
+// after a flush of the sensor with frame numbers that go on: an order 0 without a flush before
+// it, or with frame numbers that start again, is a new deliverer. Why this line begins one, or
+// "".
+std::string LogReader::newSessionReason(Context& c, const LogLine& line, int64_t fileAt,
+                                        uint32_t sensor, uint32_t frame) {
+  std::string_view text = line.text;
   int64_t order = -1;
-  if (line.tag == "OrvCam/CamDeliverGuard" && startsWith(text, "[prepare]") &&
-      numberAfter(text, "prepared, order(", &order) && order == 0) {
-    auto seq = c.run.sequence.find(sensor);
-    bool flushed = c.flushedSensors.erase(sensor) > 0;
-    int64_t silence = fileAt >= 0 && c.baseNs >= 0 ? fileAt - c.baseNs - c.lastAt : -1;
-    // A sensor the session has not seen may join it (a raw switch turns it on), and its
-    // request thread may lag the others' at the start, but while they run and by fewer frames
-    // than the pool holds. One that starts at or below the session's first frame after the
-    // session has moved on further than that, or after the session fell silent, belongs to a
-    // new deliverer: a camera closed and another one opened.
-    bool newSensor = seq == c.run.sequence.end() || seq->second.empty();
-    uint32_t lowest = c.run.lowestFrame, highest = c.run.highestFrame;
-    if (newSensor && frame <= lowest && highest > lowest &&
-        (highest - lowest > NSCam::camsys::camcoordinator::kPreparationWindow ||
-         silence > kNewSensorSilenceNs)) {
-      std::string why = silence > kNewSensorSilenceNs
-                            ? " and a silence of " + std::to_string(silence / 1000000) + " ms"
-                            : "";
-      return startSession(line, c.run.session + 1,
-                          "S:" + std::to_string(sensor) +
-                              ", new to the session, prepared F:" + std::to_string(frame) +
-                              " at order 0 after its frames reached F:" + std::to_string(highest) +
-                              why + where());
+  if (line.tag != "OrvCam/CamDeliverGuard" || !startsWith(text, "[prepare]") ||
+      !numberAfter(text, "prepared, order(", &order) || order != 0) {
+    return "";
+  }
+  auto seq = c.run.sequence.find(sensor);
+  bool flushed = c.flushedSensors.erase(sensor) > 0;
+  int64_t silence = fileAt >= 0 && c.baseNs >= 0 ? fileAt - c.baseNs - c.lastAt : -1;
+  // A sensor the session has not seen may join it (a raw switch turns it on), and its
+  // request thread may lag the others' at the start, but while they run and by fewer frames
+  // than the pool holds. One that starts at or below the session's first frame after the
+  // session has moved on further than that, or after the session fell silent, belongs to a
+  // new deliverer: a camera closed and another one opened.
+  bool newSensor = seq == c.run.sequence.end() || seq->second.empty();
+  uint32_t lowest = c.run.lowestFrame, highest = c.run.highestFrame;
+  if (newSensor && frame <= lowest && highest > lowest &&
+      (highest - lowest > NSCam::camsys::camcoordinator::kPreparationWindow ||
+       silence > kNewSensorSilenceNs)) {
+    std::string why = silence > kNewSensorSilenceNs
+                          ? " and a silence of " + std::to_string(silence / 1000000) + " ms"
+                          : "";
+    return "S:" + std::to_string(sensor) +
+           ", new to the session, prepared F:" + std::to_string(frame) +
+           " at order 0 after its frames reached F:" + std::to_string(highest) + why;
+  }
+  if (seq != c.run.sequence.end() && !seq->second.empty()) {
+    uint32_t last = seq->second.back();
+    if (!flushed) {
+      return "S:" + std::to_string(sensor) +
+             "'s preparation order started again at 0 without a flush";
     }
-    if (seq != c.run.sequence.end() && !seq->second.empty()) {
-      uint32_t last = seq->second.back();
-      if (!flushed) {
-        return startSession(line, c.run.session + 1,
-                            "S:" + std::to_string(sensor) +
-                                "'s preparation order started again at 0 without a flush" +
-                                where());
-      }
-      if (frame <= last) {
-        return startSession(line, c.run.session + 1,
-                            "S:" + std::to_string(sensor) +
-                                "'s frame numbers started again (F:" + std::to_string(frame) +
-                                " after F:" + std::to_string(last) + ")" + where());
-      }
-    }
-    if (silence > kSessionSilenceNs && !c.run.sequence.empty()) {
-      return startSession(line, c.run.session + 1,
-                          "a silence of " + std::to_string(silence / 1000000) + " ms, then S:" +
-                              std::to_string(sensor) + " prepared at order 0" + where());
+    if (frame <= last) {
+      return "S:" + std::to_string(sensor) +
+             "'s frame numbers started again (F:" + std::to_string(frame) +
+             " after F:" + std::to_string(last) + ")";
     }
   }
-  // After a boundary, a line naming a frame only the older deliverer holds is its own.
+  if (silence > kSessionSilenceNs && !c.run.sequence.empty()) {
+    return "a silence of " + std::to_string(silence / 1000000) +
+           " ms, then S:" + std::to_string(sensor) + " prepared at order 0";
+  }
+  return "";
+}
+
+// After a boundary, a line naming a frame only the older deliverer holds is its own.
+LogReader::Context& LogReader::lateLineOwner(Context& c, const LogLine& line, uint32_t sensor,
+                                             uint32_t frame) {
+  std::string_view text = line.text;
   auto prev = previous_.find(line.pid);
   if (prev == previous_.end()) return c;
   Context& old = contexts_[prev->second];
@@ -900,10 +910,9 @@ void LineScope::onQueue() {
 
 }  // namespace
 
-void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
+// Time: from the first line of the run; lines within one clock tick keep their order.
+Nanos LogReader::lineTime(Context& c, const LogLine& line, int64_t fileAt) {
   Run& r = c.run;
-  ++r.lines;
-  // Time: from the first line of the run; lines within one clock tick keep their order.
   Nanos at;
   if (fileAt >= 0) {
     r.stampTick = std::max<Nanos>(r.stampTick, line.tickNs);
@@ -917,6 +926,41 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
   ++c.seq;
   r.endAt = at;
   if (line.tid >= 0) r.threadLastAt[line.tid] = at;
+  return at;
+}
+
+// A fatal assertion's error line, or its assertion line, which adds the function.
+void LogReader::noteFatal(Run& r, const RecentLines& recent, const LogLine& line, Nanos at) {
+  std::string_view text = line.text;
+  std::string message(text);
+  std::string function;
+  size_t suffix = message.rfind(" (");
+  if (suffix != std::string::npos && message.find("){#", suffix) != std::string::npos) {
+    size_t close = message.find("){#", suffix);
+    function = message.substr(suffix + 2, close - suffix - 2);
+    message = message.substr(0, suffix);
+  }
+  if (!r.fatals.empty() && r.fatals.back().tid == line.tid && r.fatals.back().message == message) {
+    if (!function.empty()) r.fatals.back().function = function;
+  } else if (line.level != 'E' || isFatalText(text)) {
+    FatalAssertion f;
+    f.message = message;
+    f.function = function;
+    f.tag = std::string(line.tag);
+    f.tid = line.tid;
+    f.at = at;
+    for (size_t i = 0; i < recent.count; ++i) {
+      f.before.push_back(
+          recent.lines[(recent.next + kRecentLines - recent.count + i) % kRecentLines]);
+    }
+    r.fatals.push_back(std::move(f));
+  }
+}
+
+void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
+  Run& r = c.run;
+  ++r.lines;
+  const Nanos at = lineTime(c, line, fileAt);
 
   std::string_view text = line.text;
   RecentLines& recent = c.recent[line.tid];
@@ -930,30 +974,7 @@ void LogReader::handle(Context& c, const LogLine& line, int64_t fileAt) {
 
   // Fatal assertions: the error line, then the assertion line with its suffix.
   if (line.level == 'F' || line.level == 'A' || (line.level == 'E' && isFatalText(text))) {
-    std::string message(text);
-    std::string function;
-    size_t suffix = message.rfind(" (");
-    if (suffix != std::string::npos && message.find("){#", suffix) != std::string::npos) {
-      size_t close = message.find("){#", suffix);
-      function = message.substr(suffix + 2, close - suffix - 2);
-      message = message.substr(0, suffix);
-    }
-    if (!r.fatals.empty() && r.fatals.back().tid == line.tid &&
-        r.fatals.back().message == message) {
-      if (!function.empty()) r.fatals.back().function = function;
-    } else if (line.level != 'E' || isFatalText(text)) {
-      FatalAssertion f;
-      f.message = message;
-      f.function = function;
-      f.tag = std::string(line.tag);
-      f.tid = line.tid;
-      f.at = at;
-      for (size_t i = 0; i < recent.count; ++i) {
-        f.before.push_back(
-            recent.lines[(recent.next + kRecentLines - recent.count + i) % kRecentLines]);
-      }
-      r.fatals.push_back(std::move(f));
-    }
+    noteFatal(r, recent, line, at);
     return;
   }
   if (line.level == 'W') {

@@ -384,6 +384,11 @@ class LogReader {
     detail::StateCache stateCache;  // emptied whenever frames leave memory
   };
   void handle(Context& c, const LogLine& line, int64_t fileAt);
+  static Nanos lineTime(Context& c, const LogLine& line, int64_t fileAt);
+  std::string newSessionReason(Context& c, const LogLine& line, int64_t fileAt, uint32_t sensor,
+                               uint32_t frame);
+  Context& lateLineOwner(Context& c, const LogLine& line, uint32_t sensor, uint32_t frame);
+  static void noteFatal(Run& r, const RecentLines& recent, const LogLine& line, Nanos at);
   Nanos newestAt(const Context& c) const {
     return c.baseNs >= 0 ? std::max<Nanos>(c.run.endAt, clock_.last() - c.baseNs) : c.run.endAt;
   }
