@@ -156,15 +156,55 @@ void Explorer::judge(Verdict* v) {
   v->failed = !v->findings.empty();
 }
 
+namespace {
+
+// A choice point of the depth-first search: its options, the one taken and those tried.
+struct Node {
+  std::vector<Choice> options;
+  int current;
+  bool currentEnabled;
+  size_t chosen;
+  std::vector<bool> tried;
+  uint32_t before;  // preemptions before this point
+};
+
+// A point met for the first time, after the stack's deepest: its default option taken.
+Node newNode(const ChoicePoint& p, const std::vector<Node>& stack) {
+  Node n{*p.options,
+         p.current,
+         p.currentEnabled,
+         defaultOption(p),
+         std::vector<bool>(p.options->size()),
+         0};
+  if (!stack.empty()) {
+    const Node& prev = stack.back();
+    ChoicePoint pp{&prev.options, prev.current, prev.currentEnabled, 0};
+    n.before = prev.before + cost(pp, prev.chosen);
+  }
+  return n;
+}
+
+// Moves to the deepest point with an untried option within the bound, dropping the points
+// past it; false when none is left (the search is exhausted).
+bool backtrack(std::vector<Node>* stack, int bound) {
+  while (!stack->empty()) {
+    Node& n = stack->back();
+    ChoicePoint p{&n.options, n.current, n.currentEnabled, 0};
+    for (size_t j = 0; j < n.options.size(); ++j) {
+      if (n.tried[j]) continue;
+      if (bound >= 0 && n.before + cost(p, j) > uint32_t(bound)) continue;
+      n.tried[j] = true;
+      n.chosen = j;
+      return true;
+    }
+    stack->pop_back();
+  }
+  return false;
+}
+
+}  // namespace
+
 Report Explorer::dfs(int bound, uint64_t limit) {
-  struct Node {
-    std::vector<Choice> options;
-    int current;
-    bool currentEnabled;
-    size_t chosen;
-    std::vector<bool> tried;
-    uint32_t before;  // preemptions before this point
-  };
   std::vector<Node> stack;
   Report report;
   auto t0 = std::chrono::steady_clock::now();
@@ -189,17 +229,7 @@ Report Explorer::dfs(int bound, uint64_t limit) {
         if (n.options != *p.options) diverged = true;
         return std::min(n.chosen, p.options->size() - 1);
       }
-      Node n{*p.options,
-             p.current,
-             p.currentEnabled,
-             defaultOption(p),
-             std::vector<bool>(p.options->size()),
-             0};
-      if (!stack.empty()) {
-        const Node& prev = stack.back();
-        ChoicePoint pp{&prev.options, prev.current, prev.currentEnabled, 0};
-        n.before = prev.before + cost(pp, prev.chosen);
-      }
+      Node n = newNode(p, stack);
       if (mCacheStates && !pruned && p.state) {
         // Who ran last matters only while it can go on: a switch away from it is a
         // preemption. When it cannot, every option is free and the state alone decides.
@@ -237,24 +267,7 @@ Report Explorer::dfs(int bound, uint64_t limit) {
     // Drop the points past this run's end (a run that ended earlier than its prefix), then
     // move to the deepest point with an untried option within the bound.
     if (stack.size() > choices.size()) stack.resize(choices.size());
-    while (!stack.empty()) {
-      Node& n = stack.back();
-      ChoicePoint p{&n.options, n.current, n.currentEnabled, 0};
-      size_t next = n.options.size();
-      for (size_t j = 0; j < n.options.size(); ++j) {
-        if (n.tried[j]) continue;
-        if (bound >= 0 && n.before + cost(p, j) > uint32_t(bound)) continue;
-        next = j;
-        break;
-      }
-      if (next < n.options.size()) {
-        n.tried[next] = true;
-        n.chosen = next;
-        break;
-      }
-      stack.pop_back();
-    }
-    if (stack.empty()) {
+    if (!backtrack(&stack, bound)) {
       report.exhausted = true;
       break;
     }
