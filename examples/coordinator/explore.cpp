@@ -1,5 +1,5 @@
 // The example coordinator explored: its drop, flush and in-flight paths, each on a small
-// session (two synchronised sensors, three frames; makeSmallPlan()), run under the explorer in
+// session (two synchronised sensors, two frames; makeSmallPlan()), run under the explorer in
 // every schedule with at most N preemptions. Each schedule must end with every frame through,
 // nothing left in the pool and every licence handed back (Summary::clean()), and with no
 // finding of the explorer's own (deadlock, fatal assertion, the deliverer's rules and the
