@@ -22,9 +22,9 @@
 #include "CoordinatorUnderTest.h"
 #include "Explore.h"
 #else
-#include "Client.h"
-#include "Explorer.h"
-#include "Scenario.h"
+#include "client/Scenario.h"
+#include "explore/Client.h"
+#include "explore/Explorer.h"
 #endif
 
 namespace {
@@ -73,10 +73,10 @@ BENCHMARK(BM_HarnessSchedules)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 #else
 
 void BM_ExploreTwoSensorSync(benchmark::State& state) {
-  sim::Scenario scenario;
-  sim::ScenarioError error;
-  if (!sim::loadScenarioFile(ORVCAM_SCENARIO_DIR "/explore/sync-2x3-configure.json", &scenario,
-                             &error)) {
+  client::Scenario scenario;
+  client::ScenarioError error;
+  if (!client::loadScenarioFile(ORVCAM_SCENARIO_DIR "/explore/sync-2x3-configure.json", &scenario,
+                                &error)) {
     state.SkipWithError(error.text().c_str());
     return;
   }

@@ -17,10 +17,11 @@
 #include <string_view>
 #include <vector>
 
-#include "LogReader.h"
-#include "LogReport.h"
-#include "Report.h"
-#include "TextInput.h"
+#include "history/HistoryJson.h"
+#include "log/LogReport.h"
+#include "log/TextInput.h"
+#include "logread/LogReader.h"
+#include "report/Report.h"
 
 #include <unistd.h>
 
@@ -121,7 +122,7 @@ void BM_ReadAndCheckLog(benchmark::State& state) {
     orvcam::logread::LogReader reader;
     for (const std::string& raw : log) reader.addLine(raw);
     std::vector<orvcam::logread::Run> runs = reader.finish();
-    orvcam::logread::Analysis a = orvcam::logread::analyse(runs.front());
+    orvcam::log::Analysis a = orvcam::log::analyse(runs.front());
     readSeconds += secondsSince(start);
     benchmark::DoNotOptimize(a.findings.size());
     if (!a.findings.empty()) state.SkipWithError(a.findings.front().text.c_str());
@@ -146,18 +147,19 @@ double readPass(const std::function<void(const std::function<void(std::string_vi
   auto start = std::chrono::steady_clock::now();
   {
     logread::LogReader reader;
-    std::unique_ptr<OrderedWorker> worker;
+    std::unique_ptr<base::OrderedWorker> worker;
     std::ofstream traceFile;
-    std::unique_ptr<logread::TraceWriter> trace;
-    std::unique_ptr<sim::HistoryJsonStream> history;
-    std::unique_ptr<logread::ScenarioWriter> scenario;
+    std::unique_ptr<log::TraceWriter> trace;
+    std::unique_ptr<history::HistoryJsonStream> history;
+    std::unique_ptr<log::ScenarioWriter> scenario;
     if (dir) {
-      worker = std::make_unique<OrderedWorker>();
+      worker = std::make_unique<base::OrderedWorker>();
       traceFile.open(*dir / "trace.json", std::ios::binary);
-      trace = std::make_unique<logread::TraceWriter>(traceFile, 4000, worker.get());
-      history = std::make_unique<sim::HistoryJsonStream>((*dir / "history").string(), worker.get());
-      scenario = std::make_unique<logread::ScenarioWriter>((*dir / "scenario").string());
-      reader.setListener([&](const logread::Run& run, sim::History&& part) {
+      trace = std::make_unique<log::TraceWriter>(traceFile, 4000, worker.get());
+      history =
+          std::make_unique<history::HistoryJsonStream>((*dir / "history").string(), worker.get());
+      scenario = std::make_unique<log::ScenarioWriter>((*dir / "scenario").string());
+      reader.setListener([&](const logread::Run& run, history::History&& part) {
         trace->add(run, part);
         scenario->add(run, part);
         history->add(std::move(part));  // last: it keeps the part
@@ -165,7 +167,7 @@ double readPass(const std::function<void(const std::function<void(std::string_vi
     }
     source([&](std::string_view raw) { reader.addLine(raw); });
     std::vector<logread::Run> runs = reader.finish();
-    logread::Analysis a = logread::analyse(runs.front());
+    log::Analysis a = log::analyse(runs.front());
     if (dir) {
       trace->finish(runs.front());
       traceFile.close();
@@ -272,7 +274,7 @@ void BM_CaptureFileVsGrep(benchmark::State& state) {
   }
   auto fromFile = [&file](const std::function<void(std::string_view)>& sink) {
     std::ifstream in(file, std::ios::binary);
-    logread::TextInput input(in);
+    log::TextInput input(in);
     std::string line;
     while (input.next(&line)) sink(line);
   };

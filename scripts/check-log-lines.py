@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The library's log lines are an interface: camdeliver-log, the explorer and the simulator's
-checks read them. tools/common/LibraryLines.h declares every line the library writes (tag,
+checks read them. tools/logread/LibraryLines.h declares every line the library writes (tag,
 macro, function, format) and, for each, the key by which the reader knows it (or why it does
 not read it). This check fails, naming the place to update, when
 
@@ -19,9 +19,9 @@ import re
 import sys
 
 LIBRARY = "hw/camsys/cam_deliver"
-TABLE = "tools/common/LibraryLines.h"
-READER = ["tools/common/LogReader.cpp", "tools/log/LogReport.cpp"]
-CATALOGUE = "tools/common/MessageCatalogue.cpp"
+TABLE = "tools/logread/LibraryLines.h"
+READER = ["tools/logread/LogReader.cpp", "tools/log/LogReport.cpp"]
+CATALOGUE = "tools/logread/MessageCatalogue.cpp"
 MACROS = ("CD_LOGD", "CD_LOGV", "CD_LOGW", "CD_LOGE", "CD_FATAL")
 STRING = re.compile(r'"((?:[^"\\]|\\.)*)"')
 DEFINITION = re.compile(r"^[A-Za-z_][\w:<>,\s\*&]*?(?:\b|(?=~))(?:\w+::)*(~?\w+)\(")

@@ -9,15 +9,15 @@
 #include <string>
 
 #include "CamDeliver.h"
-#include "Checker.h"
-#include "Client.h"
-#include "Explorer.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
-#include "Scenario.h"
-#include "StateTable.h"
 #include "TrackedToy.h"
+#include "check/Checker.h"
+#include "client/Scenario.h"
+#include "explore/Client.h"
+#include "explore/Explorer.h"
+#include "explore/StateTable.h"
 
 namespace orvcam {
 namespace explore {
@@ -618,10 +618,10 @@ TEST(ExploreReplay, AFailingScheduleReplaysExactlyEveryTime) {
   }
 }
 
-sim::Scenario scenario(const std::string& json) {
-  sim::Scenario s;
-  sim::ScenarioError error;
-  EXPECT_TRUE(sim::parseScenario(json, "<test>", &s, &error)) << error.text();
+client::Scenario scenario(const std::string& json) {
+  client::Scenario s;
+  client::ScenarioError error;
+  EXPECT_TRUE(client::parseScenario(json, "<test>", &s, &error)) << error.text();
   return s;
 }
 
@@ -648,11 +648,11 @@ TEST(ExploreLibrary, TwoSensorSyncIsCleanAtBoundOneAndReplaysItsSchedules) {
 // The benchmark's baseline: the same client on real threads, without the scheduler, keeps the
 // protocol and passes the checker, run after run.
 TEST(ExploreLibrary, ThePlainRunOfTheClientIsCleanToo) {
-  sim::Scenario s = scenario(kTwoSensorSync);
+  client::Scenario s = scenario(kTwoSensorSync);
   ClientRun client(s);
   for (int i = 0; i < 20; ++i) {
-    sim::History h = client.runPlain();
-    sim::CheckResult check = sim::checkHistory(h);
+    history::History h = client.runPlain();
+    check::CheckResult check = check::checkHistory(h);
     EXPECT_TRUE(check.clean()) << check.violations[0].message;
     EXPECT_EQ(h.jobs.size(), 8u);  // two configure jobs, six enqueues
     EXPECT_EQ(h.account.live(), 0u);

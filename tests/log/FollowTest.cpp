@@ -15,12 +15,15 @@
 #include <sstream>
 #include <string>
 
-#include "Follow.h"
-#include "LogReader.h"
-#include "LogReport.h"
+#include "log/Follow.h"
+#include "log/LogReport.h"
+#include "logread/LogReader.h"
 
 namespace orvcam {
 namespace logread {
+
+using namespace history;
+using namespace log;
 namespace {
 
 using ::testing::HasSubstr;

@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "LogReader.h"
+#include "logread/LogReader.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 #include <optional>
 #include <string>
 
-#include "LogReader.h"
 #include "PerfettoProto.h"
-#include "PerfettoWriter.h"
 #include "PftraceCheck.h"
+#include "logread/LogReader.h"
+#include "pftrace/PerfettoWriter.h"
 
 namespace orvcam {
 namespace {

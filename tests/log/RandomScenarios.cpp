@@ -9,8 +9,8 @@
 #include <map>
 #include <string>
 
-#include "RandomScenario.h"
-#include "Scenario.h"
+#include "client/RandomScenario.h"
+#include "client/Scenario.h"
 
 int main(int argc, char** argv) {
   if (argc != 5) {
@@ -19,14 +19,14 @@ int main(int argc, char** argv) {
   }
   uint64_t seed = std::strtoull(argv[1], nullptr, 0);
   uint64_t count = std::strtoull(argv[2], nullptr, 0);
-  orvcam::sim::RandomLimits limits;
+  orvcam::client::RandomLimits limits;
   limits.maxSensors = uint32_t(std::strtoul(argv[3], nullptr, 0));
   std::string dir = argv[4];
   for (uint64_t i = 0; i < count; ++i) {
     std::string path = dir + "/random-" + std::to_string(i) + ".json";
-    orvcam::sim::Scenario scenario = orvcam::sim::randomScenario(seed, i, limits);
+    orvcam::client::Scenario scenario = orvcam::client::randomScenario(seed, i, limits);
     std::ofstream out(path);
-    out << orvcam::sim::scenarioToJson(scenario) << "\n";
+    out << orvcam::client::scenarioToJson(scenario) << "\n";
     std::map<uint32_t, int> noFrame;
     for (const auto& n : scenario.noFrameSends) ++noFrame[n.sensor];
     std::ofstream side(dir + "/random-" + std::to_string(i) + ".noframe");

@@ -9,18 +9,18 @@
 #include <string>
 #include <vector>
 
-#include "LogReader.h"
-#include "LogReport.h"
 #include "PerfettoProto.h"
 #include "PftraceCheck.h"
-#include "Runner.h"
+#include "log/LogReport.h"
+#include "logread/LogReader.h"
+#include "sim/Runner.h"
 
 namespace orvcam {
 namespace {
 
+using log::TraceWriter;
 using logread::LogReader;
 using logread::Run;
-using logread::TraceWriter;
 
 // A second of another process's lines first, then a session of process 42 with a line of
 // another tag in it, and a line of process 7 during it.
@@ -39,10 +39,10 @@ constexpr uint64_t kWallAtFirstStamp = 1763780869000000000;  // 2025-11-22 03:07
 // first line, as camdeliver-log makes it): the trace's bytes.
 std::string traceWithLines(bool all, test::PftraceCounts* counts) {
   LogReader reader;
-  logread::TraceLogFeed feed(all);
+  log::TraceLogFeed feed(all);
   std::ostringstream out;
   std::unique_ptr<TraceWriter> writer;
-  logread::TraceOptions options;
+  log::TraceOptions options;
   options.perfetto = true;
   options.clockId = pftrace::kClockRealtime;
   for (const std::string& line : kCapture) {
@@ -50,7 +50,7 @@ std::string traceWithLines(bool all, test::PftraceCounts* counts) {
     reader.addLine(line);
     feed.after(reader, line, [&](const Run& run) {
       if (!writer) {
-        options.firstStampNs = kWallAtFirstStamp + uint64_t(logread::sessionStartNs(reader, run));
+        options.firstStampNs = kWallAtFirstStamp + uint64_t(log::sessionStartNs(reader, run));
         writer = std::make_unique<TraceWriter>(out, run.pid, nullptr, options);
       }
       return writer.get();
@@ -86,11 +86,11 @@ TEST(TraceLogs, DelivererLinesOrEveryLineOfTheProcessOnTheSessionsWallClock) {
 
 TEST(TraceLogs, OnlyAProtobufTraceOnTheWallClockTakesThem) {
   std::ostringstream out;
-  logread::TraceOptions monotonic;
+  log::TraceOptions monotonic;
   monotonic.perfetto = true;
   monotonic.clockId = pftrace::kClockMonotonic;
   EXPECT_FALSE(TraceWriter(out, 1, nullptr, monotonic).takesLogLines());
-  logread::TraceOptions json;
+  log::TraceOptions json;
   json.clockId = pftrace::kClockRealtime;
   EXPECT_FALSE(TraceWriter(out, 1, nullptr, json).takesLogLines());
 }
@@ -100,8 +100,8 @@ TEST(TraceLogs, GzipJsonTraceIsTheJsonTrace) {
   for (const std::string& line : kCapture) reader.addLine(line);
   logread::Run run = reader.finish().at(0);
   std::ostringstream plain, zipped;
-  logread::writeTrace(plain, run);
-  logread::TraceOptions gzip;
+  log::writeTrace(plain, run);
+  log::TraceOptions gzip;
   gzip.gzip = true;
   {
     TraceWriter writer(zipped, run.pid, nullptr, gzip);
@@ -126,8 +126,8 @@ TEST(TraceLogs, GzipJsonTraceIsTheJsonTrace) {
 // The simulator's arrows: from the partner of the previous frame's sync group enqueued last,
 // when it ended during the wait, to the waiting enqueue, whichever sensor it is.
 TEST(SimFlows, FromThePartnerThatReleasedTheWait) {
-  sim::History h;
-  sim::FramePlan f1, f2;
+  history::History h;
+  history::FramePlan f1, f2;
   f1.frame = 1;
   f1.sensors = {0, 1, 2};
   f1.syncList = {0, 1};
@@ -136,8 +136,9 @@ TEST(SimFlows, FromThePartnerThatReleasedTheWait) {
   h.plans = {f1, f2};
   for (uint32_t s : {0u, 1u, 2u}) h.prepares.push_back({s, 1, 10 + s, 0});
   for (uint32_t s : {0u, 1u, 2u}) h.prepares.push_back({s, 2, 20 + s, 0});
-  auto enqueue = [&](uint32_t s, uint32_t f, sim::Nanos sent, sim::Nanos start, sim::Nanos end) {
-    sim::JobRecord j;
+  auto enqueue = [&](uint32_t s, uint32_t f, history::Nanos sent, history::Nanos start,
+                     history::Nanos end) {
+    history::JobRecord j;
     j.sensor = s;
     j.frame = f;
     j.sent = sent, j.start = start, j.end = end, j.ran = true;

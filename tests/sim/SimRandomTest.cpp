@@ -4,12 +4,16 @@
 
 #include <set>
 
-#include "Checker.h"
-#include "RandomScenario.h"
-#include "Runner.h"
+#include "check/Checker.h"
+#include "client/RandomScenario.h"
+#include "sim/Runner.h"
 
 namespace orvcam {
 namespace sim {
+
+using namespace client;
+using namespace check;
+using namespace history;
 namespace {
 
 TEST(SimRandom, SameSeedSameScenariosAndEveryOneValid) {

@@ -6,13 +6,17 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "Checker.h"
 #include "HostPlatform.h"
-#include "Runner.h"
-#include "Scenario.h"
+#include "check/Checker.h"
+#include "client/Scenario.h"
+#include "sim/Runner.h"
 
 namespace orvcam {
 namespace sim {
+
+using namespace client;
+using namespace check;
+using namespace history;
 namespace {
 
 TEST(SimRun, DefaultScenarioRunsCleanAndTracesEachSensorThread) {

@@ -1,4 +1,4 @@
-#include "Client.h"
+#include "explore/Client.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -10,31 +10,34 @@
 #include <thread>
 
 #include "CamDeliver.h"
-#include "Checker.h"
-#include "ClientModel.h"
-#include "Explorer.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
+#include "check/Checker.h"
+#include "client/ClientModel.h"
+#include "explore/Explorer.h"
 
 namespace orvcam {
 namespace explore {
 
-namespace cc = NSCam::camsys::camcoordinator;
-using sim::EventKind;
-using sim::EventTiming;
-using sim::FramePlan;
-using sim::JobKind;
-using sim::JobRecord;
-using sim::Nanos;
+using namespace client;
+using namespace history;
 
-std::string unsupportedFeature(const sim::Scenario& scenario) {
+namespace cc = NSCam::camsys::camcoordinator;
+using client::EventTiming;
+using history::EventKind;
+using history::FramePlan;
+using history::JobKind;
+using history::JobRecord;
+using history::Nanos;
+
+std::string unsupportedFeature(const client::Scenario& scenario) {
   if (!scenario.gaps.empty()) return "gaps";
   return "";
 }
 
 // The simulator's client (tools/sim/Runner.cpp, with the plan, state and rules of
-// tools/sim/ClientModel.h) with the time taken out: every wait of the client is a scheduler
+// tools/client/ClientModel.h) with the time taken out: every wait of the client is a scheduler
 // wait on a predicate over this state, which only the running thread touches. Times in the history
 // are a logical clock that ticks at every record.
 struct ClientRun::Impl {
@@ -93,7 +96,7 @@ struct ClientRun::Impl {
     size_t mRec;
   };
 
-  explicit Impl(const sim::Scenario& s) : scenario(s), plan(scenario), client(plan) {}
+  explicit Impl(const client::Scenario& s) : scenario(s), plan(scenario), client(plan) {}
 
   // Without the scheduler (a plain run, the benchmark's baseline) the client's state is
   // guarded by `plainMutex`: a client thread holds it except inside the library's calls and
@@ -169,7 +172,7 @@ struct ClientRun::Impl {
 
   void reset() {
     clock = 0;
-    client = sim::ClientState(plan);
+    client = client::ClientState(plan);
     context = -1;
     jobs.clear();
     prepares.clear();
@@ -301,20 +304,20 @@ struct ClientRun::Impl {
     size_t& sendPos = positions.at(sensor).send;
     auto mayPrepare = [&] {
       if (prepPos >= mine.size() || !client.frames[mine[prepPos]].emplaced) return false;
-      const sim::ClientState::FrameState& f = client.frames[mine[prepPos]];
+      const client::ClientState::FrameState& f = client.frames[mine[prepPos]];
       return f.firstPrepareStarted ||
              (mine[prepPos] == client.nextFirstPrepare && !client.firstPrepareBusy);
     };
     while (sendPos < mine.size()) {
       while (mayPrepare()) {
         size_t idx = mine[prepPos];
-        sim::ClientState::FrameState& f = client.frames[idx];
+        client::ClientState::FrameState& f = client.frames[idx];
         bool first = !f.firstPrepareStarted;
         if (first) {
           f.firstPrepareStarted = true;
           client.firstPrepareBusy = true;
         }
-        sim::PrepareRecord rec{sensor, plan.plans[idx].frame, tick(), 0};
+        history::PrepareRecord rec{sensor, plan.plans[idx].frame, tick(), 0};
         {
           Outside out(*this, Call::Prepare, sensor, plan.plans[idx].frame);
           deliver->prepare(sensor, plan.plans[idx].frame, f.fc);
@@ -339,7 +342,8 @@ struct ClientRun::Impl {
         continue;
       }
       bool sent = sendFrame(sensor, idx);
-      if (plan.noFrameAfter.count({sensor, plan.plans[idx].frame})) enqueue(sensor, sim::kNoFrame);
+      if (plan.noFrameAfter.count({sensor, plan.plans[idx].frame}))
+        enqueue(sensor, history::kNoFrame);
       if (sent) client.markDone(sensor, idx);
       ++sendPos;
     }
@@ -347,9 +351,9 @@ struct ClientRun::Impl {
 
   // ---- pipeline thread ----
 
-  sim::EventRecord& newEvent(EventKind kind, uint32_t sensor, uint32_t frame, uint32_t value) {
+  history::EventRecord& newEvent(EventKind kind, uint32_t sensor, uint32_t frame, uint32_t value) {
     events.emplace_back();
-    sim::EventRecord& e = events.back();
+    history::EventRecord& e = events.back();
     e.kind = kind;
     e.sensor = sensor;
     e.frame = frame;
@@ -357,7 +361,7 @@ struct ClientRun::Impl {
     return e;
   }
 
-  void notify(sim::EventRecord& e) {
+  void notify(history::EventRecord& e) {
     e.begin = tick();
     if (e.kind == EventKind::QueueFlush) {
       Outside out(*this, Call::Flush, e.sensor, e.frame);
@@ -374,7 +378,7 @@ struct ClientRun::Impl {
   }
 
   void reportDrop(uint32_t sensor, size_t idx) {
-    sim::EventRecord& e = newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0);
+    history::EventRecord& e = newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0);
     notify(e);
     client.frames[idx].dropReported.insert(sensor);
     client.markDone(sensor, idx);
@@ -389,7 +393,7 @@ struct ClientRun::Impl {
       any = true;
     }
     for (auto it = client.racingDrops.begin(); it != client.racingDrops.end();) {
-      sim::ClientState::FrameState& f = client.frames[it->second];
+      client::ClientState::FrameState& f = client.frames[it->second];
       if (f.flushed) {
         it = client.racingDrops.erase(it);
       } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
@@ -426,7 +430,7 @@ struct ClientRun::Impl {
     }
   }
 
-  void reportWhileRunning(const sim::PlannedEvent& ev) {
+  void reportWhileRunning(const client::PlannedEvent& ev) {
     waitFor(
         [&] {
           for (size_t i : client.syncFrames(ev.sensor)) {
@@ -436,7 +440,7 @@ struct ClientRun::Impl {
         },
         "the named frames to be prepared");
     std::vector<size_t> named = client.syncFrames(ev.sensor);
-    sim::EventRecord& e = newEvent(ev.kind, ev.sensor, ev.frame, ev.value);
+    history::EventRecord& e = newEvent(ev.kind, ev.sensor, ev.frame, ev.value);
     for (size_t i : named) {
       e.frames.push_back(plan.plans[i].frame);
       client.frames[i].syncBroken = true;
@@ -448,8 +452,8 @@ struct ClientRun::Impl {
     const FramePlan& p = plan.plans[idx];
     auto it = plan.eventsAt.find(idx);
     if (it != plan.eventsAt.end()) {
-      for (const sim::PlannedEvent* ev : it->second) {
-        if (sim::ClientPlan::gated(*ev)) continue;
+      for (const client::PlannedEvent* ev : it->second) {
+        if (client::ClientPlan::gated(*ev)) continue;
         if (ev->when == EventTiming::WhileRunning) {
           reportWhileRunning(*ev);
         } else {
@@ -457,7 +461,7 @@ struct ClientRun::Impl {
         }
       }
     }
-    auto fc = sim::makeFrameContext(p);
+    auto fc = client::makeFrameContext(p);
     Scheduler::nameObject(&fc->mutex, "record F:" + std::to_string(p.frame) + ".mutex");
     {
       Outside out(*this, Call::Emplace, 0, p.frame);
@@ -470,7 +474,7 @@ struct ClientRun::Impl {
   }
 
   void runHeldEvents(size_t idx) {
-    const std::vector<const sim::PlannedEvent*>& evs = plan.eventsAt.at(idx);
+    const std::vector<const client::PlannedEvent*>& evs = plan.eventsAt.at(idx);
     uint32_t frameNo = plan.plans[idx].frame;
     client.gate = idx;
     waitFor(
@@ -482,8 +486,8 @@ struct ClientRun::Impl {
         },
         "the frames before the barrier to finish");
     std::set<uint32_t> reporting;
-    for (const sim::PlannedEvent* e : evs) {
-      if (sim::ClientPlan::gated(*e) && e->kind == EventKind::InformInflight)
+    for (const client::PlannedEvent* e : evs) {
+      if (client::ClientPlan::gated(*e) && e->kind == EventKind::InformInflight)
         reporting.insert(e->sensor);
     }
     size_t end = idx;
@@ -504,8 +508,8 @@ struct ClientRun::Impl {
           return true;
         },
         "the held frames to be prepared");
-    for (const sim::PlannedEvent* ev : evs) {
-      if (!sim::ClientPlan::gated(*ev)) continue;
+    for (const client::PlannedEvent* ev : evs) {
+      if (!client::ClientPlan::gated(*ev)) continue;
       std::vector<uint32_t> pending;
       for (size_t i = idx; i < end; ++i) {
         if (client.complete(i)) continue;
@@ -514,7 +518,7 @@ struct ClientRun::Impl {
         }
       }
       if (ev->kind == EventKind::InformInflight) {
-        sim::EventRecord& e = newEvent(ev->kind, ev->sensor, frameNo, ev->value);
+        history::EventRecord& e = newEvent(ev->kind, ev->sensor, frameNo, ev->value);
         e.frames = pending;
         for (size_t i = idx; i < end; ++i) {
           if (plan.plans[i].syncList.count(ev->sensor)) client.frames[i].syncBroken = true;
@@ -527,11 +531,11 @@ struct ClientRun::Impl {
         if (s.id != ev->sensor) order.push_back(s.id);
       }
       for (uint32_t s : order) {
-        sim::EventRecord& e = newEvent(EventKind::Flush, s, frameNo, ev->value);
+        history::EventRecord& e = newEvent(EventKind::Flush, s, frameNo, ev->value);
         e.frames = pending;
         notify(e);
       }
-      sim::EventRecord& q = newEvent(EventKind::QueueFlush, ev->sensor, frameNo, 0);
+      history::EventRecord& q = newEvent(EventKind::QueueFlush, ev->sensor, frameNo, 0);
       q.frames = pending;
       notify(q);
       for (size_t i = idx; i < end; ++i) {
@@ -541,7 +545,7 @@ struct ClientRun::Impl {
         ++client.framesDone;
       }
     }
-    client.gate = sim::kNoGate;
+    client.gate = client::kNoGate;
   }
 
   void pipelineLoop() {
@@ -559,8 +563,8 @@ struct ClientRun::Impl {
             "every frame to finish");
   }
 
-  const sim::Scenario scenario;
-  const sim::ClientPlan plan;
+  const client::Scenario scenario;
+  const client::ClientPlan plan;
   bool plain = false;
   // Guards the client's state below in plain runs only (Outside and Inside above say when it
   // is held); under the scheduler it is never taken, since one thread runs at a time. A
@@ -576,12 +580,12 @@ struct ClientRun::Impl {
   // Touched only by the thread the scheduler runs.
   Nanos clock = 0;
   int32_t context = -1;  // the sensor a licence handed back now is put down to
-  sim::ClientState client;
+  client::ClientState client;
   std::deque<JobRecord> jobs;
-  std::vector<sim::PrepareRecord> prepares;
-  std::vector<sim::SetConfiguredRecord> setConfigured;
-  std::deque<sim::EventRecord> events;
-  std::vector<sim::LicenceRecord> licences;
+  std::vector<history::PrepareRecord> prepares;
+  std::vector<history::SetConfiguredRecord> setConfigured;
+  std::deque<history::EventRecord> events;
+  std::vector<history::LicenceRecord> licences;
   std::vector<Nanos> emplacedAt;  // per plan index; 0 until emplaced
   struct Position {
     size_t prepare = 0;  // index into the sensor's frames of its next prepare
@@ -683,7 +687,7 @@ struct ClientRun::Impl {
   }
 };
 
-ClientRun::ClientRun(const sim::Scenario& scenario, bool memoryState)
+ClientRun::ClientRun(const client::Scenario& scenario, bool memoryState)
     : mImpl(std::make_unique<Impl>(scenario)), mMemoryState(memoryState) {}
 
 ClientRun::~ClientRun() {
@@ -710,10 +714,10 @@ std::vector<std::function<void()>> ClientRun::begin() {
   host::restartLicenceSerials();
   d.pipeMgr->setObserver([&d](host::LicenseEvent event, uint64_t serial, int32_t fd) {
     Impl::Inside in(d);
-    sim::LicenceRecord r;
-    r.kind = event == host::LicenseEvent::Acquired   ? sim::LicenceEventKind::Acquired
-             : event == host::LicenseEvent::Released ? sim::LicenceEventKind::Released
-                                                     : sim::LicenceEventKind::Destroyed;
+    history::LicenceRecord r;
+    r.kind = event == host::LicenseEvent::Acquired   ? history::LicenceEventKind::Acquired
+             : event == host::LicenseEvent::Released ? history::LicenceEventKind::Released
+                                                     : history::LicenceEventKind::Destroyed;
     r.serial = serial;
     r.fd = fd;
     r.at = d.tick();
@@ -740,7 +744,7 @@ std::vector<std::function<void()>> ClientRun::begin() {
   return bodies;
 }
 
-sim::History ClientRun::runPlain() {
+history::History ClientRun::runPlain() {
   Impl& d = *mImpl;
   std::vector<std::function<void()>> bodies = begin();
   d.plain = true;
@@ -754,16 +758,16 @@ sim::History ClientRun::runPlain() {
     });
   }
   for (auto& t : threads) t.join();
-  sim::History h = end();
+  history::History h = end();
   d.plain = false;
   return h;
 }
 
 const std::vector<std::string>& ClientRun::endFindings() const { return mImpl->endFindings; }
 
-sim::History ClientRun::end() {
+history::History ClientRun::end() {
   Impl& d = *mImpl;
-  sim::History h;
+  history::History h;
   h.scenario = d.scenario.name;
   for (const auto& cam : d.scenario.sensors) h.sensors.push_back(cam.id);
   std::sort(h.sensors.begin(), h.sensors.end());
@@ -800,14 +804,14 @@ namespace {
 
 class ScenarioTarget : public Target {
  public:
-  ScenarioTarget(const sim::Scenario& scenario, bool memoryState)
+  ScenarioTarget(const client::Scenario& scenario, bool memoryState)
       : mClient(scenario, memoryState) {}
   std::vector<std::string> threadNames() const override { return mClient.threadNames(); }
   std::vector<std::function<void()>> begin() override { return mClient.begin(); }
   std::vector<std::string> judgeCompleted() override {
     std::vector<std::string> findings;
-    sim::History h = mClient.end();
-    sim::CheckResult check = sim::checkHistory(h);
+    history::History h = mClient.end();
+    check::CheckResult check = check::checkHistory(h);
     // The classes of the log reader and the simulator: the library's rules, then the
     // client's, each with the rule it broke.
     for (const auto& x : check.violations) findings.push_back("[" + x.rule + "] " + x.message);
@@ -829,8 +833,8 @@ class ScenarioTarget : public Target {
 
 }  // namespace
 
-TargetFactory scenarioTarget(const sim::Scenario& scenario, bool memoryState) {
-  auto shared = std::make_shared<sim::Scenario>(scenario);
+TargetFactory scenarioTarget(const client::Scenario& scenario, bool memoryState) {
+  auto shared = std::make_shared<client::Scenario>(scenario);
   return [shared, memoryState] {
     return std::unique_ptr<Target>(new ScenarioTarget(*shared, memoryState));
   };

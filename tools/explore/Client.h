@@ -10,22 +10,25 @@
 #include <string>
 #include <vector>
 
-#include "History.h"
-#include "Scenario.h"
-#include "Scheduler.h"
+#include "client/Scenario.h"
+#include "explore/Scheduler.h"
+#include "history/History.h"
 
 namespace orvcam {
 namespace explore {
 
+using client::Scenario;
+using history::History;
+
 // What makes no sense without time, or is not played: job durations, the frame interval,
 // gaps. Empty when the scenario can be explored, else why not.
-std::string unsupportedFeature(const sim::Scenario& scenario);
+std::string unsupportedFeature(const client::Scenario& scenario);
 
 class ClientRun {
  public:
   // With `memoryState`, runs under the scheduler take the library's memory as their state
   // where the instrumented library is linked (Scheduler::setMemoryState).
-  explicit ClientRun(const sim::Scenario& scenario, bool memoryState = true);
+  explicit ClientRun(const client::Scenario& scenario, bool memoryState = true);
   ~ClientRun();
   ClientRun(const ClientRun&) = delete;
   ClientRun& operator=(const ClientRun&) = delete;
@@ -40,10 +43,10 @@ class ClientRun {
   // the history cannot show; what differs is in endFindings() until the next begin().
   // Needs the logger to write warnings (detail level 2 or more): the library's "FC not
   // found" and "already finished" warnings say which drops found nothing to drop.
-  sim::History end();
+  history::History end();
   const std::vector<std::string>& endFindings() const;
   // One run on real threads without the scheduler, for comparison; unmanaged thread only.
-  sim::History runPlain();
+  history::History runPlain();
 
   struct Impl;
 

@@ -1,10 +1,10 @@
-#include "Explorer.h"
+#include "explore/Explorer.h"
 
 #include <algorithm>
 #include <chrono>
 #include <random>
 
-#include "StateTable.h"
+#include "explore/StateTable.h"
 
 namespace orvcam {
 namespace explore {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "Client.h"
-#include "Scheduler.h"
+#include "explore/Client.h"
+#include "explore/Scheduler.h"
 
 namespace orvcam {
 namespace explore {
@@ -62,7 +62,7 @@ using TargetFactory = std::function<std::unique_ptr<Target>()>;
 // The scenario's client against the library, judged by the checker's rules and the licence
 // account. With `memoryState` (and the instrumented library linked) states are told apart by
 // the library's memory, else by the order of each lock's holders (Scheduler.h).
-TargetFactory scenarioTarget(const sim::Scenario& scenario, bool memoryState = true);
+TargetFactory scenarioTarget(const client::Scenario& scenario, bool memoryState = true);
 
 class Explorer {
  public:

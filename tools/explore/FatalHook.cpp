@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "Scheduler.h"
+#include "explore/Scheduler.h"
 
 extern "C" [[noreturn]] void __android_log_assert(const char* cond, const char* tag,
                                                   const char* fmt, ...) {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <ostream>
 
-#include "Explore.h"
+#include "explore/Explore.h"
 
 #if defined(__SANITIZE_THREAD__)
 #define ORVCAM_EXPLORE_UNDER_TSAN 1
@@ -18,15 +18,17 @@
 #include <algorithm>
 #include <memory>
 
-#include "Checker.h"
-#include "Explorer.h"
 #include "HostPlatform.h"
-#include "LogReader.h"
-#include "Scheduler.h"
+#include "check/Checker.h"
+#include "explore/Explorer.h"
+#include "explore/Scheduler.h"
+#include "logread/LogReader.h"
 #endif
 
 namespace orvcam {
 namespace explore {
+
+using namespace logread;
 
 #if defined(ORVCAM_EXPLORE_UNDER_TSAN)
 
@@ -92,7 +94,7 @@ std::vector<std::string> judgeLog(const std::vector<host::LogLine>& lines) {
   }
   std::vector<std::string> findings;
   for (const logread::Run& run : reader.finish()) {
-    sim::CheckResult check = sim::checkHistory(run.history, {/*absentApart=*/true});
+    check::CheckResult check = check::checkHistory(run.history, {/*absentApart=*/true});
     for (const auto& x : check.violations) findings.push_back("[" + x.rule + "] " + x.message);
     for (const auto& x : check.notes) {
       findings.push_back("[client] " + x.message + " (rule broken: don't " + x.broken + ")");

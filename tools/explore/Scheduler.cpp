@@ -1,4 +1,4 @@
-#include "Scheduler.h"
+#include "explore/Scheduler.h"
 
 #include <dlfcn.h>
 #include <errno.h>

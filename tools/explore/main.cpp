@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "Explorer.h"
 #include "HostPlatform.h"
-#include "Scenario.h"
+#include "client/Scenario.h"
+#include "explore/Explorer.h"
 
 namespace {
 
@@ -129,7 +129,7 @@ int parseOptions(int argc, char** argv, Options* o) {
 }
 
 // The one schedule of a replay string.
-int runReplay(const Options& o, const sim::Scenario& scenario) {
+int runReplay(const Options& o, const client::Scenario& scenario) {
   uint32_t budget = 0;
   std::vector<uint32_t> choices;
   if (!explore::decodeReplay(o.replay, &budget, &choices)) {
@@ -147,7 +147,7 @@ int runReplay(const Options& o, const sim::Scenario& scenario) {
 }
 
 // The bounded search, or random or PCT schedules.
-int runSearch(const Options& o, const sim::Scenario& scenario) {
+int runSearch(const Options& o, const client::Scenario& scenario) {
   explore::Explorer ex(explore::scenarioTarget(scenario, !gLockOrderState), o.spurious);
   ex.setCacheStates(!o.noStateCache);
   ex.setTimeLimit(o.seconds);
@@ -182,9 +182,9 @@ int runSearch(const Options& o, const sim::Scenario& scenario) {
 int main(int argc, char** argv) {
   Options options;
   if (int rc = parseOptions(argc, argv, &options); rc >= 0) return rc;
-  sim::Scenario scenario;
-  sim::ScenarioError error;
-  if (!sim::loadScenarioFile(options.scenarioPath, &scenario, &error)) {
+  client::Scenario scenario;
+  client::ScenarioError error;
+  if (!client::loadScenarioFile(options.scenarioPath, &scenario, &error)) {
     std::fprintf(stderr, "camdeliver-explore: %s\n", error.text().c_str());
     return kExitUsage;
   }

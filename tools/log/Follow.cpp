@@ -1,4 +1,4 @@
-#include "Follow.h"
+#include "log/Follow.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -11,11 +11,14 @@
 #include <cstring>
 #include <ostream>
 
-#include "LogReport.h"
-#include "MessageCatalogue.h"
+#include "log/LogReport.h"
+#include "logread/MessageCatalogue.h"
 
 namespace orvcam {
-namespace logread {
+namespace log {
+
+using namespace logread;
+using namespace history;
 
 namespace {
 
@@ -31,7 +34,7 @@ std::string processName(const Run& r) {
 }
 
 std::string sendName(uint32_t sensor, uint32_t frame, bool isConfig) {
-  return sim::sensorName(sensor) + " F:" + std::to_string(frame) +
+  return history::sensorName(sensor) + " F:" + std::to_string(frame) +
          (isConfig ? " ConfigJob" : " EnqJob");
 }
 
@@ -305,5 +308,5 @@ void Progress::done() {
   shown_ = false;
 }
 
-}  // namespace logread
+}  // namespace log
 }  // namespace orvcam

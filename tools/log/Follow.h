@@ -14,10 +14,15 @@
 #include <tuple>
 #include <utility>
 
-#include "LogReader.h"
+#include "logread/LogReader.h"
 
 namespace orvcam {
-namespace logread {
+namespace log {
+
+using history::Nanos;
+using logread::CaptureEnd;
+using logread::LogReader;
+using logread::Run;
 
 // What a live watch has reported so far, and what it reports next.
 class Watch {
@@ -131,5 +136,5 @@ class Progress {
   bool shown_ = false;
 };
 
-}  // namespace logread
+}  // namespace log
 }  // namespace orvcam

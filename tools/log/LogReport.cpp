@@ -1,4 +1,4 @@
-#include "LogReport.h"
+#include "log/LogReport.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,12 +12,16 @@
 
 #include <zlib.h>
 
-#include "JsonText.h"
-#include "PerfettoWriter.h"
-#include "Report.h"
+#include "base/JsonText.h"
+#include "pftrace/PerfettoWriter.h"
+#include "report/Report.h"
 
 namespace orvcam {
-namespace logread {
+namespace log {
+
+using namespace logread;
+using namespace history;
+using namespace base;
 
 const char* const kHowToEnableDebug =
     "the unified logger's detail level at 5 or more with the module mask holding 0x401000 "
@@ -29,7 +33,9 @@ const char* const kHowToEnableVerbose =
 
 namespace {
 
-std::string sf(uint32_t s, uint32_t f) { return sim::sensorName(s) + " F:" + std::to_string(f); }
+std::string sf(uint32_t s, uint32_t f) {
+  return history::sensorName(s) + " F:" + std::to_string(f);
+}
 
 std::string ms(Nanos ns) {
   char buf[32];
@@ -226,13 +232,13 @@ std::string frameNotFound(const Run& r, const FatalAssertion& f, Analysis* a) {
                        ms(st->droppedAt) +
                        (dropOnThisThread ? ", reported earlier on the same thread"
                                          : ", by the send's own line at " + ms(st->enqSentAt)) +
-                       "\n    rule broken: don't " + sim::clientrule::kSendAfterDrop});
+                       "\n    rule broken: don't " + check::clientrule::kSendAfterDrop});
     return text;
   }
   return text + "\n    " + who + " was dropped at " + ms(st->droppedAt) +
          " before this send looked the frame up; unknown whether the send was made after the "
          "drop returned (don't " +
-         sim::clientrule::kSendAfterDrop +
+         check::clientrule::kSendAfterDrop +
          ") or raced it: the send's own line, which tells, needs " + kHowToEnableVerbose;
 }
 
@@ -244,7 +250,7 @@ Nanos derivedStallNs(const Run& r) {
 }
 
 // The first three breaches of a warning's list, one per indented line.
-std::string firstBreaches(const std::vector<sim::Violation>& breaches) {
+std::string firstBreaches(const std::vector<check::Violation>& breaches) {
   std::string text;
   for (size_t i = 0; i < breaches.size(); ++i) {
     if (i == 3) return text + "\n    ... and " + std::to_string(breaches.size() - 3) + " more";
@@ -257,7 +263,7 @@ std::string firstBreaches(const std::vector<sim::Violation>& breaches) {
 // logd keeps the lines in the order their stamps were taken, and the deliverer writes the line
 // that lets a waiting sensor go before it wakes it, so in a capture as it came off the device
 // the order holds; a file merged or sorted by its stamps has lost it. Named, not failed.
-Finding sameStampWarning(const Run& r, const sim::CheckResult& check) {
+Finding sameStampWarning(const Run& r, const check::CheckResult& check) {
   std::string text = std::to_string(check.sameStamp.size()) +
                      " sync or raw-switch breach(es) that rest only on the order of two lines of "
                      "different threads with the same time stamp (stamped to " +
@@ -270,7 +276,7 @@ Finding sameStampWarning(const Run& r, const sim::CheckResult& check) {
 }
 
 // Breaches that rest only on a line being absent, in a log that is known to have lost lines.
-Finding lostLinesWarning(const Run& r, const sim::CheckResult& check) {
+Finding lostLinesWarning(const Run& r, const check::CheckResult& check) {
   std::string text = std::to_string(check.absent.size()) +
                      " breach(es) that rest only on a line being absent, in a log that lost " +
                      std::to_string(r.lostLines) +
@@ -302,9 +308,9 @@ void addFatals(const Run& r, Analysis* out) {
     std::string rule = ruleForFatal(f.message);
     std::string context;
     if (std::optional<std::string> lagging = laggingPrepare(r, f)) {
-      rule = std::string("rule broken: don't ") + sim::clientrule::kLaggingPrepare;
+      rule = std::string("rule broken: don't ") + check::clientrule::kLaggingPrepare;
       a.findings.push_back(
-          {"client", *lagging + "\n    rule broken: don't " + sim::clientrule::kLaggingPrepare});
+          {"client", *lagging + "\n    rule broken: don't " + check::clientrule::kLaggingPrepare});
     }
     if (f.message.find("FC not found !") != std::string::npos) context = frameNotFound(r, f, &a);
     std::string text = "fatal assertion \"" + f.message + "\"" +
@@ -322,9 +328,10 @@ void addFatals(const Run& r, Analysis* out) {
 void addWarnings(const Run& r, Analysis* out) {
   Analysis& a = *out;
   bool hasDropOrFlush = r.sawDropOrFlush;
-  for (const sim::EventRecord& e : r.history.events) {
-    hasDropOrFlush = hasDropOrFlush || e.kind == sim::EventKind::Drop ||
-                     e.kind == sim::EventKind::Flush || e.kind == sim::EventKind::QueueFlush;
+  for (const history::EventRecord& e : r.history.events) {
+    hasDropOrFlush = hasDropOrFlush || e.kind == history::EventKind::Drop ||
+                     e.kind == history::EventKind::Flush ||
+                     e.kind == history::EventKind::QueueFlush;
   }
   for (const auto& entry : r.warnings) {
     const WarningCount& w = entry.second;
@@ -350,7 +357,7 @@ void addWarnings(const Run& r, Analysis* out) {
 void addChecks(const Run& r, Analysis* out) {
   Analysis& a = *out;
   // Frames that settled during the read were checked then; the rest are checked now.
-  sim::CheckResult last = sim::checkHistory(r.history, {/*absentApart=*/true});
+  check::CheckResult last = check::checkHistory(r.history, {/*absentApart=*/true});
   dropInFlightDeliveries(r, &last.violations);
   dropInFlightDeliveries(r, &last.absent);
   a.check = r.settledCheck;
@@ -368,13 +375,13 @@ void addChecks(const Run& r, Analysis* out) {
   a.check.skipped.insert(last.skipped.begin(), last.skipped.end());
   a.check.jobsChecked += last.jobsChecked;
   a.check.startsLost += last.startsLost;
-  auto byTime = [](const sim::Violation& x, const sim::Violation& y) { return x.at < y.at; };
+  auto byTime = [](const check::Violation& x, const check::Violation& y) { return x.at < y.at; };
   std::stable_sort(a.check.violations.begin(), a.check.violations.end(), byTime);
   std::stable_sort(a.check.notes.begin(), a.check.notes.end(), byTime);
-  std::vector<sim::Violation> found = a.check.violations;
+  std::vector<check::Violation> found = a.check.violations;
   found.insert(found.end(), a.check.notes.begin(), a.check.notes.end());
   std::stable_sort(found.begin(), found.end(), byTime);
-  for (const sim::Violation& v : found) {
+  for (const check::Violation& v : found) {
     a.findings.push_back(
         {v.rule,
          v.message + (v.broken.empty() ? std::string() : "\n    rule broken: don't " + v.broken)});
@@ -686,7 +693,7 @@ void TraceWriter::flush(bool end) {
   buffer_.clear();
 }
 
-void TraceWriter::add(const Run& r, const sim::History& part) {
+void TraceWriter::add(const Run& r, const history::History& part) {
   std::vector<Item> items = gather(r, part);
   if (!worker_) {
     write(items);
@@ -721,7 +728,7 @@ const SensorFrame* releaserOf(const Run& r, const SensorFrame& st) {
 
 }  // namespace
 
-std::vector<TraceWriter::Item> TraceWriter::gather(const Run& r, const sim::History& part) {
+std::vector<TraceWriter::Item> TraceWriter::gather(const Run& r, const history::History& part) {
   using K = Item::Kind;
   std::set<uint32_t> frames;  // the part's frames
   for (const auto& p : part.plans) frames.insert(p.frame);
@@ -742,7 +749,7 @@ std::vector<TraceWriter::Item> TraceWriter::gather(const Run& r, const sim::Hist
     Nanos end = std::max(j.end, j.sent);
     items.push_back({K::Send, 0, tid, j.sensor, j.frame, j.sent, end - j.sent, 0});
     if (j.ran && j.start > j.sent) {
-      uint8_t configure = j.kind == sim::JobKind::Configure;
+      uint8_t configure = j.kind == history::JobKind::Configure;
       items.push_back({K::Wait, configure, tid, j.sensor, j.frame, j.sent, j.start - j.sent, 0});
     }
     if (j.ran) {
@@ -801,19 +808,19 @@ void TraceWriter::appendNumber(int64_t v) {
 // "S:1 F:2", a configure key as "S:1 cfg F:2".
 void TraceWriter::appendSensorFrame(uint32_t sensor, uint32_t frame) {
   name_ += "S:";
-  appendNumber(sensor >= sim::kConfigKeyBase ? sensor - sim::kConfigKeyBase : sensor);
-  if (sensor >= sim::kConfigKeyBase) name_ += " cfg";
+  appendNumber(sensor >= history::kConfigKeyBase ? sensor - history::kConfigKeyBase : sensor);
+  if (sensor >= history::kConfigKeyBase) name_ += " cfg";
   name_ += " F:";
   appendNumber(frame);
 }
 
 // "Drop S:1 F:12 value:0", or "flush()" for the deliverer's flush.
 void TraceWriter::appendEventName(const Item& it) {
-  if (sim::EventKind(it.detail) == sim::EventKind::QueueFlush) {
+  if (history::EventKind(it.detail) == history::EventKind::QueueFlush) {
     name_ += "flush()";
     return;
   }
-  name_ += sim::eventKindName(sim::EventKind(it.detail));
+  name_ += history::eventKindName(history::EventKind(it.detail));
   name_ += ' ';
   appendSensorFrame(it.sensor, it.frame);
   name_ += " value:";
@@ -844,7 +851,7 @@ void TraceWriter::writeItem(const Item& it) {
       event(name_, "wait", "X", it.ts, it.tid).micros("dur", it.dur);
       break;
     case K::Job:
-      name_ += sim::jobKindName(sim::JobKind(it.detail));
+      name_ += history::jobKindName(history::JobKind(it.detail));
       name_ += ' ';
       sensorFrame();
       event(name_, "job", "X", it.ts, it.tid)
@@ -966,7 +973,7 @@ void TraceWriter::writePerfetto(const Item& it) {
       slice("wait", true);
       break;
     case K::Job:
-      name_ += sim::jobKindName(sim::JobKind(it.detail));
+      name_ += history::jobKindName(history::JobKind(it.detail));
       name_ += " fd:";
       number(it.value);
       slice("job", true);
@@ -1086,18 +1093,18 @@ void ScenarioWriter::item(size_t list, const nlohmann::json& value) {
 // the frames it took or named: the replay reports it at a barrier before the first of them
 // (or at its own frame number, when that comes no later). One reported with frame 0 that took
 // nothing changed nothing and is not replayed.
-std::optional<uint32_t> ScenarioWriter::replayFrame(const sim::EventRecord& e) {
-  bool barrier = e.kind == sim::EventKind::Flush || e.kind == sim::EventKind::QueueFlush ||
-                 (e.kind == sim::EventKind::InformInflight && e.value == 0);
+std::optional<uint32_t> ScenarioWriter::replayFrame(const history::EventRecord& e) {
+  bool barrier = e.kind == history::EventKind::Flush || e.kind == history::EventKind::QueueFlush ||
+                 (e.kind == history::EventKind::InformInflight && e.value == 0);
   if (!barrier) return e.frame;
   if (e.frames.empty()) return e.frame != 0 ? std::optional<uint32_t>(e.frame) : std::nullopt;
   uint32_t first = *std::min_element(e.frames.begin(), e.frames.end());
   return e.frame != 0 && e.frame <= first ? e.frame : first;
 }
 
-void ScenarioWriter::add(const Run& r, const sim::History& part) {
+void ScenarioWriter::add(const Run& r, const history::History& part) {
   using json = nlohmann::json;
-  for (const sim::FramePlan& p : part.plans) {
+  for (const history::FramePlan& p : part.plans) {
     if (!planned_) first_ = p.frame;
     first_ = std::min(first_, p.frame);
     last_ = planned_ ? std::max(last_, p.frame) : p.frame;
@@ -1136,12 +1143,12 @@ void ScenarioWriter::add(const Run& r, const sim::History& part) {
     pending_ = p;
   }
   std::set<uint32_t> frames;
-  for (const sim::FramePlan& p : part.plans) frames.insert(p.frame);
+  for (const history::FramePlan& p : part.plans) frames.insert(p.frame);
   auto highest = [this](Nanos, int, int, int inFlight, int) {
     maxInFlight_ = std::max(maxInFlight_, inFlight);
   };
   inFlight_.release(r, frames, highest);
-  for (const sim::JobRecord& j : part.jobs) {
+  for (const history::JobRecord& j : part.jobs) {
     if (!j.ran || j.end < j.start) continue;
     Durations& d = durations_[j.sensor];
     double x = double(j.end - j.start) / 1000.0;
@@ -1150,25 +1157,25 @@ void ScenarioWriter::add(const Run& r, const sim::History& part) {
     d.sumSquares += x * x;
   }
   // By frame, in the order they came within one frame.
-  std::vector<std::pair<uint32_t, const sim::EventRecord*>> events;
-  for (const sim::EventRecord& e : part.events) {
+  std::vector<std::pair<uint32_t, const history::EventRecord*>> events;
+  for (const history::EventRecord& e : part.events) {
     std::optional<uint32_t> at = replayFrame(e);
     if (at) events.emplace_back(*at, &e);
   }
   std::stable_sort(events.begin(), events.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   for (const auto& [frame, event] : events) {
-    const sim::EventRecord& e = *event;
-    if (e.kind == sim::EventKind::QueueFlush) continue;
+    const history::EventRecord& e = *event;
+    if (e.kind == history::EventKind::QueueFlush) continue;
     // The sensors' flushes of one frame were one flush of the stream.
-    if (e.kind == sim::EventKind::Flush && !flushedFrames_.insert(frame).second) continue;
-    json ev = {{"frame", frame}, {"type", sim::eventKindName(e.kind)}, {"sensor", e.sensor}};
-    if (e.kind == sim::EventKind::InformInflight || e.value != 0) ev["value"] = e.value;
+    if (e.kind == history::EventKind::Flush && !flushedFrames_.insert(frame).second) continue;
+    json ev = {{"frame", frame}, {"type", history::eventKindName(e.kind)}, {"sensor", e.sensor}};
+    if (e.kind == history::EventKind::InformInflight || e.value != 0) ev["value"] = e.value;
     item(kEvents, ev);
   }
 }
 
-void ScenarioWriter::group(const sim::FramePlan& p, const sim::FramePlan* next) {
+void ScenarioWriter::group(const history::FramePlan& p, const history::FramePlan* next) {
   auto allIn = [&p](const std::set<uint32_t>& group) {
     return std::all_of(group.begin(), group.end(), [&](uint32_t s) {
       return std::find(p.sensors.begin(), p.sensors.end(), s) != p.sensors.end();
@@ -1276,5 +1283,5 @@ void writeScenario(std::ostream& out, const Run& r) {
   writer.finish(r, out);
 }
 
-}  // namespace logread
+}  // namespace log
 }  // namespace orvcam

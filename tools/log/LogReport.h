@@ -16,10 +16,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Checker.h"
-#include "JsonText.h"
-#include "LogReader.h"
-#include "OrderedWorker.h"
+#include "base/JsonText.h"
+#include "base/OrderedWorker.h"
+#include "check/Checker.h"
+#include "logread/LogReader.h"
 
 struct z_stream_s;  // zlib's
 
@@ -27,7 +27,18 @@ namespace orvcam {
 namespace pftrace {
 class StreamWriter;
 }
-namespace logread {
+namespace log {
+
+using base::JsonText;
+using base::OrderedWorker;
+using history::Nanos;
+using logread::DurationHistogram;
+using logread::inferTag;
+using logread::LogLine;
+using logread::LogReader;
+using logread::Run;
+using logread::SensorFrame;
+using logread::stripColour;
 
 struct Finding {
   // blocked, fatal, warning, order, sync, raw-switch, fd, delivery
@@ -62,7 +73,7 @@ struct Analysis {
   bool stallDerived = true;
   std::vector<std::string> notes;         // warnings that are benign, counted
   std::vector<std::string> notCheckable;  // rules the log lacks the data for
-  sim::CheckResult check;                 // checker result, rules the log can show only
+  check::CheckResult check;               // checker result, rules the log can show only
   bool debugMissing = false;              // nothing to rebuild: the debug lines are off
   bool failed() const { return !findings.empty() || (strict && !warnings.empty()); }
 };
@@ -168,7 +179,7 @@ class TraceWriter {
   ~TraceWriter();
   TraceWriter(const TraceWriter&) = delete;
   TraceWriter& operator=(const TraceWriter&) = delete;
-  void add(const Run& run, const sim::History& part);
+  void add(const Run& run, const history::History& part);
   void finish(const Run& run);
 
   // Log lines of the session's process as Android log events, beside the frames in Perfetto's
@@ -193,7 +204,7 @@ class TraceWriter {
       Counter
     };
     Kind kind;
-    uint8_t detail;  // Wait: a configure step; Job: sim::JobKind; Event: sim::EventKind;
+    uint8_t detail;  // Wait: a configure step; Job: history::JobKind; Event: history::EventKind;
                      // Counter: 1 frames in flight, 0 sends waiting
     int tid;
     uint32_t sensor, frame;
@@ -202,7 +213,7 @@ class TraceWriter {
   };
 
  private:
-  std::vector<Item> gather(const Run& run, const sim::History& part);
+  std::vector<Item> gather(const Run& run, const history::History& part);
   void write(const std::vector<Item>& items);
   void writeItem(const Item& item);
   // Append to name_.
@@ -309,11 +320,11 @@ class ScenarioWriter {
   ~ScenarioWriter();
   ScenarioWriter(const ScenarioWriter&) = delete;
   ScenarioWriter& operator=(const ScenarioWriter&) = delete;
-  void add(const Run& run, const sim::History& part);
+  void add(const Run& run, const history::History& part);
   bool finish(const Run& run, std::ostream& out);
 
  private:
-  static std::optional<uint32_t> replayFrame(const sim::EventRecord& e);
+  static std::optional<uint32_t> replayFrame(const history::EventRecord& e);
   enum List : size_t { kSyncGroups, kConfigure, kRawSwitches, kEvents, kLists };
   struct Durations {
     uint64_t n = 0;
@@ -321,7 +332,7 @@ class ScenarioWriter {
   };
   std::string partPath(size_t list) const;
   void item(size_t list, const nlohmann::json& value);
-  void group(const sim::FramePlan& plan, const sim::FramePlan* next);
+  void group(const history::FramePlan& plan, const history::FramePlan* next);
   void closeGroup();
   std::string prefix_;
   std::unique_ptr<std::iostream> lists_[kLists];
@@ -337,7 +348,7 @@ class ScenarioWriter {
   std::set<uint32_t> joinsBySwitch_;
   std::map<uint32_t, Durations> durations_;
   std::set<uint32_t> flushedFrames_;
-  std::optional<sim::FramePlan> pending_;
+  std::optional<history::FramePlan> pending_;
   std::set<uint32_t> previousList_, current_;
   bool grouping_ = false;
   uint32_t from_ = 0, to_ = 0;
@@ -350,5 +361,5 @@ extern const char* const kHowToEnableVerbose;
 // the debug level is off, or the capture was filtered by tag and left out the guard's.
 std::string whyNothingToRebuild(const Run& run);
 
-}  // namespace logread
+}  // namespace log
 }  // namespace orvcam

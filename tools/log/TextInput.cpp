@@ -1,9 +1,9 @@
-#include "TextInput.h"
+#include "log/TextInput.h"
 
 #include <cstring>
 
 namespace orvcam {
-namespace logread {
+namespace log {
 
 namespace {
 
@@ -137,5 +137,5 @@ bool TextInput::nextUtf16(std::string* line) {
   return true;
 }
 
-}  // namespace logread
+}  // namespace log
 }  // namespace orvcam

@@ -9,7 +9,7 @@
 #include <vector>
 
 namespace orvcam {
-namespace logread {
+namespace log {
 
 class TextInput {
  public:
@@ -42,5 +42,5 @@ class TextInput {
   bool atEnd_ = false;
 };
 
-}  // namespace logread
+}  // namespace log
 }  // namespace orvcam

@@ -13,12 +13,13 @@
 #include <map>
 #include <memory>
 
-#include "Follow.h"
-#include "LogReader.h"
-#include "LogReport.h"
 #include "PerfettoProto.h"
-#include "Report.h"
-#include "TextInput.h"
+#include "history/HistoryJson.h"
+#include "log/Follow.h"
+#include "log/LogReport.h"
+#include "log/TextInput.h"
+#include "logread/LogReader.h"
+#include "report/Report.h"
 
 namespace {
 
@@ -33,9 +34,9 @@ constexpr int kExitBadInput = 2;
 struct SessionOutputs {
   std::string tracePart;
   std::ofstream traceFile;
-  std::unique_ptr<logread::TraceWriter> trace;
-  std::unique_ptr<sim::HistoryJsonStream> history;
-  std::unique_ptr<logread::ScenarioWriter> scenario;
+  std::unique_ptr<log::TraceWriter> trace;
+  std::unique_ptr<history::HistoryJsonStream> history;
+  std::unique_ptr<log::ScenarioWriter> scenario;
   ~SessionOutputs() {
     trace.reset();
     if (traceFile.is_open()) traceFile.close();
@@ -160,12 +161,12 @@ class Command {
   logread::LogReader reader_;
   // Formats and writes the trace and history on a second thread while the reader goes on;
   // it outlives the writers, which drain it when they finish or go.
-  std::unique_ptr<OrderedWorker> worker_;
-  logread::TraceClock traceClock_;  // the first stamp, for a Perfetto trace's clock
+  std::unique_ptr<base::OrderedWorker> worker_;
+  log::TraceClock traceClock_;  // the first stamp, for a Perfetto trace's clock
   std::map<std::pair<int, int>, std::unique_ptr<SessionOutputs>> outputs_;
-  std::unique_ptr<logread::TraceLogFeed> logFeed_;  // --trace-logs: lines into the trace
-  std::unique_ptr<logread::FollowInput> follower_;
-  logread::TextInput::Encoding encoding_ = logread::TextInput::Encoding::Utf8;
+  std::unique_ptr<log::TraceLogFeed> logFeed_;  // --trace-logs: lines into the trace
+  std::unique_ptr<log::FollowInput> follower_;
+  log::TextInput::Encoding encoding_ = log::TextInput::Encoding::Utf8;
   std::string firstLine_;
   // What the report found: any finding, and whether some run could be rebuilt at all.
   bool findings_ = false;
@@ -246,10 +247,10 @@ int Command::openInput() {
 
 void Command::setUpOutputs() {
   if (!o_.tracePath.empty() || !o_.historyPath.empty()) {
-    worker_ = std::make_unique<OrderedWorker>();
+    worker_ = std::make_unique<base::OrderedWorker>();
   }
   if (!o_.tracePath.empty() || !o_.historyPath.empty() || !o_.scenarioPath.empty()) {
-    reader_.setListener([this](const logread::Run& run, sim::History&& part) {
+    reader_.setListener([this](const logread::Run& run, history::History&& part) {
       SessionOutputs& o = outputsFor(run);
       if (o.trace) o.trace->add(run, part);
       if (o.scenario) o.scenario->add(run, part);
@@ -257,7 +258,7 @@ void Command::setUpOutputs() {
     });
   }
   if (!o_.traceLogs.empty()) {
-    logFeed_ = std::make_unique<logread::TraceLogFeed>(o_.traceLogs == "all");
+    logFeed_ = std::make_unique<log::TraceLogFeed>(o_.traceLogs == "all");
   }
 }
 
@@ -269,33 +270,33 @@ SessionOutputs& Command::outputsFor(const logread::Run& run) {
   if (!o_.tracePath.empty()) {
     o->tracePart = o_.tracePath + suffix + ".part";
     o->traceFile.open(o->tracePart, std::ios::binary);
-    logread::TraceOptions options = traceClock_.options(o_.tracePath, o_.traceYear, o_.utcOffset);
-    options.firstStampNs += uint64_t(logread::sessionStartNs(reader_, run));  // its first line
-    o->trace =
-        std::make_unique<logread::TraceWriter>(o->traceFile, run.pid, worker_.get(), options);
+    log::TraceOptions options = traceClock_.options(o_.tracePath, o_.traceYear, o_.utcOffset);
+    options.firstStampNs += uint64_t(log::sessionStartNs(reader_, run));  // its first line
+    o->trace = std::make_unique<log::TraceWriter>(o->traceFile, run.pid, worker_.get(), options);
   }
   if (!o_.historyPath.empty()) {
-    o->history = std::make_unique<sim::HistoryJsonStream>(o_.historyPath + suffix, worker_.get());
+    o->history =
+        std::make_unique<history::HistoryJsonStream>(o_.historyPath + suffix, worker_.get());
   }
   if (!o_.scenarioPath.empty()) {
-    o->scenario = std::make_unique<logread::ScenarioWriter>(o_.scenarioPath + suffix);
+    o->scenario = std::make_unique<log::ScenarioWriter>(o_.scenarioPath + suffix);
   }
   return *o;
 }
 
 // Reads every line (or follows the live input to its end); -1 to go on, else the exit code.
 int Command::readLines() {
-  logread::TextInput input(*in_);
+  log::TextInput input(*in_);
   if (o_.follow) {
-    logread::FollowOptions options;
-    if (o_.stallMs >= 0) options.stallNs = sim::Nanos(o_.stallMs * 1e6);
+    log::FollowOptions options;
+    if (o_.stallMs >= 0) options.stallNs = history::Nanos(o_.stallMs * 1e6);
     follower_ =
-        std::make_unique<logread::FollowInput>(followFd_, reader_, options, std::cout, std::cerr);
-    logread::endInputOnInterrupt();
+        std::make_unique<log::FollowInput>(followFd_, reader_, options, std::cout, std::cerr);
+    log::endInputOnInterrupt();
   }
   std::error_code sizeError;
   uint64_t size = o_.inputPath == "-" ? 0 : std::filesystem::file_size(o_.inputPath, sizeError);
-  logread::Progress progress(std::cerr, !o_.follow && isatty(STDERR_FILENO), sizeError ? 0 : size);
+  log::Progress progress(std::cerr, !o_.follow && isatty(STDERR_FILENO), sizeError ? 0 : size);
   std::string line;
   while (follower_ ? follower_->next(&line) : input.next(&line)) {
     progress.line(line.size());
@@ -323,9 +324,9 @@ int Command::readLines() {
   if (follower_ && o_.captureEndText.empty() && follower_->captureEnd()) {
     reader_.setCaptureEnd(*follower_->captureEnd());
   }
-  if (encoding_ == logread::TextInput::Encoding::Utf16Le ||
-      encoding_ == logread::TextInput::Encoding::Utf16Be) {
-    std::cout << "read as " << logread::TextInput::name(encoding_)
+  if (encoding_ == log::TextInput::Encoding::Utf16Le ||
+      encoding_ == log::TextInput::Encoding::Utf16Be) {
+    std::cout << "read as " << log::TextInput::name(encoding_)
               << " (as Windows PowerShell's > writes it)\n";
   }
   return -1;
@@ -411,20 +412,20 @@ bool Command::reportRun(const logread::Run& run, const std::vector<logread::Run>
     std::cout << "  " << run.lateLines
               << " line(s) after the next session began named frames only this one held\n";
   }
-  logread::AnalysisOptions options;
+  log::AnalysisOptions options;
   options.strict = o_.strict;
-  if (o_.stallMs >= 0) options.stallNs = sim::Nanos(o_.stallMs * 1e6);
-  logread::Analysis analysis = logread::analyse(run, options);
+  if (o_.stallMs >= 0) options.stallNs = history::Nanos(o_.stallMs * 1e6);
+  log::Analysis analysis = log::analyse(run, options);
   if (analysis.debugMissing) {
-    whyNothing_ = logread::whyNothingToRebuild(run);
+    whyNothing_ = log::whyNothingToRebuild(run);
     std::cout << "  nothing to rebuild: " << whyNothing_ << "\n\n";
   } else {
     nothingRebuilt_ = false;
     std::cout << "\n";
-    logread::printSummary(std::cout, run);
+    log::printSummary(std::cout, run);
     std::cout << "\n";
     if (o_.frames) {
-      logread::printFrames(std::cout, run);
+      log::printFrames(std::cout, run);
       std::cout << "\n";
     }
     std::cout << "verdict: " << (analysis.failed() ? "FAIL" : "PASS") << " - "
@@ -446,7 +447,7 @@ bool Command::reportRun(const logread::Run& run, const std::vector<logread::Run>
     std::cout << run.truncated
               << " line(s) were cut at the logger's 1023 bytes; their lists are partial\n";
   }
-  logread::printAnalysis(std::cout, analysis);
+  log::printAnalysis(std::cout, analysis);
   std::cout << "\n";
   return analysis.failed();
 }

@@ -15,13 +15,23 @@
 #include <thread>
 #include <vector>
 
-#include "History.h"
 #include "HostPlatform.h"
 #include "ReqJob.h"
 #include "ThreadAnnotations.h"
+#include "history/History.h"
 
 namespace orvcam {
 namespace sim {
+
+using history::History;
+using history::JobKind;
+using history::jobKindName;
+using history::JobRecord;
+using history::LicenceEventKind;
+using history::LicenceRecord;
+using history::Nanos;
+using history::PrepareRecord;
+using history::SetConfiguredRecord;
 
 using SimClock = std::chrono::steady_clock;
 

@@ -1,4 +1,4 @@
-#include "RandomRuns.h"
+#include "sim/RandomRuns.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,13 +14,18 @@
 #include <iostream>
 #include <sstream>
 
-#include "Checker.h"
-#include "RandomScenario.h"
-#include "Report.h"
-#include "Runner.h"
+#include "check/Checker.h"
+#include "client/RandomScenario.h"
+#include "report/Report.h"
+#include "sim/Runner.h"
 
 namespace orvcam {
 namespace sim {
+
+using namespace client;
+using namespace check;
+using namespace history;
+using namespace report;
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "Runner.h"
+#include "sim/Runner.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -10,17 +10,21 @@
 #include <set>
 #include <thread>
 
-#include "AnnotatedLock.h"
 #include "CamDeliver.h"
-#include "ClientModel.h"
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
-#include "Instrumentation.h"
 #include "ThreadAnnotations.h"
+#include "base/AnnotatedLock.h"
+#include "client/ClientModel.h"
+#include "sim/Instrumentation.h"
 
 namespace orvcam {
 namespace sim {
+
+using namespace client;
+using namespace history;
+using namespace base;
 
 // The client: a pipeline thread that emplaces frames and reports events, and one request
 // thread per sensor that prepares and sends. Its plan and state, and the protocol's rules over

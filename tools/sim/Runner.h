@@ -10,11 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "History.h"
-#include "Scenario.h"
+#include "client/Scenario.h"
+#include "history/History.h"
 
 namespace orvcam {
 namespace sim {
+
+using client::Scenario;
+using history::History;
 
 struct RunProgress {
   uint32_t framesTotal = 0;

@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "Checker.h"
-#include "HistoryJson.h"
 #include "HostPlatform.h"
-#include "RandomRuns.h"
-#include "Report.h"
-#include "Runner.h"
-#include "Scenario.h"
+#include "check/Checker.h"
+#include "client/Scenario.h"
+#include "history/HistoryJson.h"
+#include "report/Report.h"
+#include "sim/RandomRuns.h"
+#include "sim/Runner.h"
 
 namespace {
 
@@ -137,14 +137,14 @@ int runRandom(const Options& o) {
 }
 
 int checkSaved(const Options& o) {
-  sim::History saved;
+  history::History saved;
   std::string readError;
-  if (!sim::readHistoryFile(o.checkPath, &saved, &readError)) {
+  if (!history::readHistoryFile(o.checkPath, &saved, &readError)) {
     std::cerr << "camdeliver-sim: --check: " << readError << "\n";
     return kExitUsage;
   }
-  sim::CheckResult savedCheck = sim::checkHistory(saved);
-  sim::printReport(std::cout, saved, savedCheck);
+  check::CheckResult savedCheck = check::checkHistory(saved);
+  report::printReport(std::cout, saved, savedCheck);
   return savedCheck.clean() ? 0 : kExitViolations;
 }
 
@@ -192,10 +192,11 @@ int setUpPlatform(const Options& o) {
 // One scenario run on real threads, checked and reported.
 int runScenario(const Options& o) {
   // Everything is checked before any thread starts.
-  sim::Scenario scenario;
-  sim::ScenarioError error;
-  bool loaded = o.scenarioPath.empty() ? sim::loadDefaultScenario(&scenario, &error)
-                                       : sim::loadScenarioFile(o.scenarioPath, &scenario, &error);
+  client::Scenario scenario;
+  client::ScenarioError error;
+  bool loaded = o.scenarioPath.empty()
+                    ? client::loadDefaultScenario(&scenario, &error)
+                    : client::loadScenarioFile(o.scenarioPath, &scenario, &error);
   if (!loaded) {
     std::cerr << "camdeliver-sim: invalid scenario: " << error.text() << "\n";
     return kExitUsage;
@@ -215,7 +216,7 @@ int runScenario(const Options& o) {
       std::fflush(stderr);
     };
   }
-  sim::History history;
+  history::History history;
   std::string stall;
   sim::Runner runner(scenario, options);
   bool finished = runner.run(&history, &stall);
@@ -226,13 +227,13 @@ int runScenario(const Options& o) {
     std::cout.flush();
     std::_Exit(kExitViolations);
   }
-  sim::CheckResult check = sim::checkHistory(history);
+  check::CheckResult check = check::checkHistory(history);
   history.scenario += " (" + scenario.source + ")";
-  sim::printReport(std::cout, history, check);
+  report::printReport(std::cout, history, check);
   if (!o.tracePath.empty()) std::cout << "trace written to " << o.tracePath << "\n";
   if (!o.historyPath.empty()) {
     std::ofstream out(o.historyPath);
-    sim::writeHistoryJson(out, history);
+    history::writeHistoryJson(out, history);
     if (!out) {
       std::cerr << "camdeliver-sim: --history: cannot write " << o.historyPath << "\n";
       return kExitUsage;

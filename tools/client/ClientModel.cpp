@@ -1,0 +1,134 @@
+#include "client/ClientModel.h"
+
+#include <algorithm>
+
+#include "CamDeliverConstants.h"
+
+namespace orvcam {
+namespace client {
+
+using namespace history;
+
+ClientPlan::ClientPlan(const Scenario& scenario)
+    : earlySends(scenario.earlySends), plans(planFrames(scenario)) {
+  for (const auto& e : scenario.events) {
+    if (e.kind == EventKind::Drop) {
+      dropsPlanned[{e.sensor, e.frame}] = e.when;
+      drops.push_back(&e);
+    } else {
+      eventsAt[planIndex(plans, e.frame)].push_back(&e);
+    }
+  }
+  for (const auto& n : scenario.noFrameSends) noFrameAfter.insert({n.sensor, n.after});
+}
+
+bool ClientPlan::gated(const PlannedEvent& e) {
+  return (e.kind == EventKind::Flush || (e.kind == EventKind::InformInflight && e.value == 0)) &&
+         e.when == EventTiming::Usual;
+}
+
+bool ClientPlan::hasGatedEvent(size_t idx) const {
+  auto it = eventsAt.find(idx);
+  return it != eventsAt.end() && std::any_of(it->second.begin(), it->second.end(),
+                                             [](const PlannedEvent* e) { return gated(*e); });
+}
+
+bool ClientPlan::hasWhileRunningEvent(size_t idx) const {
+  auto it = eventsAt.find(idx);
+  return it != eventsAt.end() &&
+         std::any_of(it->second.begin(), it->second.end(),
+                     [](const PlannedEvent* e) { return e->when == EventTiming::WhileRunning; });
+}
+
+const EventTiming* ClientPlan::dropFor(uint32_t sensor, uint32_t frame) const {
+  auto it = dropsPlanned.find({sensor, frame});
+  return it == dropsPlanned.end() ? nullptr : &it->second;
+}
+
+ClientState::ClientState(const ClientPlan& p) : plan(&p), frames(p.plans.size()) {
+  for (const PlannedEvent* e : p.drops) {
+    size_t idx = planIndex(p.plans, e->frame);
+    if (e->when == EventTiming::Racing) {
+      racingDrops.push_back({e->sensor, idx});
+      frames[idx].racing.insert(e->sensor);
+    }
+    if (e->when == EventTiming::Late) lateDrops.push_back({e->sensor, idx});
+  }
+}
+
+bool ClientState::complete(size_t idx) const {
+  return frames[idx].flushed || frames[idx].done.size() == plan->plans[idx].sensors.size();
+}
+
+bool ClientState::fullyPrepared(size_t idx) const {
+  return frames[idx].flushed || frames[idx].prepared.size() == plan->plans[idx].sensors.size();
+}
+
+bool ClientState::mayEmplace(size_t idx) const {
+  constexpr size_t kWindow = NSCam::camsys::camcoordinator::kPreparationWindow;
+  return idx < kWindow || fullyPrepared(idx - kWindow);
+}
+
+bool ClientState::maySend(uint32_t sensor, size_t idx) const {
+  if (idx >= gate) return false;
+  const FramePlan& p = plan->plans[idx];
+  const FrameState& f = frames[idx];
+  if (!f.prepared.count(sensor)) return false;
+  if (!plan->earlySends) {
+    if (f.prepared.size() < p.sensors.size()) return false;
+  } else if (p.isRawSwitch() && uint32_t(p.offSensor) != sensor &&
+             !f.prepared.count(uint32_t(p.offSensor))) {
+    return false;
+  }
+  // A sensor without a racing drop of its own keeps the frame in the pool until every racing
+  // sensor's send has returned and its drop has been reported: the racing send must find the
+  // frame when it enters the deliverer, whatever the drop did meanwhile.
+  if (!f.racing.count(sensor)) {
+    for (uint32_t r : f.racing) {
+      if (!f.racingReturned.count(r) || !f.dropReported.count(r)) return false;
+    }
+  }
+  return true;
+}
+
+bool ClientState::markDone(uint32_t sensor, size_t idx) {
+  if (!frames[idx].done.insert(sensor).second || frames[idx].flushed) return false;
+  if (!complete(idx)) return false;
+  --inFlight;
+  ++framesDone;
+  return true;
+}
+
+std::vector<size_t> ClientState::syncFrames(uint32_t sensor) const {
+  std::vector<size_t> out;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (frames[i].emplaced && !complete(i) && !frames[i].syncBroken &&
+        plan->plans[i].syncList.count(sensor)) {
+      out.push_back(i);
+    }
+  }
+  return out;
+}
+
+bool ClientState::dropsDue() const {
+  if (!dropRequests.empty()) return true;
+  for (const auto& r : racingDrops) {
+    const FrameState& f = frames[r.second];
+    if (f.flushed || (f.racingSent.count(r.first) && !f.dropReported.count(r.first))) return true;
+  }
+  for (const auto& l : lateDrops) {
+    if (complete(l.second)) return true;
+  }
+  return false;
+}
+
+void ClientState::firstPrepareReturned(size_t idx) {
+  frames[idx].firstPrepareDone = true;
+  firstPrepareBusy = false;
+  while (nextFirstPrepare < frames.size() && frames[nextFirstPrepare].firstPrepareDone) {
+    ++nextFirstPrepare;
+  }
+}
+
+}  // namespace client
+}  // namespace orvcam
