@@ -5,7 +5,7 @@
 //
 // How operations are caught: this program defines pthread_mutex_lock/trylock/unlock,
 // pthread_cond_wait/timedwait/clockwait/signal/broadcast and pthread_rwlock_* itself
-// (Scheduler.cpp) and exports them. The standard library's std::mutex, std::condition_variable and
+// (Interpose.cpp) and exports them. The standard library's std::mutex, std::condition_variable and
 // std::shared_mutex call those functions, from inline code in the library and from
 // libstdc++.so or libc++.so, and the dynamic linker resolves every such call to this program's
 // definitions. The library is compiled and linked unmodified.
@@ -62,7 +62,7 @@
 // orders, even where their critical sections touched different sensors' records and commute:
 // the chains remember the order. So the explorer links copies of the library and of the host
 // platform compiled with -fsanitize=thread and without its runtime: every load and store they
-// make reaches this scheduler (Scheduler.cpp, at its end), and the state is taken by value.
+// make reaches this scheduler (Memory.cpp, at its end), and the state is taken by value.
 // - A thread's part: what it read (the values of its loads, its try-locks' answers and its
 //   waits' results) since its current call into the library began, and where it stands (its
 //   steps in that call, its pending operation, back from a wait or not, its place among a
