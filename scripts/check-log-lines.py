@@ -20,7 +20,8 @@ import sys
 
 LIBRARY = "hw/camsys/cam_deliver"
 TABLE = "tools/logread/LibraryLines.h"
-READER = ["tools/logread/LogReader.cpp", "tools/log/LogReport.cpp"]
+READER = ["tools/logread/LineHandlers.cpp", "tools/logread/LogReader.cpp", "tools/logread/Settle.cpp",
+          "tools/log/Analysis.cpp"]
 CATALOGUE = "tools/logread/MessageCatalogue.cpp"
 MACROS = ("CD_LOGD", "CD_LOGV", "CD_LOGW", "CD_LOGE", "CD_FATAL")
 STRING = re.compile(r'"((?:[^"\\]|\\.)*)"')

@@ -239,6 +239,9 @@ struct Run {
   history::History history;
 };
 
+// The sensor's record of `frame`, if the log shows one.
+const SensorFrame* findState(const Run& r, uint32_t sensor, uint32_t frame);
+
 // A run's states by sensor, then frame: the order in which reports list them.
 std::vector<const SensorFrame*> statesInOrder(const Run& run);
 

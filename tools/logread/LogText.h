@@ -40,6 +40,35 @@ inline bool contains(std::string_view s, std::string_view part) {
   return s.find(part) != std::string_view::npos;
 }
 
+// "[S:%d F:%d]" at `pos`; frame -1 stands for "no frame".
+inline bool readSensorFrame(std::string_view s, size_t* pos, uint32_t* sensor, uint32_t* frame) {
+  size_t p = *pos;
+  int64_t sv = 0, fv = 0;
+  if (s.substr(p, 3) != "[S:") return false;
+  p += 3;
+  if (!readNumber(s, &p, &sv) || s.substr(p, 3) != " F:") return false;
+  p += 3;
+  bool neg = p < s.size() && s[p] == '-';
+  if (neg) ++p;
+  if (!readNumber(s, &p, &fv) || !expect(s, &p, ']')) return false;
+  *sensor = uint32_t(sv);
+  *frame = neg ? uint32_t(-fv) : uint32_t(fv);
+  *pos = p;
+  return true;
+}
+
+// The number inside "(...)" right after `key`, e.g. key "order(" in "prepared, order(3)".
+inline bool numberAfter(std::string_view s, std::string_view key, int64_t* value) {
+  size_t at = s.find(key);
+  if (at == std::string_view::npos) return false;
+  size_t p = at + key.size();
+  bool neg = p < s.size() && s[p] == '-';
+  if (neg) ++p;
+  if (!readNumber(s, &p, value)) return false;
+  if (neg) *value = -*value;
+  return true;
+}
+
 }  // namespace text
 }  // namespace logread
 }  // namespace orvcam
