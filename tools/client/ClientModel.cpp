@@ -130,5 +130,66 @@ void ClientState::firstPrepareReturned(size_t idx) {
   }
 }
 
+bool ClientState::completeBefore(size_t idx) const {
+  for (size_t i = 0; i < idx; ++i) {
+    if (!complete(i)) return false;
+  }
+  return true;
+}
+
+bool ClientState::mayEmplaceBehind(size_t idx, size_t end, uint32_t maxInFlight) const {
+  const ClientPlan& p = *plan;
+  if (end >= p.plans.size() || inFlight >= maxInFlight || !mayEmplace(end)) return false;
+  if (end > idx && (p.hasGatedEvent(end) || p.hasWhileRunningEvent(end))) return false;
+  if (p.plans[end].needCfg.empty()) return true;
+  for (const PlannedEvent* e : p.eventsAt.at(idx)) {
+    bool reports = ClientPlan::gated(*e) && e->kind == EventKind::InformInflight;
+    if (reports && p.plans[end].syncList.count(e->sensor)) return false;
+  }
+  return true;
+}
+
+bool ClientState::preparedAll(size_t idx, size_t end) const {
+  for (size_t i = idx; i < end; ++i) {
+    if (frames[i].prepared.size() < plan->plans[i].sensors.size()) return false;
+  }
+  return true;
+}
+
+std::vector<ClientState::HeldReport> ClientState::heldReports(
+    const PlannedEvent& ev, size_t idx, size_t end, const std::vector<SensorSetup>& sensors) {
+  std::vector<uint32_t> pending;
+  for (size_t i = idx; i < end; ++i) {
+    if (complete(i)) continue;
+    if (ev.kind == EventKind::Flush || plan->plans[i].syncList.count(ev.sensor)) {
+      pending.push_back(plan->plans[i].frame);
+    }
+  }
+  if (ev.kind == EventKind::InformInflight) {
+    for (size_t i = idx; i < end; ++i) {
+      if (plan->plans[i].syncList.count(ev.sensor)) frames[i].syncBroken = true;
+    }
+    return {{ev.kind, ev.sensor, ev.value, pending}};
+  }
+  std::vector<HeldReport> reports{{EventKind::Flush, ev.sensor, ev.value, pending}};
+  for (const auto& s : sensors) {
+    if (s.id != ev.sensor) reports.push_back({EventKind::Flush, s.id, ev.value, pending});
+  }
+  reports.push_back({EventKind::QueueFlush, ev.sensor, 0, pending});
+  return reports;
+}
+
+std::vector<size_t> ClientState::flushHeld(size_t idx, size_t end) {
+  std::vector<size_t> flushed;
+  for (size_t i = idx; i < end; ++i) {
+    if (complete(i)) continue;
+    frames[i].flushed = true;
+    --inFlight;
+    ++framesDone;
+    flushed.push_back(i);
+  }
+  return flushed;
+}
+
 }  // namespace client
 }  // namespace orvcam

@@ -104,6 +104,38 @@ struct ClientState {
   // The next first preparation comes after the frames whose first preparation has returned.
   void firstPrepareReturned(size_t idx);
 
+  // ---- a barrier of held events (a flush, an in-flight report with value 0) at plan index
+  // `idx`: every send from `idx` on is held (gate), the frames before it finish, the frames
+  // [idx, end) are emplaced and prepared by every sensor, then the events are reported with no
+  // thread inside the deliverer.
+  // Every frame before `idx` is complete.
+  bool completeBefore(size_t idx) const;
+  // Whether frame `end` may be emplaced behind the barrier too: there is room for it, it is no
+  // other barrier nor a while-running event's frame (an in-flight report while sends go on
+  // may wait for frames this barrier holds), and it needs no configure licence in a frame of
+  // a sensor that reports in flight here (a configure licence must not meet a frame-descriptor
+  // change).
+  bool mayEmplaceBehind(size_t idx, size_t end, uint32_t maxInFlight) const;
+  // Every sensor prepared every frame of [idx, end).
+  bool preparedAll(size_t idx, size_t end) const;
+  // One report a held event makes: what the client tells the deliverer, with the pending
+  // frames it names.
+  struct HeldReport {
+    EventKind kind;
+    uint32_t sensor;
+    uint32_t value;
+    std::vector<uint32_t> frames;
+  };
+  // The reports of held event `ev` over [idx, end), in order. An in-flight report is one, and
+  // breaks the sync of the frames that hold its sensor; a flush is reported for every sensor,
+  // the named one first (the deliverer's flush() hands back every sensor's queued licences, so
+  // every sensor's frames are flushed in the guard too), then as the queue's flush.
+  std::vector<HeldReport> heldReports(const PlannedEvent& ev, size_t idx, size_t end,
+                                      const std::vector<SensorSetup>& sensors);
+  // After a flush's reports: the frames of [idx, end) not yet complete are flushed and leave
+  // the pipeline. Returns their indices.
+  std::vector<size_t> flushHeld(size_t idx, size_t end);
+
   const ClientPlan* plan;
   std::vector<FrameState> frames;
   size_t gate = kNoGate;  // sends of frame indices from here on are held

@@ -477,73 +477,18 @@ struct ClientRun::Impl {
     const std::vector<const client::PlannedEvent*>& evs = plan.eventsAt.at(idx);
     uint32_t frameNo = plan.plans[idx].frame;
     client.gate = idx;
-    waitFor(
-        [&] {
-          for (size_t i = 0; i < idx; ++i) {
-            if (!client.complete(i)) return false;
-          }
-          return true;
-        },
-        "the frames before the barrier to finish");
-    std::set<uint32_t> reporting;
-    for (const client::PlannedEvent* e : evs) {
-      if (client::ClientPlan::gated(*e) && e->kind == EventKind::InformInflight)
-        reporting.insert(e->sensor);
-    }
+    waitFor([&] { return client.completeBefore(idx); }, "the frames before the barrier to finish");
     size_t end = idx;
-    while (end < plan.plans.size() && client.inFlight < scenario.maxInFlight &&
-           client.mayEmplace(end)) {
-      if (end > idx && (plan.hasGatedEvent(end) || plan.hasWhileRunningEvent(end))) break;
-      bool configures = std::any_of(reporting.begin(), reporting.end(), [&](uint32_t s) {
-        return !plan.plans[end].needCfg.empty() && plan.plans[end].syncList.count(s);
-      });
-      if (configures) break;
-      emplaceFrame(end++);
-    }
-    waitFor(
-        [&] {
-          for (size_t i = idx; i < end; ++i) {
-            if (client.frames[i].prepared.size() < plan.plans[i].sensors.size()) return false;
-          }
-          return true;
-        },
-        "the held frames to be prepared");
+    while (client.mayEmplaceBehind(idx, end, scenario.maxInFlight)) emplaceFrame(end++);
+    waitFor([&] { return client.preparedAll(idx, end); }, "the held frames to be prepared");
     for (const client::PlannedEvent* ev : evs) {
       if (!client::ClientPlan::gated(*ev)) continue;
-      std::vector<uint32_t> pending;
-      for (size_t i = idx; i < end; ++i) {
-        if (client.complete(i)) continue;
-        if (ev->kind == EventKind::Flush || plan.plans[i].syncList.count(ev->sensor)) {
-          pending.push_back(plan.plans[i].frame);
-        }
-      }
-      if (ev->kind == EventKind::InformInflight) {
-        history::EventRecord& e = newEvent(ev->kind, ev->sensor, frameNo, ev->value);
-        e.frames = pending;
-        for (size_t i = idx; i < end; ++i) {
-          if (plan.plans[i].syncList.count(ev->sensor)) client.frames[i].syncBroken = true;
-        }
-        notify(e);
-        continue;
-      }
-      std::vector<uint32_t> order{ev->sensor};
-      for (const auto& s : scenario.sensors) {
-        if (s.id != ev->sensor) order.push_back(s.id);
-      }
-      for (uint32_t s : order) {
-        history::EventRecord& e = newEvent(EventKind::Flush, s, frameNo, ev->value);
-        e.frames = pending;
+      for (auto& report : client.heldReports(*ev, idx, end, scenario.sensors)) {
+        history::EventRecord& e = newEvent(report.kind, report.sensor, frameNo, report.value);
+        e.frames = std::move(report.frames);
         notify(e);
       }
-      history::EventRecord& q = newEvent(EventKind::QueueFlush, ev->sensor, frameNo, 0);
-      q.frames = pending;
-      notify(q);
-      for (size_t i = idx; i < end; ++i) {
-        if (client.complete(i)) continue;
-        client.frames[i].flushed = true;
-        --client.inFlight;
-        ++client.framesDone;
-      }
+      if (ev->kind == EventKind::Flush) client.flushHeld(idx, end);
     }
     client.gate = client::kNoGate;
   }

@@ -394,74 +394,21 @@ struct Runner::Impl {
     if (options.trace) host::traceBegin("hold sends from F:" + std::to_string(frameNo));
     client.gate = idx;
     cond.notify_all();
-    waitUntilLocked(lock, SimClock::time_point::min(), [&]() ORVCAM_REQUIRES(mutex) {
-      for (size_t i = 0; i < idx; ++i) {
-        if (!client.complete(i)) return false;
-      }
-      return true;
-    });
-    std::set<uint32_t> reporting;
-    for (const PlannedEvent* e : evs) {
-      if (ClientPlan::gated(*e) && e->kind == EventKind::InformInflight)
-        reporting.insert(e->sensor);
-    }
+    waitUntilLocked(lock, SimClock::time_point::min(),
+                    [&]() ORVCAM_REQUIRES(mutex) { return client.completeBefore(idx); });
     size_t end = idx;
-    while (end < plan.plans.size() && client.inFlight < scenario.maxInFlight &&
-           client.mayEmplace(end)) {
-      // An in-flight report while sends go on may wait for frames this barrier holds.
-      if (end > idx && (plan.hasGatedEvent(end) || plan.hasWhileRunningEvent(end))) break;
-      // A configure licence must not meet a frame-descriptor change.
-      bool configures = std::any_of(reporting.begin(), reporting.end(), [&](uint32_t s) {
-        return !plan.plans[end].needCfg.empty() && plan.plans[end].syncList.count(s);
-      });
-      if (configures) break;
-      emplaceFrameLocked(lock, end++);
-    }
-    waitUntilLocked(lock, SimClock::time_point::min(), [&]() ORVCAM_REQUIRES(mutex) {
-      for (size_t i = idx; i < end; ++i) {
-        if (client.frames[i].prepared.size() < plan.plans[i].sensors.size()) return false;
-      }
-      return true;
-    });
+    while (client.mayEmplaceBehind(idx, end, scenario.maxInFlight)) emplaceFrameLocked(lock, end++);
+    waitUntilLocked(lock, SimClock::time_point::min(),
+                    [&]() ORVCAM_REQUIRES(mutex) { return client.preparedAll(idx, end); });
     for (const PlannedEvent* ev : evs) {
       if (!ClientPlan::gated(*ev)) continue;
-      std::vector<uint32_t> pending;
-      for (size_t i = idx; i < end; ++i) {
-        if (client.complete(i)) continue;
-        if (ev->kind == EventKind::Flush || plan.plans[i].syncList.count(ev->sensor)) {
-          pending.push_back(plan.plans[i].frame);
-        }
-      }
-      if (ev->kind == EventKind::InformInflight) {
-        EventRecord& e = newEvent(ev->kind, ev->sensor, frameNo, ev->value);
-        e.frames = pending;
-        for (size_t i = idx; i < end; ++i) {
-          if (plan.plans[i].syncList.count(ev->sensor)) client.frames[i].syncBroken = true;
-        }
-        notify(e);
-        continue;
-      }
-      // The deliverer's flush() hands back every sensor's queued licences, so every sensor's
-      // frames are flushed in the guard too, the named sensor first.
-      std::vector<uint32_t> order{ev->sensor};
-      for (const auto& s : scenario.sensors) {
-        if (s.id != ev->sensor) order.push_back(s.id);
-      }
-      for (uint32_t s : order) {
-        EventRecord& e = newEvent(EventKind::Flush, s, frameNo, ev->value);
-        e.frames = pending;
+      for (ClientState::HeldReport& report : client.heldReports(*ev, idx, end, scenario.sensors)) {
+        EventRecord& e = newEvent(report.kind, report.sensor, frameNo, report.value);
+        e.frames = std::move(report.frames);
         notify(e);
       }
-      EventRecord& q = newEvent(EventKind::QueueFlush, ev->sensor, frameNo, 0);
-      q.frames = pending;
-      notify(q);
-      for (size_t i = idx; i < end; ++i) {
-        if (client.complete(i)) continue;
-        client.frames[i].flushed = true;
-        --client.inFlight;
-        ++client.framesDone;
-        traceFrameLocked(i, false);
-      }
+      if (ev->kind != EventKind::Flush) continue;
+      for (size_t i : client.flushHeld(idx, end)) traceFrameLocked(i, false);
     }
     client.gate = kNoGate;
     cond.notify_all();
