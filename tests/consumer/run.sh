@@ -16,12 +16,12 @@ source_dir=$(cd "$here/../.." && pwd)
 cxx=${CXX:-c++}
 read -r -a extra <<<"${CONSUMER_CXXFLAGS:-}"
 strict=(-Wall -Wextra -Wshadow -Wconversion -Werror "${extra[@]}")
+step() { echo "== consumer: $*"; }
 
 rm -rf "$work"
 mkdir -p "$work"
 work=$(realpath "$work")
 prefix=$work/prefix
-step() { echo "== consumer: $*"; }
 
 step "install into $prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"

@@ -225,14 +225,36 @@ TEST(ExploreToy, SharedMutexExcludesReadersOnlyFromAnExclusiveHolder) {
   EXPECT_TRUE(good.exhausted);
 }
 
+// A toy whose threads write letters to a log under a common mutex; the log a completed schedule
+// leaves is its outcome, and every outcome goes into `outcomes`.
+class LetterLog : public Target {
+ public:
+  explicit LetterLog(std::set<std::string>* outcomes) : mOutcomes(outcomes) {}
+  std::vector<std::string> judgeCompleted() override {
+    mOutcomes->insert(mLog);
+    return {};
+  }
+
+ protected:
+  void write(char letter) {
+    std::lock_guard<std::mutex> lock(mLogMutex);
+    mLog += letter;
+  }
+  std::string mLog;
+
+ private:
+  std::set<std::string>* mOutcomes;
+  std::mutex mLogMutex;
+};
+
 // Threads each take a mutex of their own and then append their name to a shared log under a
 // common one, twice. Steps on the own mutexes commute with everything the other threads do,
 // so many schedules reach the same state; the log's final order is what the interleaving
 // decides. The bodies say they are not client code, so only the mutexes count.
-class Appenders : public Target {
+class Appenders : public LetterLog {
  public:
   Appenders(size_t threads, std::set<std::string>* outcomes)
-      : mThreads(threads), mOutcomes(outcomes) {}
+      : LetterLog(outcomes), mThreads(threads) {}
   std::vector<std::string> threadNames() const override {
     std::vector<std::string> names;
     for (size_t i = 0; i < mThreads; ++i) names.push_back(std::string(1, char('a' + i)));
@@ -249,24 +271,17 @@ class Appenders : public Target {
             std::lock_guard<std::mutex> lock(mOwn[i]);
             ++mCount[i];
           }
-          std::lock_guard<std::mutex> lock(mLogMutex);
-          mLog += char('a' + i);
+          write(char('a' + i));
         }
       });
     }
     return bodies;
   }
-  std::vector<std::string> judgeCompleted() override {
-    mOutcomes->insert(mLog);
-    return {};
-  }
 
  private:
   size_t mThreads;
-  std::set<std::string>* mOutcomes;
-  std::mutex mOwn[3], mLogMutex;
+  std::mutex mOwn[3];
   int mCount[3] = {};
-  std::string mLog;
 };
 
 // Pruning a state met before loses nothing: every final log of the full search is reached.
@@ -296,9 +311,9 @@ TEST(ExploreToy, TheStateCacheReachesEveryOutcomeWithFewerSchedules) {
 // object every client step touches. Each thread tallies twice in client code (steps that
 // commute: the tallies end the same in any order), then races for a board (the first to look
 // takes it), then writes its letter under a lock, upper case if it took the board.
-class Board : public Target {
+class Board : public LetterLog {
  public:
-  Board(bool byValue, std::set<std::string>* outcomes) : mByValue(byValue), mOutcomes(outcomes) {}
+  Board(bool byValue, std::set<std::string>* outcomes) : LetterLog(outcomes), mByValue(byValue) {}
   ~Board() override { Scheduler::setClientDigest(nullptr); }
   std::vector<std::string> threadNames() const override { return {"a", "b", "c"}; }
   std::vector<std::function<void()>> begin() override {
@@ -325,24 +340,17 @@ class Board : public Target {
         if (took) mBoard = i;
         if (mByValue) Scheduler::clientCall(took);
         Scheduler::clientLeave();
-        std::lock_guard<std::mutex> lock(mLogMutex);
-        mLog += char((took ? 'A' : 'a') + i);
+        write(char((took ? 'A' : 'a') + i));
       });
     }
     return bodies;
   }
-  std::vector<std::string> judgeCompleted() override {
-    mOutcomes->insert(mLog);
-    return {};
-  }
 
  private:
   bool mByValue;
-  std::set<std::string>* mOutcomes;
-  std::mutex mOwn[3], mLogMutex;
+  std::mutex mOwn[3];
   int mTally[3] = {};
   int mBoard = -1;
-  std::string mLog;
 };
 
 // With the client's state by value, client steps that commute meet again in one state, so

@@ -36,28 +36,34 @@ bool startsWith(const std::string& s, const std::string& prefix) {
   return s.compare(0, prefix.size(), prefix) == 0;
 }
 
-// Two started threads withdraw from a balance of one. The racy one checks and withdraws under
-// two holds of the lock; each thread then checks the balance itself and fails the schedule.
+// One withdrawal from a balance guarded by `m`. The racy one checks and withdraws under two
+// holds of the lock, so a preemption between them overdraws the balance.
+void withdraw(std::mutex& m, int& balance, bool racy) {
+  bool ok;
+  {
+    std::lock_guard<std::mutex> lock(m);
+    ok = balance > 0;
+    if (ok && !racy) --balance;
+  }
+  if (ok && racy) {
+    std::lock_guard<std::mutex> lock(m);
+    --balance;
+  }
+}
+
+// Two started threads withdraw from a balance of one; each thread then checks the balance
+// itself and fails the schedule.
 void withdrawals(bool racy) {
   std::mutex m;
   int balance = 1;
-  auto withdraw = [&](const char* who) {
+  auto teller = [&](const char* who) {
     pthread_setname_np(pthread_self(), who);
-    bool ok;
-    {
-      std::lock_guard<std::mutex> lock(m);
-      ok = balance > 0;
-      if (ok && !racy) --balance;
-    }
-    if (ok && racy) {
-      std::lock_guard<std::mutex> lock(m);
-      --balance;
-    }
+    withdraw(m, balance, racy);
     std::lock_guard<std::mutex> lock(m);
     if (balance < 0) fail("overdrawn: " + std::to_string(balance));
   };
-  std::thread a(withdraw, "teller-a");
-  std::thread b(withdraw, "teller-b");
+  std::thread a(teller, "teller-a");
+  std::thread b(teller, "teller-b");
   a.join();
   b.join();
 }
@@ -159,6 +165,14 @@ TEST(Harness, ThreadsLeftRunningRunToTheirEndAndOneLeftBlockedIsADeadlock) {
   EXPECT_NE(spin.findings[0].find("body waits for the end of thread 1"), std::string::npos) << spin;
 }
 
+// The pool record of `frame`: each of `sensors` is to enqueue it, those of `sync` in frame sync.
+std::shared_ptr<const cc::FrameContext> frameRecord(uint32_t frame, std::set<uint32_t> sync,
+                                                    const std::set<uint32_t>& sensors) {
+  std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
+  for (uint32_t s : sensors) states[s].needEnq = true;
+  return std::make_shared<const cc::FrameContext>(frame, std::move(sync), sensors, states, false);
+}
+
 // Two sensors in frame sync over frames 1 and 2, each on a request thread the body starts,
 // with a coordinator mutex of the body's own. Sensor 0's send of frame 2 waits in the guard
 // until sensor 1 has enqueued frame 1. With `lockAcrossSend`, sensor 0 holds the coordinator
@@ -171,13 +185,7 @@ struct World {
   std::mutex coordinator;
   int enqueued = 0;
   World() {
-    for (uint32_t f = 1; f <= 2; ++f) {
-      std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
-      states[0].needEnq = true;
-      states[1].needEnq = true;
-      pool->emplace(f, std::make_shared<const cc::FrameContext>(
-                           f, std::set<uint32_t>{0, 1}, std::set<uint32_t>{0, 1}, states, false));
-    }
+    for (uint32_t f = 1; f <= 2; ++f) pool->emplace(f, frameRecord(f, {0, 1}, {0, 1}));
   }
 };
 
@@ -302,10 +310,7 @@ TEST(Harness, TheLibrarysLogIsJudgedAndAClientMistakeIsAClientFinding) {
   auto body = [](bool twice) {
     auto pool = std::make_shared<cc::FrameContextPool>();
     cc::CamDeliver deliver(pool);
-    std::unordered_map<uint32_t, cc::FrameContext::SensorState> states;
-    states[0].needEnq = true;
-    auto fc = std::make_shared<const cc::FrameContext>(1, std::set<uint32_t>{},
-                                                       std::set<uint32_t>{0}, states, false);
+    auto fc = frameRecord(1, {}, {0});
     pool->emplace(1, fc);
     std::thread sensor([&] {
       deliver.prepare(0, 1, fc);
@@ -333,18 +338,7 @@ void tellersAndWorkers(bool racy) {
   std::mutex m, own1, own2;
   int balance = 1;
   int work1 = 0, work2 = 0;
-  auto teller = [&] {
-    bool ok;
-    {
-      std::lock_guard<std::mutex> lock(m);
-      ok = balance > 0;
-      if (ok && !racy) --balance;
-    }
-    if (ok && racy) {
-      std::lock_guard<std::mutex> lock(m);
-      --balance;
-    }
-  };
+  auto teller = [&] { withdraw(m, balance, racy); };
   auto worker = [](std::mutex& own, int& work) {
     for (int i = 0; i < 2; ++i) {
       std::lock_guard<std::mutex> lock(own);

@@ -271,12 +271,24 @@ void expectStallOnSilence(FollowPipe& child) {
   EXPECT_THAT(child.output(), HasSubstr("blocked send: S:0 F:2 EnqJob has waited"));
 }
 
-TEST(FollowPipeTest, StallOfASilentPipeAndAFatalLineAreReportedBeforeItCloses) {
+// A child following the capture that ends in a wait, once it has reported the stall (the test
+// body does not run if it has not). A closed pipe is an error to report, not a signal.
+class FollowPipeTest : public ::testing::Test {
+ protected:
   using Clock = std::chrono::steady_clock;
-  signal(SIGPIPE, SIG_IGN);
-  FollowPipe child("300");
-  expectStallOnSilence(child);
-  if (HasFatalFailure()) return;
+  static void SetUpTestSuite() { signal(SIGPIPE, SIG_IGN); }
+  void SetUp() override { expectStallOnSilence(child); }
+  // The report after the input ends: verdict FAIL and exit 1 within 5 s.
+  void expectFailingReport() {
+    auto deadline = Clock::now() + std::chrono::seconds(5);
+    EXPECT_TRUE(child.readUntil<Clock>("verdict: FAIL", deadline)) << child.output();
+    EXPECT_EQ(child.exitCode<Clock>(deadline), 1) << child.output();
+  }
+
+  FollowPipe child{"300"};
+};
+
+TEST_F(FollowPipeTest, StallOfASilentPipeAndAFatalLineAreReportedBeforeItCloses) {
   // The process's next line comes 1.5 s later by its stamp: its fatal assertion.
   ASSERT_TRUE(child.send(fatalLines(1500)));
   ASSERT_TRUE(child.readUntil<Clock>("[fatal]", Clock::now() + std::chrono::seconds(1)))
@@ -284,25 +296,16 @@ TEST(FollowPipeTest, StallOfASilentPipeAndAFatalLineAreReportedBeforeItCloses) {
       << child.output();
 
   child.closeInput();
-  auto deadline = Clock::now() + std::chrono::seconds(5);
-  EXPECT_TRUE(child.readUntil<Clock>("verdict: FAIL", deadline)) << child.output();
-  EXPECT_EQ(child.exitCode<Clock>(deadline), 1) << child.output();
+  expectFailingReport();
   EXPECT_THAT(child.output(), HasSubstr("S:0 F:2 EnqJob still waiting at the end of the log: "
                                         "waited 1490.000 ms"));
 }
 
 // A capture stopped by hand while the process hangs: the report that follows Ctrl-C counts the
 // silence, as the watch did.
-TEST(FollowPipeTest, InterruptEndsTheInputAndTheReportCountsTheSilence) {
-  using Clock = std::chrono::steady_clock;
-  signal(SIGPIPE, SIG_IGN);
-  FollowPipe child("300");
-  expectStallOnSilence(child);
-  if (HasFatalFailure()) return;
+TEST_F(FollowPipeTest, InterruptEndsTheInputAndTheReportCountsTheSilence) {
   child.interrupt();
-  auto deadline = Clock::now() + std::chrono::seconds(5);
-  EXPECT_TRUE(child.readUntil<Clock>("verdict: FAIL", deadline)) << child.output();
-  EXPECT_EQ(child.exitCode<Clock>(deadline), 1) << child.output();
+  expectFailingReport();
   EXPECT_THAT(child.output(), HasSubstr("S:0 F:2 EnqJob still waiting at the end of the capture"));
 }
 

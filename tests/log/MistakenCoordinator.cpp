@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <future>
+#include <initializer_list>
 #include <memory>
 #include <set>
 #include <string>
@@ -55,6 +56,13 @@ struct Coordinator {
   int32_t enqueue(uint32_t s, uint32_t f) {
     return deliver.sendJobForEnque(s, f, std::make_shared<EnqueueJob>());
   }
+  // Frames of one sensor, each on its own: emplaced, then prepared and sent in the orders given.
+  void soloFrames(uint32_t s, std::initializer_list<uint32_t> frames,
+                  std::initializer_list<uint32_t> prepares, std::initializer_list<uint32_t> sends) {
+    for (uint32_t f : frames) emplace(f, {s});
+    for (uint32_t f : prepares) prepare(s, f);
+    for (uint32_t f : sends) enqueue(s, f);
+  }
 };
 
 // Sensor 1 lags: on its own request thread it prepares and sends frame 1, then stalls while
@@ -85,33 +93,15 @@ void lagging(Coordinator& c) {
 
 // Sensor 0 prepares frame 11 before frame 10, then sends 10 first: its own call order of
 // sends disagrees with the order it prepared in.
-void outOfOrder(Coordinator& c) {
-  c.emplace(10, {0});
-  c.emplace(11, {0});
-  c.prepare(0, 11);
-  c.prepare(0, 10);
-  c.enqueue(0, 10);
-  c.enqueue(0, 11);
-}
+void outOfOrder(Coordinator& c) { c.soloFrames(0, {10, 11}, {11, 10}, {10, 11}); }
 
 // Sensor 0 prepares frame 10 twice, then frame 11.
-void doublePrepare(Coordinator& c) {
-  c.emplace(10, {0});
-  c.emplace(11, {0});
-  c.prepare(0, 10);
-  c.prepare(0, 10);
-  c.prepare(0, 11);
-  c.enqueue(0, 10);
-  c.enqueue(0, 11);
-}
+void doublePrepare(Coordinator& c) { c.soloFrames(0, {10, 11}, {10, 10, 11}, {10, 11}); }
 
 // Frame 5 of sensor 0 is dropped, which retires it (sensor 0 was its only sensor); the
 // coordinator then sends its enqueue anyway and the process ends with "FC not found".
 void sendAfterDrop(Coordinator& c) {
-  c.emplace(4, {0});
-  c.emplace(5, {0});
-  c.prepare(0, 4);
-  c.enqueue(0, 4);
+  c.soloFrames(0, {4, 5}, {4}, {4});
   c.prepare(0, 5);
   c.deliver.notifyEvent(CamDeliver::Drop, 0, 5, 0);
   c.enqueue(0, 5);  // aborts

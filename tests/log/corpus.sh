@@ -10,10 +10,8 @@
 set -eu
 sim=$1 log=$2 corpus=$3 scenario=$4 work=$5 noframe=${6:-}
 mkdir -p "$work"
-counts() { grep -E '^(S:[0-9]+|total) ' "$1" | awk '{print $1, $2, $3, $4, $5, $6}'; }
-if [ "$noframe" = noframe ]; then
-  counts() { grep -E '^(S:[0-9]+|total) ' "$1" | awk '{print $1, $2, $3, $5, $6}'; }
-fi
+. "$(dirname "$0")/summary_counts.sh"
+[ "$noframe" != noframe ] || counts_without_enqueued
 "$sim" "$scenario" --log-level debug >"$work/sim.out" 2>"$work/run.log"
 expected=$(counts "$work/sim.out")
 fail() { echo "$1"; cat "$work/log.out"; exit 1; }

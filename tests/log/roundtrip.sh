@@ -14,13 +14,9 @@
 set -eu
 sim=$1 log=$2 check=$3 scenario=$4 work=$5 expect=${6:-}
 mkdir -p "$work"
-counts() { grep -E '^(S:[0-9]+|total) ' "$1" | awk '{print $1, $2, $3, $4, $5, $6}'; }
-if [ "$expect" = warnings ]; then
-  # Such a client also sends no-frame enqueues, which the simulator counts as enqueued: they
-  # report no completion and write no line unless they wait, so the log cannot count them and
-  # the enqueued column is left out of the comparison.
-  counts() { grep -E '^(S:[0-9]+|total) ' "$1" | awk '{print $1, $2, $3, $5, $6}'; }
-fi
+. "$(dirname "$0")/summary_counts.sh"
+# Such a client also sends no-frame enqueues, which the log cannot count.
+[ "$expect" != warnings ] || counts_without_enqueued
 for level in debug verbose; do
   # The simulator's trace in each format: Chrome JSON at debug level, Perfetto's protobuf at
   # verbose level.

@@ -21,24 +21,16 @@ fault off-sensor-check-always-true "$guard" "CamDeliverGuard::waitOffSensorPrevi
   "if (prev) return true;"
 
 # A completed job wakes nobody: waiters sleep on until some other change.
-fault finished-wakes-nobody "$guard" "CamDeliverGuard::finished(" \
-  "cond.notify_all();" \
-  ""
+fault finished-wakes-nobody "$guard" "CamDeliverGuard::finished(" "cond.notify_all();" ""
 
 # The last enqueue of a frame leaves its record in the pool.
-fault last-enqueue-keeps-record "$guard" "CamDeliverGuard::finished(" \
-  "fcPool->erase(frameNo);" \
-  ""
+fault last-enqueue-keeps-record "$guard" "CamDeliverGuard::finished(" "fcPool->erase(frameNo);" ""
 
 # A drop hands out the sensor's next stamp without moving the counter on.
-fault drop-keeps-order-counter "$guard" "CamDeliverGuard::drop(" \
-  "next = order + 1;" \
-  ""
+fault drop-keeps-order-counter "$guard" "CamDeliverGuard::drop(" "next = order + 1;" ""
 
 # A flush leaves the sensor's order counter where it was.
-fault flush-keeps-order-counter "$guard" "CamDeliverGuard::flush(" \
-  "orderMap[sensorId] = 0;" \
-  ""
+fault flush-keeps-order-counter "$guard" "CamDeliverGuard::flush(" "orderMap[sensorId] = 0;" ""
 
 # Faults that only some interleavings expose; camdeliver-explore is meant to catch them.
 # A completed job notifies before it takes the guard's lock and marks its progress: a waiter
@@ -58,32 +50,22 @@ fault off-sensor-wait-tests-once "$guard" "CamDeliverGuard::wait(" \
 
 # A drop retires the record but wakes nobody: a sensor waiting for the dropped frame's sync
 # group sleeps on unless some later change happens to wake it.
-fault drop-wakes-nobody "$guard" "CamDeliverGuard::drop(" \
-  "  cond.notify_all();" \
-  ""
+fault drop-wakes-nobody "$guard" "CamDeliverGuard::drop(" "  cond.notify_all();" ""
 
 # A flush retires the sensor's frames but wakes nobody: a partner's send waiting for one of
 # them sleeps on (explored_wakeup_test: the flush is its only wake-up there).
-fault flush-wakes-nobody "$guard" "CamDeliverGuard::flush(" \
-  "  cond.notify_all();" \
-  ""
+fault flush-wakes-nobody "$guard" "CamDeliverGuard::flush(" "  cond.notify_all();" ""
 
 # A sync break lets the waiters go but does not tell them (explored_wakeup_test: a sensor
 # reporting nothing in flight, whose sends are held until its partner is through).
-fault sync-break-wakes-nobody "$guard" "CamDeliverGuard::breakFrameSync(" \
-  "  cond.notify_all();" \
-  ""
+fault sync-break-wakes-nobody "$guard" "CamDeliverGuard::breakFrameSync(" "  cond.notify_all();" ""
 
 # Each way a record leaves the pool must wake a drain (waitUntilEnquedEmpty) by itself.
 fault last-enqueue-erase-wakes-no-drain "$guard" "CamDeliverGuard::finished(" \
   "eraseCond.notify_all();" \
   ""
-fault drop-erase-wakes-no-drain "$guard" "CamDeliverGuard::drop(" \
-  "eraseCond.notify_all();" \
-  ""
-fault flush-erase-wakes-no-drain "$guard" "CamDeliverGuard::flush(" \
-  "eraseCond.notify_all();" \
-  ""
+fault drop-erase-wakes-no-drain "$guard" "CamDeliverGuard::drop(" "eraseCond.notify_all();" ""
+fault flush-erase-wakes-no-drain "$guard" "CamDeliverGuard::flush(" "eraseCond.notify_all();" ""
 
 # A sync group's licences each get an FD of their own.
 fault sync-group-own-fds "$deliver" "CamDeliver::prepareLicense(" \

@@ -10,11 +10,11 @@
 
 namespace orvcam {
 namespace sim {
+namespace {
 
 using namespace client;
-using namespace check;
-using namespace history;
-namespace {
+using check::checkHistory;
+using check::CheckResult;
 
 TEST(SimRandom, SameSeedSameScenariosAndEveryOneValid) {
   RandomLimits limits;

@@ -16,7 +16,6 @@ namespace sim {
 
 using namespace client;
 using namespace check;
-using namespace history;
 namespace {
 
 TEST(SimRun, DefaultScenarioRunsCleanAndTracesEachSensorThread) {
