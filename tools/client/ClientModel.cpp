@@ -191,5 +191,39 @@ std::vector<size_t> ClientState::flushHeld(size_t idx, size_t end) {
   return flushed;
 }
 
+std::optional<std::pair<uint32_t, size_t>> ClientState::takeRequestedDrop() {
+  if (dropRequests.empty()) return std::nullopt;
+  auto request = dropRequests.front();
+  dropRequests.pop_front();
+  return request;
+}
+
+std::optional<std::pair<uint32_t, size_t>> ClientState::takeRacingDrop() {
+  for (auto it = racingDrops.begin(); it != racingDrops.end();) {
+    const FrameState& f = frames[it->second];
+    if (f.flushed) {
+      it = racingDrops.erase(it);
+    } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
+      auto request = *it;
+      racingDrops.erase(it);
+      return request;
+    } else {
+      ++it;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<std::pair<uint32_t, size_t>> ClientState::takeLateDrop() {
+  for (auto it = lateDrops.begin(); it != lateDrops.end(); ++it) {
+    if (complete(it->second)) {
+      auto request = *it;
+      lateDrops.erase(it);
+      return request;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace client
 }  // namespace orvcam

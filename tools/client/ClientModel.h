@@ -10,6 +10,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -101,6 +102,12 @@ struct ClientState {
   // Whether a drop is due: one a sensor asked for, a racing drop whose send has been issued, a
   // late drop whose frame has finished.
   bool dropsDue() const;
+  // The due drops, each taken out of its list as it is reported: those the sensors asked for,
+  // racing drops whose send has been issued (a flushed frame's are let go), late drops whose
+  // frame has finished. Each is (sensor, frame index); empty when none is due.
+  std::optional<std::pair<uint32_t, size_t>> takeRequestedDrop();
+  std::optional<std::pair<uint32_t, size_t>> takeRacingDrop();
+  std::optional<std::pair<uint32_t, size_t>> takeLateDrop();
   // The next first preparation comes after the frames whose first preparation has returned.
   void firstPrepareReturned(size_t idx);
 

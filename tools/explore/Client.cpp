@@ -113,42 +113,42 @@ struct ClientRun::Impl {
     Emplace,
     Release
   };
+  // Client code ends (a call into the library, or the end of a callback): under the
+  // scheduler it is told; in a plain run the state's lock is let go.
+  void leaveClientCode() {
+    if (!plain) {
+      Scheduler::clientLeave();
+      return;
+    }
+    plainCond.notify_all();
+    plainMutex.unlock();
+  }
+  // Client code runs again: after a call (`returning`), or in a callback.
+  void enterClientCode(bool returning) {
+    if (!plain) {
+      if (returning) {
+        Scheduler::clientReturn();
+      } else {
+        Scheduler::clientEnter();
+      }
+      return;
+    }
+    plainMutex.lock();
+  }
   struct Outside {
     Outside(Impl& impl, Call call, uint32_t sensor, uint32_t frame, uint64_t more = 0) : d(impl) {
       if (!d.plain) {
         Scheduler::clientCall((uint64_t(call) << 56) ^ (uint64_t(sensor) << 32) ^ frame ^
                               (more * 0x9e3779b97f4a7c15ull));
-        Scheduler::clientLeave();
-        return;
       }
-      d.plainCond.notify_all();
-      d.plainMutex.unlock();
+      d.leaveClientCode();
     }
-    ~Outside() {
-      if (!d.plain) {
-        Scheduler::clientReturn();
-        return;
-      }
-      d.plainMutex.lock();
-    }
+    ~Outside() { d.enterClientCode(true); }
     Impl& d;
   };
   struct Inside {
-    explicit Inside(Impl& impl) : d(impl) {
-      if (!d.plain) {
-        Scheduler::clientEnter();
-        return;
-      }
-      d.plainMutex.lock();
-    }
-    ~Inside() {
-      if (!d.plain) {
-        Scheduler::clientLeave();
-        return;
-      }
-      d.plainCond.notify_all();
-      d.plainMutex.unlock();
-    }
+    explicit Inside(Impl& impl) : d(impl) { d.enterClientCode(false); }
+    ~Inside() { d.leaveClientCode(); }
     Impl& d;
   };
   void waitUntil(const std::function<bool()>& ready, const char* what) {
@@ -386,36 +386,17 @@ struct ClientRun::Impl {
 
   bool reportDueDrops() {
     bool any = false;
-    while (!client.dropRequests.empty()) {
-      auto request = client.dropRequests.front();
-      client.dropRequests.pop_front();
-      reportDrop(request.first, request.second);
+    while (auto d = client.takeRequestedDrop()) {
+      reportDrop(d->first, d->second);
       any = true;
     }
-    for (auto it = client.racingDrops.begin(); it != client.racingDrops.end();) {
-      client::ClientState::FrameState& f = client.frames[it->second];
-      if (f.flushed) {
-        it = client.racingDrops.erase(it);
-      } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
-        auto request = *it;
-        client.racingDrops.erase(it);
-        reportDrop(request.first, request.second);
-        any = true;
-        it = client.racingDrops.begin();
-      } else {
-        ++it;
-      }
+    while (auto d = client.takeRacingDrop()) {
+      reportDrop(d->first, d->second);
+      any = true;
     }
-    for (auto it = client.lateDrops.begin(); it != client.lateDrops.end();) {
-      if (client.complete(it->second)) {
-        auto request = *it;
-        client.lateDrops.erase(it);
-        notify(newEvent(EventKind::Drop, request.first, plan.plans[request.second].frame, 0));
-        any = true;
-        it = client.lateDrops.begin();
-      } else {
-        ++it;
-      }
+    while (auto d = client.takeLateDrop()) {
+      notify(newEvent(EventKind::Drop, d->first, plan.plans[d->second].frame, 0));
+      any = true;
     }
     return any;
   }

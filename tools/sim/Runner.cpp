@@ -118,7 +118,8 @@ struct Runner::Impl {
       auto config = std::make_shared<host::ConfigParam>();
       config->sensorId = sensor;
       config->frameNo = p.frame;
-      auto job = std::make_shared<ProbedConfigureJob>(*probe, rec, duration.sample(rng), config);
+      auto job = std::make_shared<ProbedConfigureJob>(*probe, rec, duration.sample(rng),
+                                                      host::IPipeMgr::getInstance(), config);
       log.set(Activity::Configuring, p.frame);
       rec.sent = now();
       deliver->sendJobForConfigure(sensor, p.frame, job);
@@ -287,38 +288,18 @@ struct Runner::Impl {
   // has been issued, late drops whose frame has finished. True when it reported any.
   bool reportDueDropsLocked() ORVCAM_REQUIRES(mutex) {
     bool any = false;
-    while (!client.dropRequests.empty()) {
-      auto request = client.dropRequests.front();
-      client.dropRequests.pop_front();
-      reportDropLocked(request.first, request.second);
+    while (auto d = client.takeRequestedDrop()) {
+      reportDropLocked(d->first, d->second);
       any = true;
     }
-    for (auto it = client.racingDrops.begin(); it != client.racingDrops.end();) {
-      ClientState::FrameState& f = client.frames[it->second];
-      if (f.flushed) {
-        it = client.racingDrops.erase(it);
-      } else if (f.racingSent.count(it->first) && !f.dropReported.count(it->first)) {
-        auto request = *it;
-        it = client.racingDrops.erase(it);
-        reportDropLocked(request.first, request.second);
-        any = true;
-        it = client.racingDrops.begin();
-      } else {
-        ++it;
-      }
+    while (auto d = client.takeRacingDrop()) {
+      reportDropLocked(d->first, d->second);
+      any = true;
     }
-    for (auto it = client.lateDrops.begin(); it != client.lateDrops.end();) {
-      if (client.complete(it->second)) {
-        auto request = *it;
-        it = client.lateDrops.erase(it);
-        EventRecord& e =
-            newEvent(EventKind::Drop, request.first, plan.plans[request.second].frame, 0);
-        notify(e);
-        any = true;
-        it = client.lateDrops.begin();
-      } else {
-        ++it;
-      }
+    while (auto d = client.takeLateDrop()) {
+      EventRecord& e = newEvent(EventKind::Drop, d->first, plan.plans[d->second].frame, 0);
+      notify(e);
+      any = true;
     }
     return any;
   }
