@@ -11,9 +11,7 @@
 // the explorer's instrumented copy, so it is a program of its own. BM_HarnessSchedules runs
 // check() at bound 2 without spurious wake-ups, as the test does, on the clean coordinator of
 // tests/explore/CoordinatorUnderTest.h (argument 0: its drop path, 1: its flush path), and
-// plain runs of the same body on real threads. Counters: schedules_per_second,
-// plain_runs_per_second and schedule_over_plain_run (the time of one schedule divided by the
-// time of one plain run).
+// plain runs of the same body on real threads, with the same counters.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -36,6 +34,29 @@ double since(Clock::time_point t0) {
   return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
+// Both sides of one benchmark, timed in the same iterations: the explored schedules and the
+// plain runs of the same body, and the counters made of them.
+struct Rates {
+  double exploreSeconds = 0;
+  double plainSeconds = 0;
+  uint64_t schedules = 0;
+  uint64_t plainRuns = 0;
+
+  template <typename Run>
+  void timePlain(int runs, Run run) {
+    auto t0 = Clock::now();
+    for (int i = 0; i < runs; ++i) run();
+    plainSeconds += since(t0);
+    plainRuns += uint64_t(runs);
+  }
+  void report(benchmark::State& state) const {
+    state.counters["schedules_per_s"] = double(schedules) / exploreSeconds;
+    state.counters["plain_runs_per_s"] = double(plainRuns) / plainSeconds;
+    state.counters["schedule_over_plain_run"] =
+        (exploreSeconds / double(schedules)) / (plainSeconds / double(plainRuns));
+  }
+};
+
 #if defined(ORVCAM_HARNESS_BENCH)
 
 void BM_HarnessSchedules(benchmark::State& state) {
@@ -47,26 +68,19 @@ void BM_HarnessSchedules(benchmark::State& state) {
   options.preemptions = 2;
   options.spurious = 0;
   const int kPlainRuns = 500;
-  double exploreSeconds = 0, plainSeconds = 0;
-  uint64_t schedules = 0, plainRuns = 0;
+  Rates rates;
   for (auto _ : state) {
     auto t0 = Clock::now();
     explore::Result r = explore::check(options, body);
-    exploreSeconds += since(t0);
-    schedules += r.schedules;
+    rates.exploreSeconds += since(t0);
+    rates.schedules += r.schedules;
     if (r.failed || !r.exhausted) {
       state.SkipWithError("the clean coordinator failed or was not exhausted");
       return;
     }
-    t0 = Clock::now();
-    for (int i = 0; i < kPlainRuns; ++i) body();
-    plainSeconds += since(t0);
-    plainRuns += kPlainRuns;
+    rates.timePlain(kPlainRuns, body);
   }
-  state.counters["schedules_per_second"] = double(schedules) / exploreSeconds;
-  state.counters["plain_runs_per_second"] = double(plainRuns) / plainSeconds;
-  state.counters["schedule_over_plain_run"] =
-      (exploreSeconds / double(schedules)) / (plainSeconds / double(plainRuns));
+  rates.report(state);
 }
 BENCHMARK(BM_HarnessSchedules)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
@@ -84,26 +98,19 @@ void BM_ExploreTwoSensorSync(benchmark::State& state) {
   explore::ClientRun plain(scenario);
   const uint64_t kSchedules = static_cast<uint64_t>(state.range(0));
   const int kPlainRuns = 50;
-  double exploreSeconds = 0, plainSeconds = 0;
-  uint64_t schedules = 0, plainRuns = 0;
+  Rates rates;
   for (auto _ : state) {
     auto t0 = Clock::now();
     explore::Report report = explorer.dfs(1, kSchedules);
-    exploreSeconds += since(t0);
-    schedules += report.schedules;
+    rates.exploreSeconds += since(t0);
+    rates.schedules += report.schedules;
     if (report.hasFailure) {
       state.SkipWithError("a schedule failed");
       return;
     }
-    t0 = Clock::now();
-    for (int i = 0; i < kPlainRuns; ++i) benchmark::DoNotOptimize(plain.runPlain());
-    plainSeconds += since(t0);
-    plainRuns += kPlainRuns;
+    rates.timePlain(kPlainRuns, [&] { benchmark::DoNotOptimize(plain.runPlain()); });
   }
-  state.counters["schedules_per_s"] = double(schedules) / exploreSeconds;
-  state.counters["plain_runs_per_s"] = double(plainRuns) / plainSeconds;
-  state.counters["schedule_over_plain_run"] =
-      (exploreSeconds / double(schedules)) / (plainSeconds / double(plainRuns));
+  rates.report(state);
 }
 BENCHMARK(BM_ExploreTwoSensorSync)->Arg(2000)->Unit(benchmark::kMillisecond);
 

@@ -250,11 +250,7 @@ Report Explorer::dfs(int bound, uint64_t limit) {
       return stack.back().chosen;
     };
     std::vector<uint32_t> choices;
-    uint32_t preemptions = 0;
-    Verdict v = runSchedule(chooser, false, &choices, &preemptions);
-    ++report.schedules;
-    report.deepestSteps = std::max(report.deepestSteps, v.run.stepCount);
-    report.deepestChoices = std::max(report.deepestChoices, uint32_t(choices.size()));
+    Verdict v = runCounted(chooser, &choices, &report);
     if (diverged && !v.failed) {
       v.failed = true;
       v.findings.push_back("the schedule did not replay: the same choices offered other options");
@@ -339,11 +335,7 @@ Report Explorer::random(uint64_t count, uint64_t seed, uint32_t pctDepth) {
       };
     }
     std::vector<uint32_t> choices;
-    uint32_t preemptions = 0;
-    Verdict v = runSchedule(chooser, false, &choices, &preemptions);
-    ++report.schedules;
-    report.deepestSteps = std::max(report.deepestSteps, v.run.stepCount);
-    report.deepestChoices = std::max(report.deepestChoices, uint32_t(choices.size()));
+    Verdict v = runCounted(chooser, &choices, &report);
     expectedChoices = std::max<uint64_t>(expectedChoices, choices.size());
     if (v.failed) {
       report.hasFailure = true;
@@ -368,6 +360,16 @@ Verdict Explorer::replay(const std::vector<uint32_t>& choices, bool record) {
   std::vector<uint32_t> seen;
   uint32_t preemptions = 0;
   return runSchedule(chooser, record, &seen, &preemptions);
+}
+
+Verdict Explorer::runCounted(const Chooser& chooser, std::vector<uint32_t>* choices,
+                             Report* report) {
+  uint32_t preemptions = 0;
+  Verdict v = runSchedule(chooser, false, choices, &preemptions);
+  ++report->schedules;
+  report->deepestSteps = std::max(report->deepestSteps, v.run.stepCount);
+  report->deepestChoices = std::max(report->deepestChoices, uint32_t(choices->size()));
+  return v;
 }
 
 Verdict Explorer::shrink(const Verdict& failing, uint64_t limit) {

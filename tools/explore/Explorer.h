@@ -102,6 +102,8 @@ class Explorer {
  private:
   Verdict runSchedule(const Chooser& chooser, bool record, std::vector<uint32_t>* choices,
                       uint32_t* preemptions);
+  // A search's run of one schedule: its choices, counted in `report` (schedules, depth).
+  Verdict runCounted(const Chooser& chooser, std::vector<uint32_t>* choices, Report* report);
   void judge(Verdict* v);
 
   TargetFactory mFactory;

@@ -26,6 +26,34 @@ ex::Thread* managedCaller(void* caller) {
   return t;
 }
 
+// The managed calling thread after its step `op` on `object`; null when the call is not
+// managed. Inlined, so that the interposed function stays the step's innermost frame.
+__attribute__((always_inline)) inline ex::Thread* managedPoint(void* caller, OpKind op,
+                                                               const void* object) {
+  ex::Thread* t = managedCaller(caller);
+  if (t) ex::point(*t, op, object, caller);
+  return t;
+}
+
+// A try-lock of an rwlock: a scheduling point, then the answer (busy, or the lock taken).
+__attribute__((always_inline)) inline int rwTryLock(ex::Thread& t, pthread_rwlock_t* l,
+                                                    void* caller, bool write) {
+  t.rwTry = true;
+  ex::point(t, OpKind::TryLock, l, caller);
+  t.rwTry = false;
+  ex::Internal internal;
+  ex::Rw& rw = ex::gRun->rws[l];
+  bool busy = rw.writer >= 0 || (write && rw.readers > 0);
+  ex::observe(t, busy);
+  if (busy) return EBUSY;
+  if (write) {
+    rw.writer = t.id;
+  } else {
+    ++rw.readers;
+  }
+  return 0;
+}
+
 int condWait(ex::Thread& t, pthread_cond_t* c, pthread_mutex_t* m, void* caller, bool timed) {
   t.mutex = m;
   t.woke = false;
@@ -44,21 +72,32 @@ extern "C" {
 // takes this file in, with the pthread functions below, though it names none of its own.
 void orvcamExploreScheduler() {}
 
-int pthread_mutex_lock(pthread_mutex_t* m) {
-  void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) {
-    ex::point(*t, OpKind::Lock, m, ra);
-    return 0;
+// A blocking lock of a managed thread is a scheduling point: the scheduler decides when the
+// thread holds the lock. A try-lock of an rwlock is one too, answered from the scheduler's
+// own account of the lock.
+#define ORVCAM_INTERPOSE_LOCK(name, type, op)         \
+  int name(type* lock) {                              \
+    void* ra = __builtin_return_address(0);           \
+    if (managedPoint(ra, OpKind::op, lock)) return 0; \
+    REAL(name)(lock);                                 \
   }
-  REAL(pthread_mutex_lock)(m);
-}
+#define ORVCAM_INTERPOSE_RW_TRYLOCK(name, write)                                  \
+  int name(pthread_rwlock_t* lock) {                                              \
+    void* ra = __builtin_return_address(0);                                       \
+    if (ex::Thread* t = managedCaller(ra)) return rwTryLock(*t, lock, ra, write); \
+    REAL(name)(lock);                                                             \
+  }
+ORVCAM_INTERPOSE_LOCK(pthread_mutex_lock, pthread_mutex_t, Lock)
+ORVCAM_INTERPOSE_LOCK(pthread_rwlock_rdlock, pthread_rwlock_t, RdLock)
+ORVCAM_INTERPOSE_LOCK(pthread_rwlock_wrlock, pthread_rwlock_t, WrLock)
+ORVCAM_INTERPOSE_RW_TRYLOCK(pthread_rwlock_tryrdlock, false)
+ORVCAM_INTERPOSE_RW_TRYLOCK(pthread_rwlock_trywrlock, true)
+#undef ORVCAM_INTERPOSE_LOCK
+#undef ORVCAM_INTERPOSE_RW_TRYLOCK
 
 int pthread_mutex_trylock(pthread_mutex_t* m) {
   void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) {
-    ex::point(*t, OpKind::TryLock, m, ra);
-    return t->result;
-  }
+  if (ex::Thread* t = managedPoint(ra, OpKind::TryLock, m)) return t->result;
   REAL(pthread_mutex_trylock)(m);
 }
 
@@ -102,13 +141,13 @@ int pthread_cond_clockwait(pthread_cond_t* c, pthread_mutex_t* m, clockid_t cloc
 
 int pthread_cond_signal(pthread_cond_t* c) {
   void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) ex::point(*t, OpKind::Signal, c, ra);
+  managedPoint(ra, OpKind::Signal, c);
   REAL(pthread_cond_signal)(c);
 }
 
 int pthread_cond_broadcast(pthread_cond_t* c) {
   void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) ex::point(*t, OpKind::Broadcast, c, ra);
+  managedPoint(ra, OpKind::Broadcast, c);
   REAL(pthread_cond_broadcast)(c);
 }
 
@@ -147,58 +186,6 @@ int pthread_setname_np(pthread_t thread, const char* name) {
     if (target) target->name = name;
   }
   REAL(pthread_setname_np)(thread, name);
-}
-
-int pthread_rwlock_rdlock(pthread_rwlock_t* l) {
-  void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) {
-    ex::point(*t, OpKind::RdLock, l, ra);
-    return 0;
-  }
-  REAL(pthread_rwlock_rdlock)(l);
-}
-
-int pthread_rwlock_wrlock(pthread_rwlock_t* l) {
-  void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) {
-    ex::point(*t, OpKind::WrLock, l, ra);
-    return 0;
-  }
-  REAL(pthread_rwlock_wrlock)(l);
-}
-
-int pthread_rwlock_tryrdlock(pthread_rwlock_t* l) {
-  void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) {
-    t->rwTry = true;
-    ex::point(*t, OpKind::TryLock, l, ra);
-    t->rwTry = false;
-    ex::Internal internal;
-    ex::Rw& rw = ex::gRun->rws[l];
-    bool busy = rw.writer >= 0;
-    ex::observe(*t, busy);
-    if (busy) return EBUSY;
-    ++rw.readers;
-    return 0;
-  }
-  REAL(pthread_rwlock_tryrdlock)(l);
-}
-
-int pthread_rwlock_trywrlock(pthread_rwlock_t* l) {
-  void* ra = __builtin_return_address(0);
-  if (ex::Thread* t = managedCaller(ra)) {
-    t->rwTry = true;
-    ex::point(*t, OpKind::TryLock, l, ra);
-    t->rwTry = false;
-    ex::Internal internal;
-    ex::Rw& rw = ex::gRun->rws[l];
-    bool busy = rw.writer >= 0 || rw.readers > 0;
-    ex::observe(*t, busy);
-    if (busy) return EBUSY;
-    rw.writer = t->id;
-    return 0;
-  }
-  REAL(pthread_rwlock_trywrlock)(l);
 }
 
 int pthread_rwlock_unlock(pthread_rwlock_t* l) {

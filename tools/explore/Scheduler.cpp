@@ -634,11 +634,9 @@ void Scheduler::clientEnter() {
 }
 
 void Scheduler::clientReturn() {
+  clientEnter();
   if (Thread* t = tlsThread) {
-    settleWrites(*t);
     Internal internal;
-    t->inClient = true;
-    touchClient(*gRun, *t);
     // What the call read and where it went is over: its result is in the client's state.
     t->observed = 0;
     t->callSteps = 0;
