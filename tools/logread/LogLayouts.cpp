@@ -277,6 +277,16 @@ bool readThreadTime(std::string_view s, size_t p, LogLine* out) {
   return true;
 }
 
+// The stamp at `*pos`, if the line has one, as the line's time.
+void readLineTime(std::string_view s, size_t* pos, LogLine* out) {
+  int64_t ns = 0, tick = 0;
+  if (readTimePrefix(s, pos, &ns, &tick)) {
+    out->hasTime = true;
+    out->timeNs = ns;
+    out->tickNs = tick;
+  }
+}
+
 }  // namespace
 
 const char* layoutName(Layout layout) {
@@ -299,12 +309,7 @@ bool parseLogLine(std::string_view s, LogLine* out) {
   *out = LogLine();
   while (!s.empty() && s.back() == '\r') s.remove_suffix(1);
   size_t p = 0;
-  int64_t ns = 0, tick = 0;
-  if (readTimePrefix(s, &p, &ns, &tick)) {
-    out->hasTime = true;
-    out->timeNs = ns;
-    out->tickNs = tick;
-  }
+  readLineTime(s, &p, out);
   skipSpaces(s, &p);
   if (readSlashed(s, p, out) || readParenthesised(s, p, out)) {
     if (out->layout != Layout::Thread && out->tag.empty()) return false;
@@ -333,12 +338,7 @@ bool parseLongHeader(std::string_view s, LogLine* out) {
   if (!startsWith(s, "[ ") || s.size() < 4 || s.substr(s.size() - 2) != " ]") return false;
   std::string_view inner = trimRight(s.substr(2, s.size() - 4));
   size_t p = 0;
-  int64_t ns = 0, tick = 0;
-  if (readTimePrefix(inner, &p, &ns, &tick)) {
-    out->hasTime = true;
-    out->timeNs = ns;
-    out->tickNs = tick;
-  }
+  readLineTime(inner, &p, out);
   // "pid: tid L/tag", the level and tag after the last " L/".
   size_t slash = std::string_view::npos;
   for (size_t i = p; i + 2 < inner.size(); ++i) {

@@ -176,57 +176,50 @@ class JobProbe {
 
 namespace cc = NSCam::camsys::camcoordinator;
 
-// An enqueue request. The simulated pipeline is done with it when execute() returns, so it
-// hands the request's licence back to the pipe manager then.
-class ProbedEnqueueJob : public cc::ReqBaseJob {
+// A library job, timed and observed: the licence it is given is seen by the probe, and its
+// execute() runs the job's own work between the probe's begin and end, after sleeping for the
+// job's simulated duration.
+template <typename Job>
+class Probed : public Job {
  public:
-  ProbedEnqueueJob(const JobProbe& probe, JobRecord& rec, Nanos duration)
-      : mProbe(probe), mRec(rec), mDuration(duration) {}
+  template <typename... JobArgs>
+  Probed(const JobProbe& probe, JobRecord& rec, Nanos duration, JobArgs&&... jobArgs)
+      : Job(std::forward<JobArgs>(jobArgs)...), mProbe(probe), mRec(rec), mDuration(duration) {}
   int32_t assignLicense(std::unique_ptr<host::IRequestLicense> license) override {
     mProbe.observeLicence(mRec, license.get());
-    return ReqBaseJob::assignLicense(std::move(license));
+    return Job::assignLicense(std::move(license));
   }
   int32_t execute() override {
     mProbe.begins(mRec);
     JobProbe::sleepFor(mDuration);
-    if (mpLicense) host::IPipeMgr::getInstance()->releaseLicense(mpLicense, false, true);
-    mpLicense.reset();
-    mProbe.ends(mRec);
-    return 0;
-  }
-
- private:
-  const JobProbe& mProbe;
-  JobRecord& mRec;
-  Nanos mDuration;
-};
-
-// A configure request: the library's configure job, timed and observed.
-class ProbedConfigureJob : public cc::ReqCfgJob {
- public:
-  ProbedConfigureJob(const JobProbe& probe, JobRecord& rec, Nanos duration,
-                     std::shared_ptr<host::ConfigParam> config)
-      : ReqCfgJob(host::IPipeMgr::getInstance(), std::move(config)),
-        mProbe(probe),
-        mRec(rec),
-        mDuration(duration) {}
-  int32_t assignLicense(std::unique_ptr<host::IRequestLicense> license) override {
-    mProbe.observeLicence(mRec, license.get());
-    return ReqCfgJob::assignLicense(std::move(license));
-  }
-  int32_t execute() override {
-    mProbe.begins(mRec);
-    JobProbe::sleepFor(mDuration);
-    int32_t rc = ReqCfgJob::execute();
+    int32_t rc = work();
     mProbe.ends(mRec);
     return rc;
   }
 
  private:
+  int32_t work();
   const JobProbe& mProbe;
   JobRecord& mRec;
   Nanos mDuration;
 };
+
+// An enqueue request. The simulated pipeline is done with it when execute() returns, so it
+// hands the request's licence back to the pipe manager then.
+using ProbedEnqueueJob = Probed<cc::ReqBaseJob>;
+template <>
+inline int32_t Probed<cc::ReqBaseJob>::work() {
+  if (mpLicense) host::IPipeMgr::getInstance()->releaseLicense(mpLicense, false, true);
+  mpLicense.reset();
+  return 0;
+}
+
+// A configure request: the library's configure job.
+using ProbedConfigureJob = Probed<cc::ReqCfgJob>;
+template <>
+inline int32_t Probed<cc::ReqCfgJob>::work() {
+  return ReqCfgJob::execute();
+}
 
 // ---- watchdog ------------------------------------------------------------------------------
 
