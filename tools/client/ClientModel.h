@@ -108,6 +108,25 @@ struct ClientState {
   std::optional<std::pair<uint32_t, size_t>> takeRequestedDrop();
   std::optional<std::pair<uint32_t, size_t>> takeRacingDrop();
   std::optional<std::pair<uint32_t, size_t>> takeLateDrop();
+  // Reports every due drop, in that order: `report(sensor, idx)` a requested or racing one,
+  // `reportLate(sensor, idx)` a late one. True when it reported any.
+  template <typename Report, typename ReportLate>
+  bool reportDueDrops(Report report, ReportLate reportLate) {
+    bool any = false;
+    while (auto d = takeRequestedDrop()) {
+      report(d->first, d->second);
+      any = true;
+    }
+    while (auto d = takeRacingDrop()) {
+      report(d->first, d->second);
+      any = true;
+    }
+    while (auto d = takeLateDrop()) {
+      reportLate(d->first, d->second);
+      any = true;
+    }
+    return any;
+  }
   // The next first preparation comes after the frames whose first preparation has returned.
   void firstPrepareReturned(size_t idx);
 

@@ -361,21 +361,23 @@ class Parser {
     eventPaths_.push_back(path);
   }
 
+  // An object of a sensor and a frame number under `frameKey`: a skip, a no-frame send.
+  std::pair<uint32_t, uint32_t> sensorAndFrame(const json& j, const std::string& path,
+                                               const char* frameKey) {
+    checkKeys(j, path, {"sensor", frameKey});
+    return {sensorRef(require(j, path, "sensor"), join(path, "sensor")),
+            frame(require(j, path, frameKey), join(path, frameKey))};
+  }
+
   void skip(const json& j, const std::string& path) {
-    checkKeys(j, path, {"sensor", "frame"});
-    SkipSetup k;
-    k.sensor = sensorRef(require(j, path, "sensor"), join(path, "sensor"));
-    k.frame = frame(require(j, path, "frame"), join(path, "frame"));
-    s_.skips.push_back(k);
+    auto [sensor, frameNo] = sensorAndFrame(j, path, "frame");
+    s_.skips.push_back({sensor, frameNo});
     skipPaths_.push_back(path);
   }
 
   void noFrameSend(const json& j, const std::string& path) {
-    checkKeys(j, path, {"sensor", "after"});
-    NoFrameSendSetup n;
-    n.sensor = sensorRef(require(j, path, "sensor"), join(path, "sensor"));
-    n.after = frame(require(j, path, "after"), join(path, "after"));
-    s_.noFrameSends.push_back(n);
+    auto [sensor, after] = sensorAndFrame(j, path, "after");
+    s_.noFrameSends.push_back({sensor, after});
     noFramePaths_.push_back(path);
   }
 

@@ -385,20 +385,11 @@ struct ClientRun::Impl {
   }
 
   bool reportDueDrops() {
-    bool any = false;
-    while (auto d = client.takeRequestedDrop()) {
-      reportDrop(d->first, d->second);
-      any = true;
-    }
-    while (auto d = client.takeRacingDrop()) {
-      reportDrop(d->first, d->second);
-      any = true;
-    }
-    while (auto d = client.takeLateDrop()) {
-      notify(newEvent(EventKind::Drop, d->first, plan.plans[d->second].frame, 0));
-      any = true;
-    }
-    return any;
+    return client.reportDueDrops(
+        [&](uint32_t sensor, size_t idx) { reportDrop(sensor, idx); },
+        [&](uint32_t sensor, size_t idx) {
+          notify(newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0));
+        });
   }
 
   template <typename Pred>

@@ -287,21 +287,12 @@ struct Runner::Impl {
   // Reports the drops that are due: those the sensor threads ask for, racing drops whose send
   // has been issued, late drops whose frame has finished. True when it reported any.
   bool reportDueDropsLocked() ORVCAM_REQUIRES(mutex) {
-    bool any = false;
-    while (auto d = client.takeRequestedDrop()) {
-      reportDropLocked(d->first, d->second);
-      any = true;
-    }
-    while (auto d = client.takeRacingDrop()) {
-      reportDropLocked(d->first, d->second);
-      any = true;
-    }
-    while (auto d = client.takeLateDrop()) {
-      EventRecord& e = newEvent(EventKind::Drop, d->first, plan.plans[d->second].frame, 0);
-      notify(e);
-      any = true;
-    }
-    return any;
+    return client.reportDueDrops(
+        [&](uint32_t sensor, size_t idx) ORVCAM_REQUIRES(mutex) { reportDropLocked(sensor, idx); },
+        [&](uint32_t sensor, size_t idx) ORVCAM_REQUIRES(mutex) {
+          EventRecord& e = newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0);
+          notify(e);
+        });
   }
 
   // Waits for `pred` and, when given, for `deadline`, reporting the due drops meanwhile.
