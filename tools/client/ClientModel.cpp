@@ -225,5 +225,18 @@ std::optional<std::pair<uint32_t, size_t>> ClientState::takeLateDrop() {
   return std::nullopt;
 }
 
+std::optional<ClientState::DueDrop> ClientState::nextDueDrop(DropRound* round) {
+  if (*round == DropRound::Requested) {
+    if (auto d = takeRequestedDrop()) return DueDrop{d->first, d->second, false};
+    *round = DropRound::Racing;
+  }
+  if (*round == DropRound::Racing) {
+    if (auto d = takeRacingDrop()) return DueDrop{d->first, d->second, false};
+    *round = DropRound::Late;
+  }
+  if (auto d = takeLateDrop()) return DueDrop{d->first, d->second, true};
+  return std::nullopt;
+}
+
 }  // namespace client
 }  // namespace orvcam

@@ -108,25 +108,16 @@ struct ClientState {
   std::optional<std::pair<uint32_t, size_t>> takeRequestedDrop();
   std::optional<std::pair<uint32_t, size_t>> takeRacingDrop();
   std::optional<std::pair<uint32_t, size_t>> takeLateDrop();
-  // Reports every due drop, in that order: `report(sensor, idx)` a requested or racing one,
-  // `reportLate(sensor, idx)` a late one. True when it reported any.
-  template <typename Report, typename ReportLate>
-  bool reportDueDrops(Report report, ReportLate reportLate) {
-    bool any = false;
-    while (auto d = takeRequestedDrop()) {
-      report(d->first, d->second);
-      any = true;
-    }
-    while (auto d = takeRacingDrop()) {
-      report(d->first, d->second);
-      any = true;
-    }
-    while (auto d = takeLateDrop()) {
-      reportLate(d->first, d->second);
-      any = true;
-    }
-    return any;
-  }
+  // The due drops of one round, in that order: requested ones, then racing ones, then late
+  // ones; `*round` (Requested to begin with) keeps where the round has got to. Each is taken
+  // out of its list as it is returned, to be reported.
+  enum class DropRound { Requested, Racing, Late };
+  struct DueDrop {
+    uint32_t sensor;
+    size_t idx;
+    bool late;
+  };
+  std::optional<DueDrop> nextDueDrop(DropRound* round);
   // The next first preparation comes after the frames whose first preparation has returned.
   void firstPrepareReturned(size_t idx);
 

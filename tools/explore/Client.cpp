@@ -13,6 +13,7 @@
 #include "FrameContext.h"
 #include "FrameContextPool.h"
 #include "HostPlatform.h"
+#include "ThreadAnnotations.h"
 #include "check/Checker.h"
 #include "client/ClientModel.h"
 #include "explore/Explorer.h"
@@ -114,8 +115,9 @@ struct ClientRun::Impl {
     Release
   };
   // Client code ends (a call into the library, or the end of a callback): under the
-  // scheduler it is told; in a plain run the state's lock is let go.
-  void leaveClientCode() {
+  // scheduler it is told; in a plain run the state's lock is let go. Whether the lock is held
+  // depends on `plain`, which the analysis cannot follow (see plainMutex).
+  void leaveClientCode() ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
     if (!plain) {
       Scheduler::clientLeave();
       return;
@@ -124,7 +126,7 @@ struct ClientRun::Impl {
     plainMutex.unlock();
   }
   // Client code runs again: after a call (`returning`), or in a callback.
-  void enterClientCode(bool returning) {
+  void enterClientCode(bool returning) ORVCAM_NO_THREAD_SAFETY_ANALYSIS {
     if (!plain) {
       if (returning) {
         Scheduler::clientReturn();
@@ -385,11 +387,17 @@ struct ClientRun::Impl {
   }
 
   bool reportDueDrops() {
-    return client.reportDueDrops(
-        [&](uint32_t sensor, size_t idx) { reportDrop(sensor, idx); },
-        [&](uint32_t sensor, size_t idx) {
-          notify(newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0));
-        });
+    bool any = false;
+    auto round = client::ClientState::DropRound::Requested;
+    while (auto d = client.nextDueDrop(&round)) {
+      if (d->late) {
+        notify(newEvent(EventKind::Drop, d->sensor, plan.plans[d->idx].frame, 0));
+      } else {
+        reportDrop(d->sensor, d->idx);
+      }
+      any = true;
+    }
+    return any;
   }
 
   template <typename Pred>

@@ -287,12 +287,18 @@ struct Runner::Impl {
   // Reports the drops that are due: those the sensor threads ask for, racing drops whose send
   // has been issued, late drops whose frame has finished. True when it reported any.
   bool reportDueDropsLocked() ORVCAM_REQUIRES(mutex) {
-    return client.reportDueDrops(
-        [&](uint32_t sensor, size_t idx) ORVCAM_REQUIRES(mutex) { reportDropLocked(sensor, idx); },
-        [&](uint32_t sensor, size_t idx) ORVCAM_REQUIRES(mutex) {
-          EventRecord& e = newEvent(EventKind::Drop, sensor, plan.plans[idx].frame, 0);
-          notify(e);
-        });
+    bool any = false;
+    auto round = ClientState::DropRound::Requested;
+    while (auto d = client.nextDueDrop(&round)) {
+      if (d->late) {
+        EventRecord& e = newEvent(EventKind::Drop, d->sensor, plan.plans[d->idx].frame, 0);
+        notify(e);
+      } else {
+        reportDropLocked(d->sensor, d->idx);
+      }
+      any = true;
+    }
+    return any;
   }
 
   // Waits for `pred` and, when given, for `deadline`, reporting the due drops meanwhile.
