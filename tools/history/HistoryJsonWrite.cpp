@@ -1,3 +1,4 @@
+// A history written as JSON: whole, or part by part as it is made.
 #include "history/HistoryJson.h"
 
 #include <cstdio>

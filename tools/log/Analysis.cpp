@@ -1,3 +1,5 @@
+// What camdeliver-log makes of a session: its findings (stalls, fatal assertions, warnings,
+// breaches) with their explanations, and the text report.
 #include "log/LogReport.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The camdeliver-sim scenario that replays a log's frames, sync groups and events.
 #include "log/LogReport.h"
 
 #include <algorithm>
@@ -6,6 +7,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 
 namespace orvcam {
 namespace log {

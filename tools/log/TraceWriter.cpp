@@ -1,7 +1,7 @@
+// The trace rebuilt from a log, Chrome JSON or Perfetto protobuf, written as the log is read.
 #include "log/LogReport.h"
 
 #include <zlib.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <map>

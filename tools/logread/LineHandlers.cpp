@@ -1,10 +1,11 @@
-#include "logread/LogReader.h"
-
 // One handler per line of the library: the line's tag and function pick it (handle), and it
 // adds what the line says to the session's records of (sensor, frame).
+#include "logread/LogReader.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+
 #include "logread/LibraryLines.h"  // the library's lines read here, each with the key it is known by
 #include "logread/LogText.h"
 #include "logread/MessageCatalogue.h"

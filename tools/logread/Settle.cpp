@@ -1,7 +1,7 @@
-#include "logread/LogReader.h"
-
 // Settling: the frames no later line can change leave the window as a part of the history,
 // checked against the frames around them, and the report's records are kept in order.
+#include "logread/LogReader.h"
+
 #include <algorithm>
 #include <iterator>
 

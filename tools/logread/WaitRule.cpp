@@ -1,3 +1,4 @@
+// What a waiting send waits for, read from a log (WaitRule.h).
 #include "logread/WaitRule.h"
 
 #include <algorithm>
