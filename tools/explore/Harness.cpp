@@ -28,8 +28,6 @@
 namespace orvcam {
 namespace explore {
 
-using namespace logread;
-
 #if defined(ORVCAM_EXPLORE_UNDER_TSAN)
 
 // ThreadSanitizer's runtime intercepts the pthread functions the scheduler defines: no
@@ -57,6 +55,8 @@ void fail(const std::string& message) {
 void name(const void*, const std::string&) {}
 
 #else
+
+using namespace logread;
 
 namespace {
 
