@@ -21,9 +21,6 @@
 namespace orvcam {
 namespace explore {
 
-using namespace client;
-using namespace history;
-
 namespace cc = NSCam::camsys::camcoordinator;
 using client::EventTiming;
 using history::EventKind;

@@ -56,8 +56,6 @@ void name(const void*, const std::string&) {}
 
 #else
 
-using namespace logread;
-
 namespace {
 
 // fail() may come from any managed thread, and only one runs at a time; the lock is for a

@@ -13,8 +13,6 @@
 namespace orvcam {
 namespace history {
 
-using base::OrderedWorker;
-
 // False with a message naming the field (a JSON path such as "jobs[3].kind") and what is
 // wrong; `history` is then unspecified.
 bool readHistoryJson(std::istream& in, History* history, std::string* error);

@@ -1,21 +1,17 @@
+// Reading a capture's lines: layouts, sessions and each line's time; the handlers of the
+// library's lines are in LineHandlers.cpp, settling in Settle.cpp.
 #include "logread/LogReader.h"
 
-#include "logread/LibraryLines.h"  // the library's lines read here, each with the key it is known by
-#include "logread/LogText.h"
-#include "logread/MessageCatalogue.h"
-
 #include <algorithm>
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
+
+#include "logread/LogText.h"
 
 namespace orvcam {
 namespace logread {
 
 using namespace history;
-
 using namespace text;
 
 namespace {

@@ -31,8 +31,6 @@ namespace logread {
 using history::History;
 using history::Nanos;
 
-using history::Nanos;
-
 // Studio: what Android Studio's Logcat window copies or exports, "pid-tid" after the time.
 enum class Layout { Unknown, ThreadTime, Time, Brief, Process, Tag, Thread, Raw, Long, Studio };
 const char* layoutName(Layout layout);
