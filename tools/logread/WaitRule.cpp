@@ -30,7 +30,7 @@ SendWait sendWait(const Run& r, const SensorFrame& st, bool isConfig) {
   w.frame = previousFrame(r, st);
   if (!w.frame) return w;
   auto fi = r.frames.find(*w.frame);
-  if (fi != r.frames.end() && !fi->second.syncBroken) {
+  if (fi != r.frames.end()) {
     w.sensors.assign(fi->second.sensors.begin(), fi->second.sensors.end());
   }
   return w;

@@ -24,7 +24,8 @@ struct SendWait {
   // frame; empty when the log does not show it.
   std::optional<uint32_t> frame;
   // Who must enqueue `frame`: the off sensor, or the sensors the log shows in the frame (its
-  // sync group); empty when the frame's sync was broken, which lets everybody go.
+  // sync group). A sync break of the frame is not taken into account: the log cannot tell
+  // whether it came before the send was released or after.
   std::vector<uint32_t> sensors;
 };
 SendWait sendWait(const Run& r, const SensorFrame& st, bool isConfig);
