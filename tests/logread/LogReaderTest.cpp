@@ -375,6 +375,32 @@ TEST_F(LogTest, LostPrepareAndDropReportAreTakenFromTheLinesAfterThem) {
   EXPECT_TRUE(a.warnings.empty()) << a.warnings[0].text;
 }
 
+// The pool's lookup can come after the frame's send was seen (a sync wait line of a send made
+// before its licence): the lost prepare is placed no later than that send, or the client would
+// be blamed for sending before preparing.
+TEST_F(LogTest, ALostPrepareIsNoLaterThanASendAlreadySeen) {
+  prepareBoth(0, 1, 0);
+  prepare(3, 1, 2, 1);  // S:0's prepare of frame 2 is lost
+  enqueue(4, 0, 1, 5, false);
+  add(tt(6, 10, 'D', "CamDeliverGuard",
+         "[operator()] " + sf(0, 2) + "[EnqJob] wait previous syncframe enque ..."));
+  enqueue(7, 1, 1, 5, true);
+  add(tt(9, 10, 'D', "FrameContextPool",
+         "[getPreviousFC] [S:0 F:2] get previous frameNo(1) order(0) < currentOrder(1)"));
+  enqueue(9, 0, 2, 6, false);
+  enqueue(11, 1, 2, 6, true);
+  logread::Run r = only();
+  EXPECT_EQ(r.lostLines, 1u);
+  EXPECT_EQ(r.firstLost, "the prepare of S:0 F:2 before line 9");
+  auto p =
+      std::find_if(r.history.prepares.begin(), r.history.prepares.end(),
+                   [](const history::PrepareRecord& x) { return x.sensor == 0 && x.frame == 2; });
+  ASSERT_NE(p, r.history.prepares.end());
+  EXPECT_LE(p->at, 6000000);
+  Analysis a = analyse(r);
+  EXPECT_TRUE(a.findings.empty()) << a.findings[0].text;
+}
+
 // Without the pool's lookup, the sensor's own job lines for the frame prove its prepare: after
 // frames it prepared in this log, the line was lost; for its first frame, the log began later.
 TEST_F(LogTest, AJobOfAFrameWithoutItsPrepareLineMeansTheLineWasLost) {

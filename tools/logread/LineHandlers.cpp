@@ -505,6 +505,9 @@ void LineScope::onPool() {
     next = it;
   }
   st.preparedAt = next == h.prepares.end() ? at : next->at;
+  // A send of the frame already seen came after the prepare: the lost line was no later.
+  if (st.cfgSent) st.preparedAt = std::min(st.preparedAt, st.cfgSentAt);
+  if (st.enqSentSeen || st.enqWaitSeen) st.preparedAt = std::min(st.preparedAt, st.enqSentAt);
   h.prepares.insert(next, {sensor, frame, st.preparedAt});
   frameInfo(frame).sensors.insert(sensor);
   ++r.totals[sensor].prepared;
